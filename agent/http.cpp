@@ -143,6 +143,7 @@ int httpGet(const char* url, long* httpStatus, HttpResponse** response) {
     httpBufferInit(&body, 1);
     CURL* handle = curl_easy_init();
     setOptions(handle, url, &headers, &body);
+    flushLogEcho();  // the request may take long
     const CURLcode result = curl_easy_perform(handle);
     if (result == CURLE_OK) {
         curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, httpStatus);

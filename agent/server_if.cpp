@@ -65,15 +65,22 @@ class Deadline {
     explicit Deadline(int seconds)
         : m_isLimited(seconds > 0), m_end(Clock::now() + std::chrono::seconds(seconds)) {}
 
-    // Waits for something to read. False when the time is up first.
+    // Waits for something to read. False when the time is up, also when there is something then: a
+    // sender that drips must not get by.
     bool waitFor(int socket) const {
-        if (!m_isLimited) {
-            return true;
-        }
         const auto left =
             std::chrono::ceil<std::chrono::milliseconds>(m_end - Clock::now()).count();
+        if (m_isLimited && left <= 0) {
+            return false;
+        }
         pollfd watched = {socket, POLLIN, 0};
-        return left > 0 && poll(&watched, 1, static_cast<int>(std::min<long>(left, 1L << 30))) != 0;
+        if (poll(&watched, 1, 0) != 0) {
+            return true;
+        }
+        flushLogEcho();
+        // Without a limit the read itself waits.
+        return !m_isLimited ||
+               poll(&watched, 1, static_cast<int>(std::min<long>(left, 1L << 30))) != 0;
     }
 
   private:

@@ -1,0 +1,152 @@
+// What outlives the agent: its sessions, and a push that waits for its application.
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "tests/integration/device.hpp"
+
+namespace {
+
+class AgentRestart : public Device {
+  protected:
+    // An agent with one channel, killed.
+    void SetUp() override {
+        Device::SetUp();
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
+        }
+        startServer();
+        ASSERT_TRUE(startAgent());
+        m_client = connect();
+        m_port = createChannel(*m_client);
+        ASSERT_TRUE(waitForLog("Save to persistent memory returns 1"));
+        killAgent();
+    }
+
+    std::unique_ptr<ClientConnection> m_client;
+    int m_port = 0;
+};
+
+}  // namespace
+
+TEST_F(AgentRestart, ClientIsToldThatTheAgentIsGone) {
+    EXPECT_TRUE(m_client->isEnded());
+    EXPECT_FALSE(m_client->write("msg::createSession\n"));
+}
+
+TEST_F(AgentRestart, SavedPortListensBeforeAnyApplicationIsThere) {
+    EXPECT_FALSE(isListening(m_port));
+    ASSERT_TRUE(startAgent());
+    EXPECT_TRUE(isListening(m_port));
+}
+
+TEST_F(AgentRestart, PushWaitsForItsApplicationAndCostsNoProcessorTime) {
+    ASSERT_TRUE(startAgent());
+    const PushSender sender(m_port);
+    sender.send(makePush("late", "x"));
+    ASSERT_TRUE(waitForLog("serverIfProcessData: getClientObjectId is empty"));
+    EXPECT_EQ(sender.readToEnd(0.3), "(still open)");
+    const std::string log = agentLog();
+    const std::string line = "getClientObjectId is empty";
+    EXPECT_EQ(log.find(line, log.find(line) + 1), std::string::npos) << "looked at more than once";
+
+    const auto client = connect();
+    client->request("createSession", "s", kApp);
+    EXPECT_EQ(client->next().msg, "onCreateSessionComplete");
+    EXPECT_EQ(client->next().id, "late");
+    client->request("acceptPush", "late", kApp);
+    EXPECT_TRUE(isAcknowledgement(sender.readToEnd()));
+}
+
+TEST_F(AgentRestart, ReloadedSessionIsSavedAgainUnchanged) {
+    const std::string before = readObject("/pps/services/push/quilagent");
+    ASSERT_TRUE(startAgent());
+    const auto client = connect();
+    client->request("registerToLaunch", "l", kApp, "\"launchString\":\"x\"");
+    EXPECT_EQ(client->next().id, "l");
+    client->request("unregisterFromLaunch", "u", kApp);
+    EXPECT_EQ(client->next().id, "u");
+    EXPECT_EQ(readObject("/pps/services/push/quilagent"), before);
+}
+
+TEST_F(AgentRestart, OtherSimDeregistersAndTellsEveryClient) {
+    startServer({"--delay", "0.5"});
+    setSim("262019999999999");
+    ASSERT_TRUE(startAgent());
+    const auto first = connect();
+    const auto second = connect();
+    EXPECT_EQ(first->next().text, "@ipc\nmsg::onSimChange\nid::\n");
+    EXPECT_EQ(second->next().text, "@ipc\nmsg::onSimChange\nid::\n");
+    EXPECT_FALSE(isListening(m_port));
+    EXPECT_EQ(portOf(kApp), 0);
+    EXPECT_TRUE(waitUntil([&] {
+        const std::string saved = readObject("/pps/services/push/quilagent");
+        return saved.find("imsi::262019999999999\ndat:json:{\"sessions\":[]}") != std::string::npos;
+    }));
+}
+
+TEST_F(AgentRestart, FailedDeregistrationOfAnotherSimIsToldWithItsCode) {
+    startServer({"--delay", "0.5", "--fail-deregister", "555"});
+    setSim("262019999999999");
+    ASSERT_TRUE(startAgent());
+    const auto client = connect();
+    EXPECT_EQ(client->next().text, "@ipc\nmsg::onSimChange\nid::\nerr:n:555\n");
+    EXPECT_TRUE(isListening(m_port)) << "the session is still there";
+}
+
+TEST_F(AgentRestart, MissingSimKeepsTheSessions) {
+    writeObject("/pps/services/cellular/uicc/card0/status_private", "");
+    ASSERT_TRUE(startAgent());
+    EXPECT_TRUE(isListening(m_port));
+}
+
+TEST_F(AgentRestart, DamagedSavedObjectIsNoReasonToFail) {
+    writeObject("/pps/services/push/quilagent", "dat::{\"sessions\":[{\n");
+    ASSERT_TRUE(startAgent());
+    EXPECT_FALSE(isListening(m_port));
+    const auto client = connect();
+    createChannel(*client);
+}
+
+TEST_F(AgentRestart, TakenPortIsLoggedAndTheSessionIsKept) {
+    // Somebody else has the port now.
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(m_port));
+    const int on = 1;
+    setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    ASSERT_TRUE(startAgent());
+    EXPECT_TRUE(waitForLog("Error opening port " + std::to_string(m_port)));
+    EXPECT_TRUE(waitForLog("quilAgentLoop: port [" + std::to_string(m_port) + "] fd[-1]"));
+    close(listener);
+}
+
+TEST_F(AgentRestart, RestartedObjectServiceBringsBackTheSessions) {
+    ASSERT_TRUE(m_ppsd->restart());
+    ASSERT_TRUE(startAgent());
+    EXPECT_TRUE(isListening(m_port));
+}
+
+TEST_F(AgentRestart, AgentSurvivesTheDeathOfTheObjectServiceWithoutBurningTime) {
+    ASSERT_TRUE(startAgent());
+    m_ppsd->kill();
+    ASSERT_TRUE(waitForLog("clientPPSMessageGet: Unable to read push PPS object."));
+    const std::size_t before = agentLog().size();
+    ASSERT_TRUE(waitUntil([&] { return agentLog().size() > before; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+    const std::string log = agentLog().substr(before);
+    int passes = 0;
+    for (std::size_t at = log.find("Waiting (select)"); at != std::string::npos;
+         at = log.find("Waiting (select)", at + 1)) {
+        ++passes;
+    }
+    EXPECT_LE(passes, 15) << "ten passes a second are to be expected";
+    EXPECT_TRUE(m_agent.isRunning());
+    killAgent();
+    ASSERT_TRUE(m_ppsd->start());
+}
