@@ -142,6 +142,10 @@ Server::Server(std::vector<std::string> arguments) {
     m_port = static_cast<std::uint16_t>(std::stoi("0" + fileBytes(portFile)));
 }
 
+Server::~Server() {
+    EXPECT_EQ(stop(), 0) << m_program->err();
+}
+
 int Server::stop() {
     m_program->signal(SIGTERM);
     return m_program->wait();
