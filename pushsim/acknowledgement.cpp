@@ -79,7 +79,7 @@ AcknowledgementCheck checkAcknowledgement(std::string_view bytes) {
         return check;
     }
     check.date = bytes.substr(kBeforeDate.size(), kDateBytes);
-    if (!readDate(check.date, &check.time)) {
+    if (check.date.size() != kDateBytes || !readDate(check.date, &check.time)) {
         check.fault = "byte " + std::to_string(kBeforeDate.size()) + ": \"" + readable(check.date) +
                       "\" is no date like \"Sat Nov 21 02:24:44 2026\"";
         return check;

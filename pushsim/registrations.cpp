@@ -28,7 +28,16 @@ std::string toStateText(const Ports& ports) {
 Ports readStateFile(const std::string& path) {
     const std::string text = readInput(path);
     try {
-        return Json::parse(text).at("applications").get<Ports>();
+        Ports ports;
+        for (const auto& [application, port] :
+             Json::parse(text).at("applications").get<std::map<std::string, std::int64_t>>()) {
+            if (port < 1 || port > 65535) {
+                throw std::runtime_error(path + " is no state file: " + std::to_string(port) +
+                                         " is no port");
+            }
+            ports[application] = static_cast<std::uint16_t>(port);
+        }
+        return ports;
     } catch (const Json::exception& error) {
         throw std::runtime_error(path + " is no state file: " + error.what());
     }
