@@ -34,9 +34,11 @@ class AgentClients : public Device {
 TEST_F(AgentClients, TwoApplicationsGetTheirOwnPushes) {
     const auto news = connect();
     const auto mail = connect();
-    const PushSender newsSender(createChannel(*news, "news"));
-    const PushSender mailSender(createChannel(*mail, "mail"));
+    const int newsPort = createChannel(*news, "news");
+    const int mailPort = createChannel(*mail, "mail");
+    const PushSender newsSender(newsPort);
     newsSender.send(makePush("n", "for news"));
+    const PushSender mailSender(mailPort);
     mailSender.send(makePush("m", "for mail"));
     EXPECT_EQ(news->next().id, "n");
     EXPECT_EQ(mail->next().id, "m");
