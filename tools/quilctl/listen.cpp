@@ -34,10 +34,9 @@ using quilclient::Result;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kFlushTime{2000};  // for answers that a full queue of the agent holds back
-constexpr double kLongestSeconds = 1e9;   // beyond this a time-out is none
 
 std::optional<Clock::time_point> deadlineOf(const std::optional<double>& seconds) {
-    if (!seconds || *seconds > kLongestSeconds) {
+    if (!seconds) {
         return std::nullopt;
     }
     return Clock::now() + milliseconds(static_cast<std::int64_t>(std::ceil(*seconds * 1000)));

@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 
+#include "tools/common/validators.hpp"
 #include "tools/quilctl/listen.hpp"
 #include "tools/quilctl/verbs.hpp"
 
@@ -34,17 +35,16 @@ struct Typed {
     std::function<ExitStatus()> run;
 };
 
-const CLI::Validator kNotEmpty(
-    [](std::string& text) { return text.empty() ? std::string("must not be empty") : ""; }, "");
-
 void addListen(CLI::App& app, Typed& typed) {
     CLI::App* verb =
         app.add_subcommand("listen", "Play an application: show and answer its pushes");
     ListenOptions& options = typed.listen;
-    verb->add_option("APP", options.appId, "Provider application id")->required()->check(kNotEmpty);
+    verb->add_option("APP", options.appId, "Provider application id")
+        ->required()
+        ->check(validators::notEmpty());
     verb->add_option("--ppg", options.ppgUrl, "URL of the push server")
         ->required()
-        ->check(kNotEmpty);
+        ->check(validators::notEmpty());
     CLI::Option* accept =
         verb->add_flag("--accept", typed.isAccept, "Accept every push (this is the default)");
     CLI::Option* reject = verb->add_flag("--reject", typed.isReject, "Reject every push");
@@ -53,21 +53,21 @@ void addListen(CLI::App& app, Typed& typed) {
                                          "Run CMD in a shell for each push: data on its\n"
                                          "standard input; QUIL_PUSH_ID, QUIL_HEADERS and\n"
                                          "more in its environment; exit status 0 accepts");
-    exec->type_name("CMD")->check(kNotEmpty);
+    exec->type_name("CMD")->check(validators::notEmpty());
     accept->excludes(reject)->excludes(ask)->excludes(exec);
     reject->excludes(ask)->excludes(exec);
     ask->excludes(exec);
     verb->add_option("--save", options.directory,
                      "Write each push to files in DIR before the answer")
         ->type_name("DIR")
-        ->check(kNotEmpty);
+        ->check(validators::notEmpty());
     verb->add_flag("--json", options.json, "One JSON object per line");
     verb->add_option("--count", options.count, "End after N pushes")
         ->type_name("N")
-        ->check(CLI::PositiveNumber);
+        ->check(validators::positive());
     verb->add_option("--timeout", options.timeoutSeconds, "Give up after S seconds, exit status 4")
         ->type_name("S")
-        ->check(CLI::PositiveNumber);
+        ->check(validators::seconds());
     verb->callback([&typed, exec] {
         using Mode = ListenOptions::Mode;
         typed.listen.mode = typed.isReject      ? Mode::Reject
@@ -82,12 +82,12 @@ CLI::App* addRequest(CLI::App& app, Typed& typed, const char* name, Verb kind, c
     CLI::App* verb = app.add_subcommand(name, help);
     verb->add_option("APP", typed.request.appId, "Provider application id")
         ->required()
-        ->check(kNotEmpty);
+        ->check(validators::notEmpty());
     verb->add_flag("--json", typed.json, "One JSON object per line");
     verb->add_option("--timeout", typed.timeoutSeconds, "Wait S seconds for the answer")
         ->type_name("S")
         ->capture_default_str()
-        ->check(CLI::Range(0.001, 1e9));
+        ->check(validators::seconds());
     verb->callback([&typed, name, kind] {
         typed.request.verb = kind;
         typed.run = [&typed, name] {
@@ -98,7 +98,7 @@ CLI::App* addRequest(CLI::App& app, Typed& typed, const char* name, Verb kind, c
 }
 
 void addArgument(CLI::App* verb, Typed& typed, const char* name, const char* help) {
-    verb->add_option(name, typed.request.argument, help)->required()->check(kNotEmpty);
+    verb->add_option(name, typed.request.argument, help)->required()->check(validators::notEmpty());
 }
 
 void addRequests(CLI::App& app, Typed& typed) {
