@@ -1,0 +1,104 @@
+#include "ppsd/fuse/mount_point.hpp"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <utility>
+
+#include "platform/root/root.hpp"
+#include "ppsd/store/files.hpp"
+
+namespace {
+
+constexpr char kFuseConfiguration[] = "/etc/fuse.conf";
+constexpr mode_t kMountPointMode = 0755;
+
+// True when fuse.conf lets ordinary users open their mounts to others.
+bool usersMayAllowOthers() {
+    std::ifstream configuration(kFuseConfiguration);
+    std::string line;
+    while (std::getline(configuration, line)) {
+        const std::size_t end = line.find_last_not_of(" \t");
+        if (end != std::string::npos && line.substr(0, end + 1) == "user_allow_other") {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Unmounts as the system's helper may do it for an ordinary user.
+bool unmountWithHelper(const std::string& path) {
+    const pid_t child = fork();
+    if (child == 0) {
+        execlp("fusermount3", "fusermount3", "-u", "-q", "-z", "--", path.c_str(), nullptr);
+        _exit(127);
+    }
+    int status = 0;
+    while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return child > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+}  // namespace
+
+MountPoint::MountPoint(std::string path) : m_path(std::move(path)) {}
+
+// The connection of a dead service answers everything with ENOTCONN.
+bool MountPoint::clearStaleMount(std::string& error) {
+    struct stat status {};
+    if (stat(m_path.c_str(), &status) == 0 || errno != ENOTCONN) {
+        return true;
+    }
+    if (umount2(m_path.c_str(), MNT_DETACH) != 0 && !unmountWithHelper(m_path)) {
+        error = "cannot unmount what a dead service left on " + displayPath(m_path);
+        return false;
+    }
+    return true;
+}
+
+bool MountPoint::prepare(std::string& error) {
+    if (!clearStaleMount(error)) {
+        return false;
+    }
+    const int makeError = makeFolders(m_path, kMountPointMode);
+    if (makeError != 0) {
+        error =
+            "cannot use the mount point " + displayPath(m_path) + ": " + std::strerror(makeError);
+        return false;
+    }
+    struct stat own {};
+    struct stat above {};
+    m_lock = UniqueFd(open(m_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!m_lock || fstat(m_lock.get(), &own) != 0 || stat((m_path + "/..").c_str(), &above) != 0) {
+        error = "cannot use the mount point " + displayPath(m_path) + ": " + std::strerror(errno);
+        return false;
+    }
+    const bool isMounted = own.st_dev != above.st_dev || own.st_ino == above.st_ino;
+    if (isMounted || flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0) {
+        error = "the mount point " + displayPath(m_path) +
+                " is in use: another ppsd or file system is mounted on it";
+        return false;
+    }
+    return true;
+}
+
+std::string mountOptions() {
+    std::string options = "default_permissions,fsname=ppsd,subtype=ppsd";
+    if (geteuid() == 0 || usersMayAllowOthers()) {
+        options += ",allow_other";
+    }
+    return options;
+}
+
+std::string displayPath(const std::string& path) {
+    const std::string root = platformPath("");
+    const bool isBelow = !root.empty() && path.starts_with(root + "/");
+    return isBelow ? path.substr(root.size()) : path;
+}

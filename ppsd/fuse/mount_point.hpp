@@ -1,0 +1,32 @@
+// The folder on which the tree is mounted.
+
+#pragma once
+
+#include <string>
+
+#include "ppsd/store/unique_fd.hpp"
+
+class MountPoint {
+  public:
+    explicit MountPoint(std::string path);
+
+    // Makes the folder when it is missing, clears away the mount of a service that died, and locks
+    // the folder against a second service. False with a sentence for the person who started the
+    // service in `error`.
+    bool prepare(std::string& error);
+
+    const std::string& path() const { return m_path; }
+
+  private:
+    bool clearStaleMount(std::string& error);
+
+    std::string m_path;
+    UniqueFd m_lock;  // on the folder underneath the mount
+};
+
+// The mount options: others than the user of the service get in where the system permits that, and
+// the kernel checks permissions in any case.
+std::string mountOptions();
+
+// `path` as people write it: without the value of QUIL_ROOT in front.
+std::string displayPath(const std::string& path);

@@ -1,0 +1,141 @@
+#include "ppsd/store/files.hpp"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+
+#include "ppsd/store/unique_fd.hpp"
+
+namespace {
+
+int writeAll(int fd, std::string_view content) {
+    while (!content.empty()) {
+        const ssize_t written = write(fd, content.data(), content.size());
+        if (written < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno;
+        }
+        content.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return 0;
+}
+
+int writeAside(const std::string& aside, std::string_view content) {
+    const UniqueFd file(
+        open(aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file) {
+        return errno;
+    }
+    const int error = writeAll(file.get(), content);
+    if (error != 0) {
+        return error;
+    }
+    return fsync(file.get()) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+int readFile(const std::string& path, std::string& content) {
+    // Non-blocking, so that a FIFO that somebody put into the store cannot hang the service.
+    const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    if (!file || fstat(file.get(), &status) != 0) {
+        return errno;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return EINVAL;
+    }
+    content.clear();
+    char block[65536];
+    for (;;) {
+        const ssize_t got = read(file.get(), block, sizeof block);
+        if (got == 0) {
+            return 0;
+        }
+        if (got > 0) {
+            content.append(block, static_cast<std::size_t>(got));
+        } else if (errno != EINTR) {
+            return errno;
+        }
+    }
+}
+
+int replaceFile(const std::string& path, const std::string& aside, std::string_view content) {
+    int error = writeAside(aside, content);
+    if (error == 0 && rename(aside.c_str(), path.c_str()) != 0) {
+        error = errno;
+    }
+    if (error != 0) {
+        unlink(aside.c_str());
+        return error;
+    }
+    return syncFolder(folderOf(path));
+}
+
+int syncFolder(const std::string& path) {
+    const UniqueFd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder && fsync(folder.get()) == 0 ? 0 : errno;
+}
+
+int listFolder(const std::string& path, std::vector<std::string>& names) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(path.c_str()), closedir);
+    if (!folder) {
+        return errno;
+    }
+    names.clear();
+    errno = 0;
+    while (const dirent* entry = readdir(folder.get())) {
+        const std::string name = entry->d_name;
+        if (name != "." && name != "..") {
+            names.push_back(name);
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return errno;
+}
+
+int makeFolders(const std::string& path, mode_t mode) {
+    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+        if (mkdir(path.substr(0, slash).c_str(), 0755) != 0 && errno != EEXIST) {
+            return errno;
+        }
+    }
+    if (mkdir(path.c_str(), mode) == 0) {
+        return 0;
+    }
+    if (errno != EEXIST) {
+        return errno;
+    }
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        return errno;
+    }
+    return S_ISDIR(status.st_mode) ? 0 : ENOTDIR;
+}
+
+int removeFlatFolder(const std::string& path) {
+    std::vector<std::string> names;
+    const int error = listFolder(path, names);
+    if (error != 0) {
+        return error;
+    }
+    for (const std::string& name : names) {
+        if (unlink((path + "/" + name).c_str()) != 0) {
+            return errno;
+        }
+    }
+    return rmdir(path.c_str()) == 0 ? 0 : errno;
+}
+
+std::string folderOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash);
+}
