@@ -1,0 +1,137 @@
+// Order matters wherever the two threads meet: the session is changed first, then the main loop is
+// woken, then the application is told, so that whoever reacts to the news finds the session ready.
+
+#include "agent/completion.hpp"
+
+#include "agent/client_reply.hpp"
+#include "agent/config_manager.hpp"
+#include "agent/data_manager.hpp"
+#include "agent/event_loop.hpp"
+#include "agent/log.hpp"
+#include "agent/message_manager.hpp"
+#include "agent/messages/message_factory.hpp"
+#include "agent/session_manager.hpp"
+#include "agent/states/session_states.hpp"
+
+void addMessage(int errorCode, int type, const std::string& appId, const std::string& id,
+                const std::string& clientId, std::unique_ptr<QuilBaseMessage> message) {
+    QUIL_LOG(LOG_LEVEL_INFO, "addMessage: msg type[%d] provider id[%s] errorCode[%d]", type,
+             appId.c_str(), errorCode);
+    if (message == nullptr) {
+        message = QuilMessageFactory::getInstance()->createMessage(type, appId, id, clientId);
+    }
+    if (message == nullptr) {
+        return;
+    }
+    message->overwriteErrorCode(errorCode);
+    const int messageType = message->getMessageType();
+    auto node = std::make_unique<QuilMessageNode>(messageType, std::move(message));
+    if (QuilMessageManager::getInstance()->push(std::move(node)) == 0) {
+        QUIL_LOG(LOG_LEVEL_INFO, "addMessage: for provider app id[%s] failed.", appId.c_str());
+    } else {
+        QUIL_LOG(LOG_LEVEL_INFO, "addMessage: for provider app id[%s] error[%d] done.",
+                 appId.c_str(), errorCode);
+    }
+}
+
+void addReplyMessage(int errorCode, int type, const std::string& appId, const std::string& id,
+                     const std::string& clientId) {
+    addMessage(errorCode, type, appId, id, clientId, nullptr);
+}
+
+void addErrorReply(int errorCode, const std::string& requestName, const std::string& appId,
+                   const std::string& id, const std::string& clientId) {
+    const int type = QuilMessageFactory::getInstance()->getMessageType(requestName);
+    addReplyMessage(errorCode, type, appId, id, clientId);
+}
+
+void sendCallbackResponse(std::unique_ptr<QuilBaseMessage> message) {
+    const std::string appId = message->getName();
+    if (QuilSessionManager::getInstance()->getSessionByAppId(appId) == nullptr) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "Cannot find [%s] in session map. Existing error [%d]",
+                 appId.c_str(), message->getErrorCode());
+        message->overwriteErrorCode(RESULT_INTERNAL_FAILURE);
+    }
+    QUIL_LOG(LOG_LEVEL_DEBUG, "%s: Sending data back to app id[%s] client id[%s] err[%d]",
+             message->getCallbackName().c_str(), appId.c_str(), message->getClientId().c_str(),
+             message->getErrorCode());
+    sendMessage(std::move(message));
+}
+
+void addCreateChannelCompletedMessage(QuilServerRegMessage& request) {
+    const std::string appId = request.getName();
+    QUIL_LOG(LOG_LEVEL_DEBUG, "addCreateChannelCompletedMessage: provider app id [%s]",
+             appId.c_str());
+    auto completion = std::make_unique<QuilCreateChannelCompleteMessage>(appId, request.getId(),
+                                                                         request.getClientId());
+    bool isSuccess = false;
+    if (request.getErrorCode() != RESULT_OK) {
+        completion->setErrorCode(request.getErrorCode());
+    } else {
+        QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId(appId);
+        if (session != nullptr) {
+            const std::string pin = QuilConfigManager::getInstance()->getDevicePin();
+            session->enterState(std::make_unique<QuilRegisterState>());
+            completion->setToken(pin);
+            session->setToken(pin);
+            isSuccess = true;
+        } else {
+            QUIL_LOG(LOG_LEVEL_WARNING,
+                     "addCreateChannelCompletedMessage: provider App Id[%s] not found",
+                     appId.c_str());
+            request.setErrorCode(RESULT_NO_SESSION);
+        }
+    }
+    wakeMainLoop();
+    // Code 0 in any case, kept on purpose: applications know a failed creation by its empty token,
+    // and have never been sent an "err" here.
+    addMessage(RESULT_OK, MESSAGE_CREATE_CHANNEL_COMPLETE, appId, request.getId(),
+               request.getClientId(), std::move(completion));
+    if (isSuccess) {
+        const int saved = QuilDataManager::getInstance()->save();
+        QUIL_LOG(LOG_LEVEL_INFO, "Save to persistent memory returns %d", saved);
+    }
+}
+
+void addDestroyChannelCompletedMessage(const QuilServerRegMessage& request) {
+    addReplyMessage(request.getErrorCode(), MESSAGE_DESTROY_CHANNEL_COMPLETE, request.getName(),
+                    request.getId(), request.getClientId());
+}
+
+void processDestroyChannelCallback(std::unique_ptr<QuilBaseMessage> message) {
+    const std::string appId = message->getName();
+    QUIL_LOG(LOG_LEVEL_DEBUG, "processDestroyChannelCallback: app id [%s] error code [%d]",
+             appId.c_str(), message->getErrorCode());
+    QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId(appId);
+    if (session == nullptr) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "Cannot find [%s] in session map. Existing error [%d]",
+                 appId.c_str(), message->getErrorCode());
+        message->overwriteErrorCode(RESULT_INTERNAL_FAILURE);
+        sendMessage(std::move(message));
+        return;
+    }
+    const bool isSimChanged = session->isSimChanged();
+    QUIL_LOG(LOG_LEVEL_DEBUG, "processDestroyChannelCallback: is_sim_changed [%d]",
+             isSimChanged ? 1 : 0);
+    if (isSimChanged) {
+        message->setCallbackName("onSimChange");
+    }
+    const int port = session->getPort().getPort();
+    const int socket = session->getPort().getSocket();
+    if (message->getErrorCode() == RESULT_OK) {
+        session->enterState(std::make_unique<QuilDeleteState>());
+        session->stopListenOnPort();
+    }
+    sendMessage(std::move(message));
+    QUIL_LOG(LOG_LEVEL_INFO,
+             "processDestroyChannelCallback: destroy Channel: app id[%s] port number[%d] "
+             "socket/fd [%d] isSimChange[%d]",
+             appId.c_str(), port, socket, isSimChanged ? 1 : 0);
+    cleanup();
+}
+
+void cleanup() {
+    wakeMainLoop();
+    const int saved = QuilDataManager::getInstance()->save();
+    QUIL_LOG(LOG_LEVEL_INFO, "cleanup: Save to persistent memory returns %d", saved);
+}

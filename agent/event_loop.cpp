@@ -1,0 +1,243 @@
+// One select over three kinds of descriptor: the served client object, the read end of a pipe by
+// which the other thread wakes this one, and the listening socket of every port. The set is built
+// anew before every wait from the list of ports taken at the end of the pass before, so a new port
+// is watched from the next pass on. Everything that touches sockets of pushes and requests of
+// clients runs here, on the main thread.
+
+#include "agent/event_loop.hpp"
+
+#include <fcntl.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "agent/client_if.hpp"
+#include "agent/log.hpp"
+#include "agent/msg_handler.hpp"
+#include "agent/server_if.hpp"
+#include "agent/session_manager.hpp"
+
+namespace {
+
+constexpr int kLowestDescriptor = 1;
+constexpr int kHighestDescriptor = 255;
+// After a failure that a next pass would run into at once.
+constexpr std::chrono::milliseconds kPause{100};
+
+// Main thread only.
+int g_clientDescriptor = -1;
+QuilSessionManager* g_sessions = nullptr;
+int g_pipeReadEnd = -1;
+// 0 until the loop has made its pipe: a wake-up before that goes to standard input, which is
+// harmless, and nothing is lost by it since the first pass looks at all ports anyway.
+std::atomic<int> g_pipeWriteEnd{0};
+
+bool isWatchable(int descriptor) {
+    return descriptor >= kLowestDescriptor && descriptor <= kHighestDescriptor;
+}
+
+void makePipe() {
+    int ends[2] = {-1, -1};
+    // A failure shows when the set is built.
+    static_cast<void>(pipe2(ends, O_CLOEXEC | O_NONBLOCK));
+    g_pipeReadEnd = ends[0];
+    g_pipeWriteEnd = ends[1];
+}
+
+class DescriptorSet {
+  public:
+    DescriptorSet() { FD_ZERO(&m_set); }
+
+    void add(int descriptor) {
+        FD_SET(descriptor, &m_set);
+        m_highest = std::max(m_highest, descriptor);
+    }
+    bool has(int descriptor) const {
+        return isWatchable(descriptor) && FD_ISSET(descriptor, &m_set);
+    }
+    int wait() { return select(m_highest + 1, &m_set, nullptr, nullptr, nullptr); }
+
+  private:
+    fd_set m_set;
+    int m_highest = 0;
+};
+
+// False when a descriptor that the loop cannot do without is out of range.
+bool buildSet(const std::vector<QuilPort*>& ports, DescriptorSet* set) {
+    QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Waiting (select)...");
+    for (const QuilPort* port : ports) {
+        const int socket = port->getSocket();
+        QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: setting rfds: port [%d] fd[%d]", port->getPort(),
+                 socket);
+        if (isWatchable(socket) && !port->isWaitingForClient()) {
+            set->add(socket);
+        }
+    }
+    if (!isWatchable(g_clientDescriptor)) {
+        QUIL_LOG(LOG_LEVEL_ERROR, "QuilAgent: invalid client file descriptor %d",
+                 g_clientDescriptor);
+        return false;
+    }
+    set->add(g_clientDescriptor);
+    if (!isWatchable(g_pipeReadEnd)) {
+        QUIL_LOG(LOG_LEVEL_ERROR,
+                 "QuilAgent: invalid file descriptor for internal pipe between threads %d",
+                 g_pipeReadEnd);
+        return false;
+    }
+    set->add(g_pipeReadEnd);
+    return true;
+}
+
+void waitForEvents(DescriptorSet* set) {
+    flushLogEcho();
+    errno = 0;
+    if (set->wait() <= 0) {
+        // The pass goes on with the set as select left it. Kept on purpose: a port may have been
+        // closed under the wait, and every reader below copes with a descriptor that has nothing to
+        // give.
+        QUIL_LOG(LOG_LEVEL_WARNING, "quilAgentLoop: Select error [%d] [%s]", errno,
+                 strerror(errno));
+    }
+}
+
+void servePorts(const std::vector<QuilPort*>& ports, const DescriptorSet& set) {
+    for (QuilPort* port : ports) {
+        if (!set.has(port->getSocket())) {
+            continue;
+        }
+        QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Port %d receiving data for App id [%s]",
+                 port->getPort(), port->getName().c_str());
+        try {
+            serverIfProcessData(port);
+        } catch (...) {
+            QUIL_LOG(LOG_LEVEL_WARNING,
+                     "quilAgentLoop: exception occurred when trying to serverIfProcessData");
+        }
+        QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: serverIfProcessData port [%d] fd[%d]",
+                 port->getPort(), port->getSocket());
+    }
+}
+
+void serveClient() {
+    QUIL_LOG(LOG_LEVEL_DEBUG, "Client if event.\n");
+    int count = 0;
+    try {
+        count = clientPPSMessageGet();
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING,
+                 "quilAgentLoop: exception occurred when trying to process a client request");
+    }
+    if (count == -1) {
+        // The object service is gone, and the descriptor stays readable. Whoever supervises both
+        // has to start them anew; until then this must not eat the processor.
+        std::this_thread::sleep_for(kPause);
+    }
+}
+
+void serveWakeUp() {
+    QUIL_LOG(LOG_LEVEL_DEBUG, "Ignore\n");
+    char byte = 0;
+    // Non-blocking: after a failed select there may be none.
+    static_cast<void>(!read(g_pipeReadEnd, &byte, 1));
+}
+
+// The ports of all sessions, each logged with `format`.
+template <typename LogPort>
+std::vector<QuilPort*> takePorts(const char* exceptionText, LogPort logPort) {
+    QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: All the valid ports are\n");
+    std::vector<QuilPort*> ports;
+    try {
+        ports = g_sessions->getAllPorts();
+        logPort(ports);
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "%s", exceptionText);
+    }
+    return ports;
+}
+
+std::vector<QuilPort*> takeFirstPorts() {
+    return takePorts("quilAgentLoop: exception occurred when trying to get all ports\n",
+                     [](const std::vector<QuilPort*>& ports) {
+                         QUIL_LOG(LOG_LEVEL_DEBUG, "ports->size() = %d",
+                                  static_cast<int>(ports.size()));
+                         for (const QuilPort* port : ports) {
+                             QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: port [%d] fd[%d]",
+                                      port->getPort(), port->getSocket());
+                         }
+                     });
+}
+
+std::vector<QuilPort*> takeNextPorts() {
+    return takePorts("quilAgentLoop: exception occurred when trying to get all ports",
+                     [](const std::vector<QuilPort*>& ports) {
+                         for (const QuilPort* port : ports) {
+                             QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop 2: port[%d] fd[%d]",
+                                      port->getPort(), port->getSocket());
+                         }
+                     });
+}
+
+}  // namespace
+
+int quilAgentInit() {
+    QUIL_LOG(LOG_LEVEL_DEBUG, "quilAgentInit - ENTER\n");
+    if (msgHandlerInit() == 0) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "quilAgentInit: messsage handler init FAILED.");
+        return 0;
+    }
+    g_clientDescriptor = clientIfInit();
+    if (g_clientDescriptor == -1) {
+        return 0;
+    }
+    g_sessions = QuilSessionManager::getInstance();
+    if (g_sessions == nullptr) {
+        return 0;
+    }
+    QUIL_LOG(LOG_LEVEL_DEBUG, "quilAgentInit - EXIT");
+    return 1;
+}
+
+void quilAgentLoop() {
+    // Also when quilAgentInit failed on the way to it.
+    g_sessions = QuilSessionManager::getInstance();
+    makePipe();
+    std::vector<QuilPort*> ports = takeFirstPorts();
+    if (g_sessions->processSimChange() == 0) {
+        QUIL_LOG(LOG_LEVEL_ERROR, "QuilAgent: process SIM Change failed!");
+        return;
+    }
+    QUIL_LOG(LOG_LEVEL_INFO, "Entering quilAgentLoop...");
+    for (;;) {
+        DescriptorSet set;
+        if (!buildSet(ports, &set)) {
+            return;
+        }
+        waitForEvents(&set);
+        // Pushes first, then the client, then the wake-up, and only then the new list: a request
+        // that frees a port cannot take it away from a push that was already there.
+        servePorts(ports, set);
+        if (set.has(g_clientDescriptor)) {
+            serveClient();
+        }
+        if (set.has(g_pipeReadEnd)) {
+            serveWakeUp();
+        }
+        ports = takeNextPorts();
+        QUIL_LOG(LOG_LEVEL_INFO, "\n\n");
+    }
+}
+
+void wakeMainLoop() {
+    const char byte = 'a';
+    if (write(g_pipeWriteEnd, &byte, 1) != 1) {
+        QUIL_LOG(LOG_LEVEL_DEBUG, "Failed to write pipe!!\n");
+    }
+}

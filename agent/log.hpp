@@ -1,0 +1,37 @@
+// The one logging call of the agent.
+//
+// A line goes to the system log and is echoed on standard output as "QUIL:file.cpp(LINE): text".
+// Lines above the process-wide verbosity cost one comparison. Nothing here allocates, and errno is
+// the same after a line as before it, so that a caller may log and then still report errno.
+//
+// Texts that end in a line feed give a blank line on standard output; that is accepted.
+
+#pragma once
+
+// The system logger's severities, as far as the agent uses them.
+enum QuilLogLevel {
+    LOG_LEVEL_SHORTAGE = 1,  // only for the line that tells of too little stack
+    LOG_LEVEL_ERROR = 2,     // fatal at start-up, or the loop gives up
+    LOG_LEVEL_WARNING = 3,   // a failure that is survived
+    LOG_LEVEL_INFO = 5,      // progress
+    LOG_LEVEL_DEBUG = 6      // detail
+};
+
+// Logs at `level` on behalf of the calling line. Arguments as for printf.
+#define QUIL_LOG(level, ...) logMessage(level, __FILE__, __LINE__, __VA_ARGS__)
+
+// Filters, formats (text beyond 4095 bytes is cut), sends to the system log and echoes. With a null
+// `sourcePath` the line has no file and number: "QUIL: text". Safe on any thread. A thread with
+// 4224 bytes of stack or fewer left gets a fixed line of its own instead.
+void logMessage(int level, const char* sourcePath, int line, const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
+
+// Raises the verbosity (5 at first) by `n`, to 7 at the most. Before any thread is started.
+void raiseVerbosity(int n);
+
+// Gives the echo a buffer, so that it costs no system call per line. Once, before the first line.
+void bufferLogEcho();
+
+// Writes out what the echo holds back. To be called before a thread waits, so that an idle process
+// has shown all its lines.
+void flushLogEcho();

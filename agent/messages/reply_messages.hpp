@@ -1,0 +1,62 @@
+// The messages that end as a reply to a request, and the one that carries a registration to the
+// push data server.
+
+#pragma once
+
+#include <string>
+
+#include "agent/messages/base_message.hpp"
+
+// Answer to "createSession".
+class QuilCreateSessionCompleteMessage : public QuilBaseMessage {
+  public:
+    QuilCreateSessionCompleteMessage(const std::string& appId, const std::string& id,
+                                     const std::string& clientId);
+    bool hasData() const override { return false; }
+};
+
+// Answer to "createChannel". A success carries the token, which is the device PIN.
+class QuilCreateChannelCompleteMessage : public QuilBaseMessage {
+  public:
+    QuilCreateChannelCompleteMessage(const std::string& appId, const std::string& id,
+                                     const std::string& clientId);
+    bool addData(pps_encoder_t* encoder) const override;
+
+    const std::string& getToken() const { return m_token; }
+    void setToken(const std::string& token) { m_token = token; }
+
+  private:
+    std::string m_token;
+};
+
+// Answer to "destroyChannel", and under another callback name the news of a changed SIM.
+class QuilDestroyChannelCompleteMessage : public QuilBaseMessage {
+  public:
+    QuilDestroyChannelCompleteMessage(const std::string& appId, const std::string& id,
+                                      const std::string& clientId);
+    bool hasData() const override { return false; }
+};
+
+// Answer to "registerToLaunch" and "unregisterFromLaunch"; has no callback name.
+class QuilResponseMessage : public QuilBaseMessage {
+  public:
+    QuilResponseMessage(const std::string& appId, const std::string& id,
+                        const std::string& clientId);
+    bool hasData() const override { return false; }
+};
+
+// A channel to be registered (type 7) or deregistered (type 8) with the push data server.
+class QuilServerRegMessage : public QuilBaseMessage {
+  public:
+    QuilServerRegMessage(const std::string& appId, const std::string& id,
+                         const std::string& clientId, const std::string& ppgUrl);
+    // The result code is for the handler, never for a reply.
+    bool hasError() const override { return false; }
+
+    const std::string& getPpgUrl() const { return getArgument(); }
+    bool isRegister() const { return m_isRegister; }
+    void setRegister(bool isRegister) { m_isRegister = isRegister; }
+
+  private:
+    bool m_isRegister = true;
+};

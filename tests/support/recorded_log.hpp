@@ -1,0 +1,34 @@
+// The system log as a test sees it. A test program that compiles recorded_log.cpp in gets this
+// slogf in place of the platform's; everything above it, logMessage included, is the real thing.
+
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct RecordedLine {
+    std::uint32_t code;
+    int severity;
+    std::string text;  // as handed to slogf, "QUIL:file.cpp(LINE): " included
+};
+
+// All lines since the process or the last clearing began, in order, of all threads. Safe on any
+// thread.
+std::vector<RecordedLine> recordedLines();
+void clearRecordedLines();
+
+// The same lines without what no test can know: "SEVERITY text", one per line,
+// "QUIL:file.cpp(LINE): " left out. A line that is not the agent's own (another code) has its code
+// in front: "CODE/SEVERITY text".
+std::string recordedText();
+
+// How often a line of that severity and exactly that text (without "QUIL:file.cpp(LINE): ") was
+// logged.
+int countRecorded(int severity, const std::string& text);
+inline bool wasLogged(int severity, const std::string& text) {
+    return countRecorded(severity, text) > 0;
+}
+
+// Waits up to `seconds` until such a line has been logged. For lines of another thread.
+bool waitForLogged(int severity, const std::string& text, double seconds = 10);
