@@ -6,6 +6,7 @@
 
 #include "tools/common/validators.hpp"
 #include "tools/quilctl/listen.hpp"
+#include "tools/quilctl/trace.hpp"
 #include "tools/quilctl/verbs.hpp"
 
 namespace {
@@ -32,6 +33,8 @@ struct Typed {
     double timeoutSeconds = kRequestSeconds;
     bool json = false;
     std::optional<int> code;
+    std::string logFile = "-";
+    double slowSeconds = 1;
     std::function<ExitStatus()> run;
 };
 
@@ -132,6 +135,20 @@ void addCodes(CLI::App& app, Typed& typed) {
     });
 }
 
+void addTrace(CLI::App& app, Typed& typed) {
+    CLI::App* verb =
+        app.add_subcommand("trace", "Show where the time of each push and channel went");
+    verb->add_option("LOG", typed.logFile, "The agent's log; - or nothing: standard input")
+        ->check(validators::notEmpty());
+    verb->add_flag("--json", typed.json, "One JSON object per line");
+    verb->add_option("--slow", typed.slowSeconds, "Mark what took longer than S seconds (1)")
+        ->type_name("S")
+        ->check(validators::seconds());
+    verb->callback([&typed] {
+        typed.run = [&typed] { return traceLog(typed.logFile, typed.slowSeconds, typed.json); };
+    });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -141,6 +158,7 @@ int main(int argc, char** argv) {
     Typed typed;
     addListen(app, typed);
     addRequests(app, typed);
+    addTrace(app, typed);
     addCodes(app, typed);
     try {
         app.parse(argc, argv);
