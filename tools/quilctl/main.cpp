@@ -6,6 +6,7 @@
 
 #include "tools/common/validators.hpp"
 #include "tools/quilctl/listen.hpp"
+#include "tools/quilctl/status.hpp"
 #include "tools/quilctl/trace.hpp"
 #include "tools/quilctl/verbs.hpp"
 
@@ -35,6 +36,7 @@ struct Typed {
     std::optional<int> code;
     std::string logFile = "-";
     double slowSeconds = 1;
+    bool isChecking = false;
     std::function<ExitStatus()> run;
 };
 
@@ -135,6 +137,19 @@ void addCodes(CLI::App& app, Typed& typed) {
     });
 }
 
+void addStatus(CLI::App& app, Typed& typed) {
+    CLI::App* verb = app.add_subcommand("status", "Show what runs, and with what settings");
+    verb->add_flag("--check", typed.isChecking,
+                   "Explain what is wrong and what to do;\n"
+                   "exit status 1 when something is");
+    verb->add_flag("--json", typed.json, "One JSON object per line");
+    verb->callback([&typed] {
+        typed.run = [&typed] {
+            return typed.isChecking ? checkStatus(typed.json) : showStatus(typed.json);
+        };
+    });
+}
+
 void addTrace(CLI::App& app, Typed& typed) {
     CLI::App* verb =
         app.add_subcommand("trace", "Show where the time of each push and channel went");
@@ -158,6 +173,7 @@ int main(int argc, char** argv) {
     Typed typed;
     addListen(app, typed);
     addRequests(app, typed);
+    addStatus(app, typed);
     addTrace(app, typed);
     addCodes(app, typed);
     try {

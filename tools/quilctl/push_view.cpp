@@ -35,7 +35,7 @@ std::string textLines(const std::string& data) {
 }
 
 std::string dumpRow(const std::string& data, std::size_t at) {
-    char number[16];
+    char number[32];
     std::snprintf(number, sizeof number, "%04zx ", at);
     std::string row = kIndent + std::string(number);
     std::string letters;
