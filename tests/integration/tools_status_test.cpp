@@ -1,0 +1,351 @@
+// quilctl status and trace as people run them: broken set-ups that each name their cause, and the
+// whole way of a push with the real agent.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <sstream>
+
+#include "tests/integration/tool_process.hpp"
+#include "tests/support/ppsd_mount.hpp"
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// A socket that listens on a port of the kernel's choice.
+class Listening {
+  public:
+    Listening() : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        EXPECT_EQ(bind(m_socket, reinterpret_cast<sockaddr*>(&address), size), 0);
+        EXPECT_EQ(::listen(m_socket, 5), 0);
+        getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &size);
+        port = std::to_string(ntohs(address.sin_port));
+    }
+    ~Listening() { close(m_socket); }
+    Listening(const Listening&) = delete;
+    Listening& operator=(const Listening&) = delete;
+
+    std::string port;
+
+  private:
+    int m_socket;
+};
+
+// A system that lacks nothing; each test takes something away.
+class Status : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        QUIL_SKIP_WITHOUT_FUSE();
+        ASSERT_TRUE(m_ppsd.start());
+        for (const char* folder :
+             {"/system", "/system/nvram", "/services", "/services/push", "/services/cellular",
+              "/services/cellular/uicc", "/services/cellular/uicc/card0"}) {
+            mkdir(m_ppsd.path(folder).c_str(), 0755);
+        }
+        write("system/nvram/deviceinfo", {"PIN=0x2a3b", "HardwareID=0x05"});
+        write("services/deviceproperties", {"scmbundle=10.3"});
+        write("services/cellular/uicc/card0/status_private", {"imsi=302720"});
+        std::filesystem::create_directory(m_root.path("/etc"));
+        configure("proxy-port 0\nhttp-timeout 20\n");
+    }
+
+    void write(const std::string& object, const Words& attributes) {
+        Words words = {"write", object, "--create"};
+        words.insert(words.end(), attributes.begin(), attributes.end());
+        const ToolRun result = runTool(m_root.path(), "ppsctl", words);
+        ASSERT_EQ(result.status, 0) << result.error;
+    }
+
+    void configure(const std::string& text) {
+        std::ofstream(m_root.path("/etc/quilagent.conf")) << text;
+    }
+
+    void saveSession(const std::string& port) {
+        write("services/push/quilagent",
+              {"version=5.0.0", "imsi=302720",
+               "dat:json:{\"sessions\":[{\"providerApplicationId\":\"com.app\",\"ppgUrl\":"
+               "\"http://x\",\"launchString\":\"\",\"token\":\"2a\",\"port\":" +
+                   port + "}]}"});
+    }
+
+    // Starts the agent and waits until it serves.
+    void startAgent() {
+        m_agent.emplace(m_root.path(), "quilagent",
+                        Words{"-U", std::to_string(getuid()) + ":" + std::to_string(getgid())});
+        ASSERT_TRUE(m_agent->waitFor("Entering quilAgentLoop")) << m_agent->output;
+    }
+
+    // The names of the findings, and the exit status.
+    std::string check() {
+        const ToolRun result = runTool(m_root.path(), "quilctl", {"status", "--check", "--json"});
+        std::string names;
+        std::istringstream lines(result.output);
+        for (std::string line; std::getline(lines, line);) {
+            names += nlohmann::json::parse(line)["finding"].get<std::string>() + " ";
+        }
+        return names + std::to_string(result.status);
+    }
+
+    ScratchRoot m_root;
+    PpsdMount m_ppsd{m_root};
+    std::optional<ToolProcess> m_agent;
+};
+
+}  // namespace
+
+TEST_F(Status, SoundSystemHasNoFindings) {
+    startAgent();
+    EXPECT_EQ(check(), "0");
+    const ToolRun result = runTool(m_root.path(), "quilctl", {"status", "--check"});
+    EXPECT_EQ(result.output, "nothing is wrong that can be seen from here\n");
+}
+
+TEST_F(Status, ShowsWhatThereIs) {
+    const Listening other;
+    saveSession("1");
+    startAgent();
+    const ToolRun result = runTool(m_root.path(), "quilctl", {"status"});
+    EXPECT_EQ(result.status, 0) << result.error;
+    for (const char* part :
+         {"object service   mounted on /pps\n", ", serves /pps/services/push/ipc",
+          "PIN              0x2a3b\n", "IMSI             302720\n",
+          "proxy-port          0 (line 1)\n", "push-timeout        30 (default)\n",
+          "of the 15359 bytes", "com.app, port 1, "}) {
+        EXPECT_TRUE(contains(result.output, part)) << part << "\n" << result.output;
+    }
+    const auto object =
+        nlohmann::json::parse(runTool(m_root.path(), "quilctl", {"status", "--json"}).output);
+    EXPECT_EQ(object["served"], true);
+    EXPECT_EQ(object["agents"][0]["user"], getuid());
+    EXPECT_EQ(object["configuration"]["http-timeout"]["source"], "line 2");
+    EXPECT_EQ(object["sessions"][0]["app"], "com.app");
+}
+
+TEST_F(Status, OfNothingIsStatus3) {
+    EXPECT_EQ(runTool(m_root.path(), "quilctl", {"status"}).status, 3);
+    m_ppsd.stop();
+    const ToolRun result = runTool(m_root.path(), "quilctl", {"status"});
+    EXPECT_EQ(result.status, 3);
+    EXPECT_TRUE(contains(result.output, "no object service is mounted"));
+}
+
+TEST_F(Status, NamesAMissingAgent) {
+    EXPECT_EQ(check(), "no-agent 1");
+}
+
+TEST_F(Status, NamesAMissingMount) {
+    m_ppsd.stop();
+    EXPECT_EQ(check(), "no-mount no-agent 1");
+}
+
+TEST_F(Status, NamesADeadMount) {
+    m_ppsd.kill();
+    EXPECT_EQ(check(), "mount-dead no-agent 1");
+    ASSERT_TRUE(m_ppsd.start());
+}
+
+TEST_F(Status, NamesAnObjectInTheWay) {
+    write("services/push/ipc", {"a=1"});
+    EXPECT_EQ(check(), "no-agent object-in-the-way 1");
+}
+
+TEST_F(Status, NamesAMissingPin) {
+    startAgent();
+    unlink(m_ppsd.path("/system/nvram/deviceinfo").c_str());
+    write("system/nvram/deviceinfo", {"HardwareID=0x05"});
+    EXPECT_EQ(check(), "no-pin 1");
+    const ToolRun result = runTool(m_root.path(), "quilctl", {"status", "--check"});
+    EXPECT_TRUE(contains(result.output, "problem: the device's PIN is unknown")) << result.output;
+    EXPECT_TRUE(contains(result.output, "next: without it every channel has an empty token"));
+}
+
+TEST_F(Status, NamesAMissingIdentityObject) {
+    startAgent();
+    unlink(m_ppsd.path("/services/deviceproperties").c_str());
+    EXPECT_EQ(check(), "no-identity 1");
+}
+
+TEST_F(Status, WarnsOfAMissingSim) {
+    startAgent();
+    unlink(m_ppsd.path("/services/cellular/uicc/card0/status_private").c_str());
+    EXPECT_EQ(check(), "no-imsi 0");
+}
+
+TEST_F(Status, WarnsOfAnotherSim) {
+    startAgent();
+    write("services/push/quilagent", {"imsi=999"});
+    EXPECT_EQ(check(), "sim-changed 0");
+}
+
+TEST_F(Status, NamesAProxyInTheWay) {
+    std::string port;
+    {
+        const Listening proxy;
+        port = proxy.port;
+        configure("proxy-port " + port + "\nhttp-timeout 20\n");
+        startAgent();
+        EXPECT_EQ(check(), "0");
+    }
+    EXPECT_EQ(check(), "proxy 1");
+}
+
+TEST_F(Status, WarnsOfTimeoutsThatAreOff) {
+    configure("proxy-port 0\npush-timeout 0\n");
+    startAgent();
+    EXPECT_EQ(check(), "http-timeout push-timeout 0");
+}
+
+TEST_F(Status, NamesOddLinesOfTheConfiguration) {
+    configure("proxy-port 0\r\nhttp-timeout 20\nhttp-timeuot 30\nlonely\n#comment here\n" +
+              std::string(300, 'x') + "\nuser 0\n");
+    startAgent();
+    EXPECT_EQ(check(), "configuration configuration configuration configuration configuration 1");
+}
+
+TEST_F(Status, WarnsOfAMissingConfiguration) {
+    startAgent();
+    std::filesystem::remove(m_root.path("/etc/quilagent.conf"));
+    EXPECT_TRUE(contains(check(), "no-configuration"));
+}
+
+TEST_F(Status, NamesAListenAddressOfAnotherMachine) {
+    configure("proxy-port 0\nhttp-timeout 20\nlisten-address 192.0.2.1\n");
+    startAgent();
+    EXPECT_EQ(check(), "listen-address 1");
+}
+
+TEST_F(Status, NamesAPortThatNobodyListensOn) {
+    std::string port;
+    {
+        const Listening other;
+        port = other.port;
+    }
+    startAgent();
+    saveSession(port);
+    EXPECT_EQ(check(), "port-silent 1");
+}
+
+TEST_F(Status, NamesDamagedAndOverlongSavedSessions) {
+    startAgent();
+    write("services/push/quilagent", {"dat:json:{broken"});
+    EXPECT_EQ(check(), "saved-damaged 1");
+    write("services/push/quilagent", {"dat=" + std::string(16000, 'x')});
+    EXPECT_EQ(check(), "saved-too-long 1");
+}
+
+TEST_F(Status, NamesObjectsThatTheAgentsUserMayNotUse) {
+    if (getuid() != 0) {
+        GTEST_SKIP() << "NOT TESTED, only root can give the agent another user";
+    }
+    saveSession("-1");
+    chmod(m_ppsd.path("/services/push/quilagent").c_str(), 0600);
+    chmod(m_ppsd.path("/system/nvram/deviceinfo").c_str(), 0600);
+    chmod(m_ppsd.path("/services/push").c_str(), 0777);
+    m_agent.emplace(m_root.path(), "quilagent", Words{"-U", "12345:12345"});
+    ASSERT_TRUE(m_agent->waitFor("Start Push Agent")) << m_agent->output;
+    const std::string found = check();
+    EXPECT_TRUE(contains(found, "identity-forbidden identity-forbidden saved-forbidden")) << found;
+}
+
+// --- trace ---------------------------------------------------------------------------------------
+
+TEST_F(Status, TraceFollowsAPushThroughTheRealAgent) {
+    startAgent();
+    const std::string portFile = m_root.path("/port");
+    ToolProcess server(m_root.path(), "pushsim",
+                       {"serve", "--port-file", portFile, "--ports", "21000-29000"});
+    ASSERT_TRUE(server.waitFor("listening on"));
+    std::string url;
+    std::ifstream(portFile) >> url;
+    ToolProcess listener(m_root.path(), "quilctl",
+                         {"listen", "com.app", "--ppg", "http://127.0.0.1:" + url, "--count", "1"});
+    ASSERT_TRUE(listener.waitFor("channel open")) << listener.error;
+    const auto status =
+        nlohmann::json::parse(runTool(m_root.path(), "quilctl", {"status", "--json"}).output);
+    ASSERT_EQ(status["sessions"].size(), 1U) << status;
+    EXPECT_EQ(status["sessions"][0]["listening"], true);
+    std::ofstream(m_root.path("/data")) << "hello";
+    const ToolRun sent = runTool(m_root.path(), "pushsim",
+                                 {"send", std::to_string(status["sessions"][0]["port"].get<int>()),
+                                  m_root.path("/data"), "--id", "m1", "--wait"});
+    EXPECT_EQ(sent.status, 0) << sent.output << sent.error;
+    EXPECT_EQ(listener.wait(), 0);
+    EXPECT_TRUE(contains(listener.output, "push ' m1', 5 bytes, sender waits")) << listener.output;
+    ASSERT_TRUE(m_agent->waitFor("acceptPush called"));
+    ASSERT_TRUE(m_agent->waitFor("PPS_DELETE"));  // listen is gone, so the answer was handled
+    std::ofstream(m_root.path("/log")) << m_agent->output;
+    const ToolRun trace = runTool(m_root.path(), "quilctl", {"trace", m_root.path("/log")});
+    EXPECT_EQ(trace.status, 0) << trace.error;
+    EXPECT_EQ(trace.output,
+              "--:--:--.---  com.app: channel created\n"
+              "--:--:--.---  com.app push ' m1', 68 bytes: accepted\n");
+}
+
+namespace {
+
+constexpr const char* kLog =
+    "2026-11-21T10:00:00.000 QUIL:event_loop.cpp(1): quilAgentLoop: Port 1 receiving data for App "
+    "id [a]\n"
+    "2026-11-21T10:00:02.500 QUIL:server_if.cpp(1): serverIfProcessData 1: recved [9] bytes of "
+    "data\n"
+    "2026-11-21T10:00:02.500 QUIL:event_loop.cpp(1): quilAgentLoop: serverIfProcessData port [1] "
+    "fd[9]\n";
+
+class Trace : public ::testing::Test {
+  protected:
+    ToolRun trace(const Words& more) {
+        std::ofstream(m_root.path("/log")) << kLog;
+        Words words = {"trace", m_root.path("/log")};
+        words.insert(words.end(), more.begin(), more.end());
+        return runTool(m_root.path(), "quilctl", words);
+    }
+
+    ScratchRoot m_root;
+};
+
+}  // namespace
+
+TEST_F(Trace, MarksWhatWasSlow) {
+    EXPECT_EQ(trace({}).output,
+              "10:00:00.000  a push, 9 bytes: still queued; read 2500 ms  SLOW: read\n");
+    EXPECT_EQ(trace({"--slow", "3"}).output,
+              "10:00:00.000  a push, 9 bytes: still queued; read 2500 ms\n");
+}
+
+TEST_F(Trace, AsJsonIsOneObjectPerLine) {
+    const auto object = nlohmann::json::parse(trace({"--json"}).output);
+    EXPECT_EQ(object["kind"], "push");
+    EXPECT_EQ(object["seconds"]["read"], 2.5);
+    EXPECT_EQ(object["slow"][0], "read");
+}
+
+TEST_F(Trace, ReadsStandardInput) {
+    ToolProcess trace(m_root.path(), "quilctl", {"trace", "-"});
+    trace.type(kLog);
+    EXPECT_EQ(trace.wait(), 0);
+    EXPECT_TRUE(contains(trace.output, "still queued")) << trace.output;
+}
+
+TEST_F(Trace, OfAMissingFileIsStatus3AndOfAnotherFileIsStatus1) {
+    EXPECT_EQ(runTool(m_root.path(), "quilctl", {"trace", m_root.path("/none")}).status, 3);
+    std::ofstream(m_root.path("/other")) << "nothing of the agent's\n";
+    const ToolRun other = runTool(m_root.path(), "quilctl", {"trace", m_root.path("/other")});
+    EXPECT_EQ(other.status, 1);
+    EXPECT_TRUE(contains(other.error, "no line of the agent's log")) << other.error;
+}

@@ -1,0 +1,150 @@
+// What is wrong, judged from facts: a sound system has no findings, and each fault has its own.
+
+#include "tools/quilctl/findings.hpp"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class FindingsTest : public ::testing::Test {
+  protected:
+    FindingsTest() {
+        m_facts.service = ServiceState::Mounted;
+        m_facts.agents = {{7, 44, 44, {}}};
+        m_facts.isObjectServed = true;
+        m_facts.configuration.isFileRead = true;
+        m_facts.configuration.settings = {{"proxy-host", "127.0.0.1", "default"},
+                                          {"proxy-port", "0", "line 1"},
+                                          {"listen-address", "127.0.0.1", "default"},
+                                          {"push-timeout", "30", "default"},
+                                          {"http-timeout", "60", "line 2"}};
+        m_facts.isProxyLocal = true;
+        for (const char* name : {"PIN", "model", "OS version", "IMSI"}) {
+            m_facts.identity.push_back({name, "/pps/x", name, "1", "", true});
+        }
+        m_facts.saved = {true, true, true, 200, "1", 44, true, {}};
+        m_facts.saved.sessions.push_back({"com.app", "http://x", "", 4400, true, 44, 0});
+    }
+
+    // The names of the findings, "?" behind a warning.
+    std::string found() {
+        std::string names;
+        for (const Finding& finding : findProblems(m_facts)) {
+            EXPECT_FALSE(finding.words.empty()) << finding.name;
+            EXPECT_FALSE(finding.next.empty()) << finding.name;
+            names += (names.empty() ? "" : " ") + finding.name + (finding.isWarning ? "?" : "");
+        }
+        return names;
+    }
+
+    void set(const std::string& key, const std::string& value) {
+        for (Setting& setting : m_facts.configuration.settings) {
+            if (setting.key == key) {
+                setting.value = value;
+            }
+        }
+    }
+
+    StatusFacts m_facts;
+};
+
+}  // namespace
+
+TEST_F(FindingsTest, SoundSystemHasNone) {
+    EXPECT_EQ(found(), "");
+}
+
+TEST_F(FindingsTest, ObjectServiceMissingOrDead) {
+    m_facts.service = ServiceState::Absent;
+    EXPECT_EQ(found(), "no-mount");
+    m_facts.service = ServiceState::Dead;
+    EXPECT_EQ(found(), "mount-dead");
+}
+
+TEST_F(FindingsTest, AgentMissing) {
+    m_facts.agents.clear();
+    m_facts.isObjectServed = false;
+    EXPECT_EQ(found(), "no-agent");
+    m_facts.isObjectServed = true;
+    EXPECT_EQ(found(), "no-agent object-in-the-way");
+}
+
+TEST_F(FindingsTest, SeveralAgents) {
+    m_facts.agents.push_back(m_facts.agents.front());
+    EXPECT_EQ(found(), "many-agents?");
+}
+
+TEST_F(FindingsTest, PushObjectNotServedOrForbidden) {
+    m_facts.isObjectServed = false;
+    EXPECT_EQ(found(), "not-served");
+    m_facts.objectProblem = "Permission denied";
+    EXPECT_EQ(found(), "object-forbidden");
+}
+
+TEST_F(FindingsTest, IdentityMissing) {
+    for (IdentityValue& value : m_facts.identity) {
+        value.value = "";
+        value.problem = "missing";
+    }
+    EXPECT_EQ(found(), "no-pin no-identity no-identity no-imsi?");
+}
+
+TEST_F(FindingsTest, IdentityForbiddenToTheAgent) {
+    m_facts.identity[0].isReadableByAgent = false;
+    EXPECT_EQ(found(), "identity-forbidden");
+}
+
+TEST_F(FindingsTest, SimChanged) {
+    m_facts.saved.imsi = "2";
+    EXPECT_EQ(found(), "sim-changed?");
+}
+
+TEST_F(FindingsTest, ConfigurationMissingOrOdd) {
+    m_facts.configuration.isFileRead = false;
+    m_facts.configuration.problems = {"line 1 is odd"};
+    EXPECT_EQ(found(), "configuration no-configuration?");
+}
+
+TEST_F(FindingsTest, ProxyInTheWay) {
+    set("proxy-port", "287");
+    EXPECT_EQ(found(), "proxy");
+    m_facts.isProxyListening = true;
+    EXPECT_EQ(found(), "");
+    m_facts.isProxyListening = false;
+    m_facts.isProxyLocal = false;
+    EXPECT_EQ(found(), "");  // somebody else's machine is not asked
+}
+
+TEST_F(FindingsTest, ListenAddressOfAnotherMachine) {
+    m_facts.isListenAddressOurs = false;
+    EXPECT_EQ(found(), "listen-address");
+}
+
+TEST_F(FindingsTest, TimeoutsOff) {
+    set("http-timeout", "0");
+    set("push-timeout", "0");
+    EXPECT_EQ(found(), "http-timeout? push-timeout?");
+}
+
+TEST_F(FindingsTest, SavedSessionsForbiddenTooLongOrDamaged) {
+    m_facts.saved.isWritableByAgent = false;
+    EXPECT_EQ(found(), "saved-forbidden");
+    m_facts.saved.isWritableByAgent = true;
+    m_facts.saved.bytes = 15360;
+    EXPECT_EQ(found(), "saved-too-long");
+    m_facts.saved.bytes = 15359;
+    EXPECT_EQ(found(), "saved-nearly-full?");
+    m_facts.saved.bytes = 100;
+    m_facts.saved.isSound = false;
+    EXPECT_EQ(found(), "saved-damaged");
+}
+
+TEST_F(FindingsTest, PortSilentOrTaken) {
+    m_facts.saved.sessions[0].listener = 1000;
+    EXPECT_EQ(found(), "port-taken");
+    m_facts.saved.sessions[0].isListening = false;
+    EXPECT_EQ(found(), "port-silent");
+    m_facts.agents.clear();
+    m_facts.isObjectServed = false;
+    EXPECT_EQ(found(), "no-agent");  // without an agent nobody ought to listen
+}

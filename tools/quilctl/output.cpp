@@ -1,0 +1,64 @@
+#include "tools/quilctl/output.hpp"
+
+#include <cstdio>
+#include <ctime>
+
+#include "tools/common/terminal.hpp"
+
+using quilclient::Result;
+
+ExitStatus exitStatusOf(const Result& result) {
+    switch (result.code) {
+        case quilclient::kOk:
+            return kDone;
+        case quilclient::kNoObjectService:
+        case quilclient::kNoAgent:
+        case quilclient::kConnectionLost:
+        case quilclient::kNoPermission:
+        case quilclient::kNotConnected:
+            return kNotThere;
+        case quilclient::kTimedOut:
+            return kTimeout;
+        case quilclient::kBadArgument:
+            return kUsage;
+        default:
+            return kRefused;
+    }
+}
+
+void printJson(const nlohmann::ordered_json& object) {
+    const std::string line =
+        object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+}
+
+void printFailure(const std::string& subject, const Result& result) {
+    std::fflush(stdout);
+    const Style style(stderr);
+    const std::string words =
+        subject + ": " + result.words + " (code " + std::to_string(result.code) + ")";
+    std::fprintf(stderr, "%s %s\n", style.bad("quilctl:").c_str(),
+                 wrapped(visible(words), 9, 9).c_str());
+    std::fprintf(stderr, "   next: %s\n",
+                 wrapped(quilclient::explain(result.code).nextStep, 9, 9).c_str());
+}
+
+void addResult(nlohmann::ordered_json& object, const Result& result) {
+    object["code"] = result.code;
+    if (!result.ok()) {
+        const quilclient::CodeInfo info = quilclient::explain(result.code);
+        object["words"] = result.words;
+        object["origin"] = info.origin;
+        object["next"] = info.nextStep;
+    }
+}
+
+std::string timeOfDay() {
+    const std::time_t now = std::time(nullptr);
+    std::tm parts{};
+    localtime_r(&now, &parts);
+    char text[16];
+    std::strftime(text, sizeof text, "%H:%M:%S", &parts);
+    return text;
+}

@@ -1,0 +1,25 @@
+// How quilctl speaks: words for people, or with --json one object per line.
+
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "quilclient/result.hpp"
+#include "tools/common/exit_status.hpp"
+
+// The exit status that tells of `result`.
+ExitStatus exitStatusOf(const quilclient::Result& result);
+
+// One line of JSON on standard output, flushed. Bytes that are no UTF-8 become U+FFFD.
+void printJson(const nlohmann::ordered_json& object);
+
+// What went wrong, with its code, and the next step, on standard error. `subject` names what was
+// attempted, such as "create-channel com.example.app".
+void printFailure(const std::string& subject, const quilclient::Result& result);
+
+// Adds "code", and for a failure "words", "origin" and "next", to `object`.
+void addResult(nlohmann::ordered_json& object, const quilclient::Result& result);
+
+// The time of day, "12:34:56".
+std::string timeOfDay();

@@ -1,0 +1,110 @@
+#include "tools/quilctl/proc.hpp"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "platform/root/root.hpp"
+
+namespace {
+
+constexpr int kStateEstablished = 0x01;
+constexpr int kStateCloseWait = 0x08;
+constexpr int kStateListen = 0x0A;
+
+void readTable(const char* path, std::vector<TcpSocket>* sockets) {
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);  // the headings
+    while (std::getline(file, line)) {
+        std::istringstream fields(line);
+        std::string slot, local, remote, state, queues, timer, retransmits, user;
+        fields >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> user;
+        const std::size_t colon = local.rfind(':');
+        if (!fields || colon == std::string::npos) {
+            continue;
+        }
+        const long code = std::strtol(state.c_str(), nullptr, 16);
+        TcpSocket socket;
+        socket.port =
+            static_cast<std::uint16_t>(std::strtoul(local.c_str() + colon + 1, nullptr, 16));
+        socket.isListening = code == kStateListen;
+        socket.isHeld = code == kStateEstablished || code == kStateCloseWait;
+        socket.user = static_cast<uid_t>(std::strtoul(user.c_str(), nullptr, 10));
+        sockets->push_back(socket);
+    }
+}
+
+std::string contentOf(const std::filesystem::path& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+// False only when the process's environment can be read and names another root.
+bool mayHaveOurRoot(const std::filesystem::path& process) {
+    const std::string environment = contentOf(process / "environ");
+    if (environment.empty()) {
+        return true;
+    }
+    std::string root;
+    std::istringstream variables(environment);
+    for (std::string variable; std::getline(variables, variable, '\0');) {
+        if (variable.compare(0, 10, "QUIL_ROOT=") == 0) {
+            root = variable.substr(10);
+        }
+    }
+    while (!root.empty() && root.back() == '/') {
+        root.pop_back();
+    }
+    return root == platformPath("");
+}
+
+AgentProcess describe(const std::filesystem::path& process) {
+    AgentProcess agent;
+    agent.pid = std::atoi(process.filename().c_str());
+    std::ifstream status(process / "status");
+    for (std::string line; std::getline(status, line);) {
+        std::istringstream fields(line);
+        std::string name;
+        unsigned real = 0;
+        unsigned effective = 0;
+        fields >> name;
+        if (name == "Uid:" && fields >> real >> effective) {
+            agent.user = effective;
+        } else if (name == "Gid:" && fields >> real >> effective) {
+            agent.group = effective;
+        } else if (name == "Groups:") {
+            agent.groups.assign(std::istream_iterator<gid_t>(fields), {});
+        }
+    }
+    return agent;
+}
+
+}  // namespace
+
+std::vector<TcpSocket> readTcpSockets() {
+    std::vector<TcpSocket> sockets;
+    readTable("/proc/net/tcp", &sockets);
+    readTable("/proc/net/tcp6", &sockets);
+    return sockets;
+}
+
+std::vector<AgentProcess> findAgents() {
+    std::vector<AgentProcess> agents;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+        const std::string name = entry.path().filename();
+        const bool isProcess = std::all_of(name.begin(), name.end(), [](char byte) {
+            return std::isdigit(static_cast<unsigned char>(byte)) != 0;
+        });
+        if (isProcess && contentOf(entry.path() / "comm") == "quilagent\n" &&
+            mayHaveOurRoot(entry.path())) {
+            agents.push_back(describe(entry.path()));
+        }
+    }
+    return agents;
+}

@@ -1,0 +1,21 @@
+// What /proc tells about processes and sockets.
+
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "tools/quilctl/status_facts.hpp"
+
+// A TCP socket of this machine.
+struct TcpSocket {
+    std::uint16_t port = 0;  // its own
+    bool isListening = false;
+    bool isHeld = false;  // connected, or half closed by the other side
+    uid_t user = 0;
+};
+
+std::vector<TcpSocket> readTcpSockets();
+
+// Processes named "quilagent" whose QUIL_ROOT is ours, or cannot be seen.
+std::vector<AgentProcess> findAgents();

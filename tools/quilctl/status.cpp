@@ -1,0 +1,156 @@
+#include "tools/quilctl/status.hpp"
+
+#include <pwd.h>
+
+#include <cstdio>
+
+#include "tools/common/terminal.hpp"
+#include "tools/quilctl/findings.hpp"
+#include "tools/quilctl/output.hpp"
+#include "tools/quilctl/status_facts.hpp"
+
+namespace {
+
+constexpr std::size_t kIndent = 17;
+
+std::string userName(uid_t id) {
+    const passwd* entry = getpwuid(id);
+    return std::to_string(id) + (entry == nullptr ? "" : std::string(" (") + entry->pw_name + ")");
+}
+
+// "title            text", with the text broken into lines.
+void row(const Style& style, const std::string& title, const std::string& text, bool isGood) {
+    std::string left = title;
+    left.resize(kIndent, ' ');
+    const std::string body = wrapped(visible(text), kIndent, kIndent);
+    std::printf("%s%s\n", style.strong(left).c_str(), (isGood ? body : style.bad(body)).c_str());
+}
+
+void showAgent(const Style& style, const StatusFacts& facts) {
+    if (facts.agents.empty()) {
+        row(style, "agent", "does not run", false);
+    }
+    for (const AgentProcess& agent : facts.agents) {
+        row(style, "agent",
+            "process " + std::to_string(agent.pid) + ", user " + userName(agent.user) + ", " +
+                (facts.isObjectServed ? "serves" : "does not serve") + " /pps/services/push/ipc",
+            facts.isObjectServed);
+    }
+}
+
+std::string sessionText(const SavedSession& session) {
+    std::string text = session.appId + ", port " + std::to_string(session.port) + ", " +
+                       (session.isListening ? "listening" : "NOT listening");
+    text += session.heldConnections == 0 ? ""
+                                         : ", " + std::to_string(session.heldConnections) +
+                                               " unanswered (their age: quilctl trace)";
+    text += ", " + session.ppgUrl;
+    return text + (session.launchString.empty() ? "" : ", launches " + session.launchString);
+}
+
+void showSessions(const Style& style, const SavedObject& saved) {
+    row(style, "saved sessions",
+        !saved.exists ? "none"
+        : !saved.isReadable
+            ? "you may not read /pps/services/push/quilagent"
+            : std::to_string(saved.sessions.size()) + ", " + std::to_string(saved.bytes) +
+                  " of the " + std::to_string(kLoadableBytes) + " bytes that a start loads",
+        !saved.exists || saved.isReadable);
+    for (const SavedSession& session : saved.sessions) {
+        row(style, "", sessionText(session), session.isListening);
+    }
+}
+
+void showForPeople(const StatusFacts& facts) {
+    const Style style(stdout);
+    const bool isMounted = facts.service == ServiceState::Mounted;
+    row(style, "object service", isMounted ? "mounted on /pps" : describeState(facts.service),
+        isMounted);
+    showAgent(style, facts);
+    for (const IdentityValue& value : facts.identity) {
+        row(style, value.name, value.problem.empty() ? value.value : value.problem,
+            value.problem.empty());
+    }
+    row(style, "configuration",
+        facts.configuration.isFileRead ? "/etc/quilagent.conf"
+                                       : "/etc/quilagent.conf cannot be read",
+        facts.configuration.isFileRead);
+    for (const Setting& setting : facts.configuration.settings) {
+        std::string left = "  " + setting.key;
+        left.resize(22, ' ');
+        std::printf("%s%s %s\n", left.c_str(), visible(setting.value).c_str(),
+                    style.faint("(" + setting.source + ")").c_str());
+    }
+    if (isMounted) {
+        showSessions(style, facts.saved);
+    }
+}
+
+nlohmann::ordered_json asJson(const StatusFacts& facts) {
+    nlohmann::ordered_json object = {{"objectService", facts.service == ServiceState::Mounted},
+                                     {"served", facts.isObjectServed}};
+    object["agents"] = nlohmann::ordered_json::array();
+    for (const AgentProcess& agent : facts.agents) {
+        object["agents"].push_back({{"pid", agent.pid}, {"user", agent.user}});
+    }
+    for (const IdentityValue& value : facts.identity) {
+        object["identity"][value.name] = value.value;
+    }
+    for (const Setting& setting : facts.configuration.settings) {
+        object["configuration"][setting.key] = {{"value", setting.value},
+                                                {"source", setting.source}};
+    }
+    object["savedBytes"] = facts.saved.bytes;
+    object["loadableBytes"] = kLoadableBytes;
+    object["sessions"] = nlohmann::ordered_json::array();
+    for (const SavedSession& session : facts.saved.sessions) {
+        object["sessions"].push_back({{"app", session.appId},
+                                      {"ppgUrl", session.ppgUrl},
+                                      {"launchString", session.launchString},
+                                      {"port", session.port},
+                                      {"listening", session.isListening},
+                                      {"unanswered", session.heldConnections}});
+    }
+    return object;
+}
+
+void showFinding(const Style& style, const Finding& finding) {
+    const std::string kind = finding.isWarning ? "warning: " : "problem: ";
+    std::printf("%s%s\n", (finding.isWarning ? style.warning(kind) : style.bad(kind)).c_str(),
+                wrapped(visible(finding.words), 9, 9).c_str());
+    std::printf("   next: %s\n", wrapped(visible(finding.next), 9, 9).c_str());
+}
+
+}  // namespace
+
+ExitStatus showStatus(bool json) {
+    const StatusFacts facts = collectFacts();
+    if (json) {
+        printJson(asJson(facts));
+    } else {
+        showForPeople(facts);
+    }
+    const bool isThere = facts.service == ServiceState::Mounted && !facts.agents.empty();
+    return isThere ? kDone : kNotThere;
+}
+
+ExitStatus checkStatus(bool json) {
+    const std::vector<Finding> findings = findProblems(collectFacts());
+    const Style style(stdout);
+    ExitStatus status = kDone;
+    for (const Finding& finding : findings) {
+        status = finding.isWarning ? status : kRefused;
+        if (json) {
+            printJson({{"finding", finding.name},
+                       {"severity", finding.isWarning ? "warning" : "problem"},
+                       {"words", finding.words},
+                       {"next", finding.next}});
+        } else {
+            showFinding(style, finding);
+        }
+    }
+    if (!json && findings.empty()) {
+        std::printf("%s\n", style.good("nothing is wrong that can be seen from here").c_str());
+    }
+    return status;
+}

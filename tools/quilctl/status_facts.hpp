@@ -1,0 +1,86 @@
+// What can be seen of a running system from outside: nothing here asks the agent or changes
+// anything; all is read from /proc, from objects and from files.
+
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/common/object_service.hpp"
+
+struct AgentProcess {
+    pid_t pid = 0;
+    uid_t user = 0;
+    gid_t group = 0;
+    std::vector<gid_t> groups;  // supplementary ones
+};
+
+// One key of the configuration in force.
+struct Setting {
+    std::string key;
+    std::string value;
+    std::string source;  // "line 3", or "default"
+};
+
+struct Configuration {
+    std::vector<Setting> settings;  // all keys that the agent reads
+    std::vector<std::string>
+        problems;  // lines of the file that are not what they seem; why, in words
+    bool isFileRead = false;
+};
+
+// One value of the device's identity.
+struct IdentityValue {
+    std::string name;    // "PIN", "OS version", "model" or "IMSI"
+    std::string object;  // where it is read from
+    std::string attribute;
+    std::string value;    // empty when missing
+    std::string problem;  // why it is missing, in words; empty when it is there
+    bool isReadableByAgent = true;
+};
+
+struct SavedSession {
+    std::string appId;
+    std::string ppgUrl;
+    std::string launchString;
+    int port = 0;
+    bool isListening = false;
+    uid_t listener = 0;               // user of the listening socket
+    std::size_t heldConnections = 0;  // pushes that are being read or wait for their answer
+};
+
+struct SavedObject {
+    bool exists = false;
+    bool isReadable = false;
+    bool isSound = false;  // it parses, or is empty
+    std::size_t bytes = 0;
+    std::string imsi;
+    uid_t owner = 0;
+    bool isWritableByAgent = true;
+    std::vector<SavedSession> sessions;
+};
+
+struct StatusFacts {
+    ServiceState service = ServiceState::Absent;
+    std::vector<AgentProcess> agents;  // those of this QUIL_ROOT, as far as that can be seen
+    bool isObjectServed = false;       // the push object is there
+    std::string objectProblem;         // why this user cannot use it, in words
+    Configuration configuration;
+    std::vector<IdentityValue> identity;
+    SavedObject saved;
+    bool isProxyLocal = false;      // proxy-host is a loopback address
+    bool isProxyListening = false;  // and something listens on its port
+    bool isListenAddressOurs = true;
+};
+
+// An object of more bytes than this is cut when the agent starts.
+constexpr std::size_t kLoadableBytes = 15359;
+
+StatusFacts collectFacts();
+
+// The value in force of a key, from facts.
+std::string settingOf(const Configuration& configuration, const std::string& key);
