@@ -1,0 +1,50 @@
+// An application with the client library: prints each push and accepts it. Session and channel come
+// back by themselves when the agent or the object service was restarted.
+//
+// Usage: example_listen APP PPG-URL
+
+#include <csignal>
+#include <iostream>
+
+#include "quilclient/push_client.hpp"
+
+namespace {
+
+quilclient::PushClient* g_client = nullptr;
+
+void onSignal(int) {
+    g_client->stop();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        std::cerr << "Usage: example_listen APP PPG-URL\n";
+        return 2;
+    }
+    quilclient::Config config;
+    config.appId = argv[1];
+    config.ppgUrl = argv[2];
+
+    quilclient::Handlers handlers;
+    handlers.onChannel = [](const quilclient::Result& result, const std::string& token) {
+        std::cout << (result.ok() ? "channel " + token : "no channel: " + result.message)
+                  << std::endl;
+    };
+    handlers.onPush = [](const quilclient::Push& push) {
+        std::cout << "push" << push.id << ": " << push.data << std::endl;
+        // One that was handed over before is accepted again: its sender missed the first answer.
+        return quilclient::Answer::Accept;
+    };
+
+    quilclient::PushClient client(config, handlers);
+    g_client = &client;
+    std::signal(SIGINT, onSignal);
+    std::signal(SIGTERM, onSignal);
+    const quilclient::Result result = client.run();
+    if (!result.ok()) {
+        std::cerr << result.message << std::endl;
+    }
+    return result.ok() ? 0 : 1;
+}

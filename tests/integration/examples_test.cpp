@@ -1,0 +1,112 @@
+// Every program of examples/ on the whole stack, as a reader of the documents would run it.
+
+#include <cstdlib>
+
+#include "tests/integration/device.hpp"
+
+namespace {
+
+constexpr const char* kExampleApp = "com.example.news";
+
+class Examples : public Device {
+  protected:
+    void SetUp() override {
+        Device::SetUp();
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
+        }
+        startServer();
+        ASSERT_TRUE(startAgent());
+    }
+
+    static std::string example(const std::string& name) {
+        return std::string(std::getenv("QUIL_SOURCE")) + "/examples/" + name;
+    }
+
+    void startApplication(const std::string& program) {
+        ASSERT_TRUE(m_application.start({program, kExampleApp, ppgUrl()}));
+        ASSERT_TRUE(m_application.waitForOutput(std::string("channel ") + kPin + "\n"))
+            << m_application.output();
+    }
+
+    // Sends a push and expects the application to have shown and accepted it.
+    void expectPushIsAccepted() {
+        const PushSender sender(portOf(kExampleApp));
+        ASSERT_TRUE(
+            sender.send("POST / HTTP/1.1\r\nContent-Length: 12\r\nPush-Message-ID: m1\r\n"
+                        "\r\nhello w\xc3\xb6rld"));
+        EXPECT_TRUE(isAcknowledgement(sender.readToEnd())) << m_application.output();
+        EXPECT_TRUE(m_application.waitForOutput("push m1: hello w\xc3\xb6rld\n"))
+            << m_application.output();
+    }
+
+    // Runs a sender against an application that answers with `answer`; its exit status.
+    int sendAndAnswer(const std::string& program, const std::string& answer) {
+        const std::unique_ptr<ClientConnection> client = connect();
+        const int port = createChannel(*client, kExampleApp);
+        EXPECT_TRUE(
+            m_sender.start({program, "127.0.0.1", std::to_string(port), "m7", "two\nlines"}));
+        const Reply push = client->next();
+        EXPECT_EQ(push.id, " m7");
+        EXPECT_EQ(push.data, "dHdvCmxpbmVz");
+        EXPECT_EQ(push.appLevelAck, 1);
+        client->request(answer, push.id, kExampleApp);
+        return m_sender.wait();
+    }
+
+    ChildProcess m_application{m_root.path("/application.log")};
+    ChildProcess m_sender{m_root.path("/sender.log")};
+};
+
+}  // namespace
+
+TEST_F(Examples, ApplicationInCppAcceptsAPush) {
+    startApplication(builtProgram("example_listen"));
+    expectPushIsAccepted();
+    m_application.signal(SIGTERM);
+    EXPECT_EQ(m_application.wait(), 0);
+}
+
+TEST_F(Examples, ApplicationInPythonAcceptsAPush) {
+    startApplication(example("listen.py"));
+    expectPushIsAccepted();
+}
+
+TEST_F(Examples, ApplicationInPythonStartsOverWithANewAgent) {
+    startApplication(example("listen.py"));
+    killAgent();
+    ASSERT_TRUE(m_application.waitForOutput("waiting for the agent"));
+    const std::size_t before = m_application.output().size();
+    ASSERT_TRUE(startAgent());
+    ASSERT_TRUE(m_application.waitForOutput(std::string("channel ") + kPin, before));
+    expectPushIsAccepted();
+}
+
+TEST_F(Examples, ApplicationInShellAcceptsAPushAndEndsWithTheAgent) {
+    startApplication(example("listen.sh"));
+    expectPushIsAccepted();
+    killAgent();
+    EXPECT_EQ(m_application.wait(), 3);
+    EXPECT_NE(m_application.output().find("the agent went away"), std::string::npos);
+}
+
+TEST_F(Examples, ApplicationInShellSaysThatThereIsNoAgent) {
+    killAgent();
+    ASSERT_TRUE(m_application.start({example("listen.sh"), kExampleApp, ppgUrl()}));
+    EXPECT_EQ(m_application.wait(), 3);
+    EXPECT_NE(m_application.output().find("no agent serves"), std::string::npos);
+}
+
+TEST_F(Examples, SenderInPythonTellsAcceptedFromRejected) {
+    EXPECT_EQ(sendAndAnswer(example("send.py"), "acceptPush"), 0) << m_sender.output();
+    EXPECT_EQ(m_sender.output(), "accepted\n");
+    EXPECT_EQ(sendAndAnswer(example("send.py"), "rejectPush"), 1) << m_sender.output();
+    EXPECT_EQ(m_sender.output(), "accepted\nrejected\n");
+}
+
+TEST_F(Examples, SenderInBashTellsAcceptedFromRejected) {
+    EXPECT_EQ(sendAndAnswer(example("send.bash"), "acceptPush"), 0) << m_sender.output();
+    EXPECT_EQ(m_sender.output(), "accepted\n");
+    EXPECT_EQ(sendAndAnswer(example("send.bash"), "rejectPush"), 1) << m_sender.output();
+    EXPECT_EQ(m_sender.output(), "accepted\nrejected\n");
+}
