@@ -1,6 +1,7 @@
 // Served objects on a live mount: one server, its clients, and how they part.
 
 #include <gtest/gtest.h>
+#include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/select.h>
 #include <sys/stat.h>
@@ -102,6 +103,57 @@ TEST_F(PpsdServed, StoredObjectStandsBehindItsServerAndComesBack) {
         EXPECT_TRUE(contains(server.read(), "b::2\n"));
     }
     EXPECT_EQ(PpsFile(path(), O_RDONLY).read(), "@ipc\na::1\n");
+}
+
+TEST_F(PpsdServed, ModeOfTheServedObjectIsNotThatOfTheStoredOneBehindIt) {
+    PpsFile stored(path(), kServer, 0600);
+    struct stat status {};
+    {
+        PpsFile server(serverPath(), kServer);
+        EXPECT_EQ(fchmod(server.fd(), 0666), 0);
+        ASSERT_EQ(stat(path().c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 0777U, 0666U);
+    }
+    ASSERT_EQ(stat(path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+}
+
+TEST_F(PpsdServed, KilledClientThatWaitsInReadIsClosed) {
+    PpsFile server(serverPath(), kServer);
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        PpsFile client(path("/ipc?wait"), O_RDWR);
+        client.write("ready::1\n");
+        client.read();
+        _exit(0);
+    }
+    ASSERT_TRUE(server.becomesReadable());
+    const std::string tag = tagOf(server.read());
+    ASSERT_TRUE(server.becomesReadable());
+    EXPECT_EQ(server.read(), tag + "\nready::1\n");
+    usleep(kQuietMilliseconds * 1000);  // let it reach its read; before that, it proves less
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(server.read(), "-" + tag + "\n");
+    EXPECT_EQ(server.write(tag + "\na::1\n"), 0);
+}
+
+TEST_F(PpsdServed, EpollReportsEachMessageUntilItIsRead) {
+    PpsFile server(serverPath(), kServer);
+    const int set = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    ASSERT_EQ(epoll_ctl(set, EPOLL_CTL_ADD, server.fd(), &event), 0);
+    PpsFile client(path(), O_RDWR);
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(epoll_wait(set, &event, 1, kPatienceMilliseconds), 1);
+        EXPECT_EQ(epoll_wait(set, &event, 1, kPatienceMilliseconds), 1) << "level-triggered";
+        server.read();
+        EXPECT_EQ(epoll_wait(set, &event, 1, kQuietMilliseconds), 0);
+        client.write("a::1\n");
+    }
+    close(set);
 }
 
 TEST_F(PpsdServed, ServerReadsOpeningMessagesAndClosingOneByOneOldestFirst) {

@@ -86,12 +86,13 @@ TEST_F(PpsdService, TakesStoreAndMountPointFromTheCommandLine) {
     EXPECT_TRUE(std::filesystem::exists(m_root.path("/kept/tree/obj")));
 }
 
-TEST_F(PpsdService, EndsWithStatus0OnSigtermAndOnSigint) {
+TEST_F(PpsdService, EndsWithStatus0OnSigtermSigintAndSighup) {
     ASSERT_TRUE(m_ppsd.start());
     EXPECT_EQ(m_ppsd.stop(), 0);
     ASSERT_TRUE(m_ppsd.start());
-    kill(m_ppsd.pid(), SIGINT);
-    EXPECT_EQ(m_ppsd.stop(), 0);
+    EXPECT_EQ(m_ppsd.stop(SIGINT), 0);
+    ASSERT_TRUE(m_ppsd.start());
+    EXPECT_EQ(m_ppsd.stop(SIGHUP), 0);
     EXPECT_TRUE(std::filesystem::is_empty(path(""))) << "still mounted";
 }
 

@@ -139,8 +139,8 @@ int PpsdMount::waitForEnd() {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-int PpsdMount::stop() {
-    ::kill(m_pid, SIGTERM);
+int PpsdMount::stop(int signal) {
+    ::kill(m_pid, signal);
     return waitForEnd();
 }
 
