@@ -2,6 +2,9 @@
 // makes "close, then open again" exact: the kernel queues the release of a file before close()
 // returns and the next open after it, so an open finds the server that just closed gone, without
 // any waiting.
+//
+// The price: while an ordinary object is being synced, everybody's requests wait for that one sync.
+// Ordinary objects are meant to change seldom; messages of served objects never touch the disk.
 
 #include "ppsd/fuse/operations.hpp"
 
