@@ -116,15 +116,15 @@ TEST_F(PpsdPermission, OnlyTheOwnerMayChangeTheModeAndOnlyRootTheOwner) {
 }
 
 TEST_F(PpsdPermission, SetGroupIdOfAFolderIsInherited) {
-    ASSERT_EQ(mkdir(path("/shared").c_str(), 0755), 0);
-    ASSERT_EQ(chown(path("/shared").c_str(), 0, 4321), 0);
-    ASSERT_EQ(chmod(path("/shared").c_str(), 02775), 0);
-    PpsFile(path("/shared/obj"), kCreate);
-    ASSERT_EQ(mkdir(path("/shared/inner").c_str(), 0755), 0);
+    ASSERT_EQ(mkdir(path("/group").c_str(), 0755), 0);
+    ASSERT_EQ(chown(path("/group").c_str(), 0, 4321), 0);
+    ASSERT_EQ(chmod(path("/group").c_str(), 02775), 0);
+    PpsFile(path("/group/obj"), kCreate);
+    ASSERT_EQ(mkdir(path("/group/inner").c_str(), 0755), 0);
     struct stat status {};
-    ASSERT_EQ(stat(path("/shared/obj").c_str(), &status), 0);
+    ASSERT_EQ(stat(path("/group/obj").c_str(), &status), 0);
     EXPECT_EQ(status.st_gid, 4321U);
-    ASSERT_EQ(stat(path("/shared/inner").c_str(), &status), 0);
+    ASSERT_EQ(stat(path("/group/inner").c_str(), &status), 0);
     EXPECT_EQ(status.st_gid, 4321U);
     EXPECT_EQ(status.st_mode & 07777U, 02755U);
 }
