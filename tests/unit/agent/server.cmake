@@ -3,5 +3,6 @@ if(NOT TARGET PkgConfig::HTTPLIB)
   pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 endif()
 quil_add_tests(agent_server_tests
-  http_values_test.cpp http_get_test.cpp http_proxy_test.cpp server_fixture.cpp ${QUIL_RECORDED_LOG}
+  http_values_test.cpp http_get_test.cpp http_proxy_test.cpp server_registration_test.cpp
+  server_registration_answers_test.cpp server_fixture.cpp ${QUIL_RECORDED_LOG}
   LIBRARIES quilagent_core PkgConfig::HTTPLIB)
