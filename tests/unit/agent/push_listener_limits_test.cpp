@@ -1,8 +1,11 @@
 // The listener at its limits: size, time and descriptors.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
+#include <csignal>
+#include <ctime>
 #include <string>
 #include <thread>
 
@@ -26,6 +29,12 @@ std::string headerOf(std::size_t bytes, int contentLength) {
 
 std::string xs(std::size_t count) {
     return std::string(count, 'x');
+}
+
+// A signal handler that takes longer than a hurried push may.
+void holdUp(int /*signal*/) {
+    const timespec pause = {1, 200 * 1000 * 1000};
+    nanosleep(&pause, nullptr);
 }
 
 class HurriedPushListener : public PushListener {
@@ -202,6 +211,19 @@ TEST_F(HurriedPushListener, SenderThatStopsInTheMiddleIsClosedWhenItsTimeIsUp) {
     EXPECT_FALSE(isQueued());
     EXPECT_TRUE(sender.seesClose());
     EXPECT_TRUE(wasLogged(3, kGivenUp));
+}
+
+TEST_F(HurriedPushListener, TimeThatRunsOutWhileTheProcessIsHeldUpIsUp) {
+    const Peer sender(portNumber());
+    sender.send(kExample.substr(0, 61));
+    std::signal(SIGUSR1, holdUp);
+    const pthread_t reader = pthread_self();
+    processAnd("serverIfProcessData 1: recved [61] bytes of data", [&] {
+        pthread_kill(reader, SIGUSR1);
+        sender.send("e");
+    });
+    EXPECT_FALSE(isQueued());
+    EXPECT_TRUE(wasLogged(3, kGivenUp)) << recordedText();
 }
 
 TEST_F(HurriedPushListener, NextPushHasItsOwnTime) {
