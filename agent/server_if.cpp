@@ -215,7 +215,9 @@ int readBehindPush(int socket, int lastCount, QuilPushMessage* push) {
     Buffer buffer;
     const int count = static_cast<int>(recv(socket, buffer.data(), buffer.size(), 0));
     QUIL_LOG(LOG_LEVEL_DEBUG, "serverIfProcessData 2: recved [%d] bytes of data", count);
-    if (count > 0 && push->isPayloadFull() && push->getContentLength() < 1) {
+    const bool isComplete =
+        push->getContentLength() >= 1 && push->getDataLength() >= push->getContentLength();
+    if (count > 0 && push->isPayloadFull() && !isComplete) {
         // One read took all it could, and there was more: the push is too large, and is refused,
         // not cut.
         push->setPayload(buffer.data(), count);

@@ -24,13 +24,11 @@ constexpr long kHttpOk = 200;
 constexpr int kServerAccepted = 200;
 constexpr int kServerAlreadyRegistered = 10003;  // counts for a registration only
 
-// The body as a text, which ends at its first zero byte, if any.
+// The body as a text, which ends at its first zero byte, if any. No response counts as an empty
+// one.
 std::string bodyText(const HttpResponse* response) {
-    if (response == nullptr) {
-        return "";
-    }
-    const char* text = response->body;
-    std::uint32_t length = response->bodyLength;
+    const char* text = response == nullptr ? nullptr : response->body;
+    std::uint32_t length = response == nullptr ? 0 : response->bodyLength;
     httpStrip(&text, &length);
     length = std::min(length, kLongestAnswerBytes);
     QUIL_LOG(LOG_LEVEL_DEBUG, "Len of response [%d]", static_cast<int>(length));

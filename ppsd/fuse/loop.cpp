@@ -37,6 +37,7 @@ bool Loop::catchSignals() {
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGHUP);  // of a terminal that closes: a dead mount would stay otherwise
     std::signal(SIGPIPE, SIG_IGN);
     m_signals = UniqueFd(signalfd(-1, &set, SFD_CLOEXEC));
     return m_signals && sigprocmask(SIG_BLOCK, &set, nullptr) == 0;

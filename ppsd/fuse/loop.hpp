@@ -21,15 +21,15 @@ class Loop {
     // Closes all files and unmounts when that has not happened yet.
     ~Loop();
 
-    // Blocks SIGTERM and SIGINT for this thread, to take them from a descriptor from now on, and
-    // ignores SIGPIPE. To be called before mount().
+    // Blocks SIGTERM, SIGINT and SIGHUP for this thread, to take them from a descriptor from now
+    // on, and ignores SIGPIPE. To be called before mount().
     bool catchSignals();
 
     // False when the mount fails; the library has then said why on standard error.
     bool mount(const std::string& mountPoint);
 
-    // Answers requests until SIGTERM, SIGINT or an unmount from outside. 0, or an errno value when
-    // the connection to the kernel failed.
+    // Answers requests until one of those signals or an unmount from outside. 0, or an errno value
+    // when the connection to the kernel failed.
     int run();
 
   private:

@@ -50,15 +50,15 @@ bool unmountWithHelper(const std::string& path) {
 
 MountPoint::MountPoint(std::string path) : m_path(std::move(path)) {}
 
-// The connection of a dead service answers everything with ENOTCONN.
+// The connection of a dead service answers everything with ENOTCONN. There may be several, one on
+// top of the other.
 bool MountPoint::clearStaleMount(std::string& error) {
     struct stat status {};
-    if (stat(m_path.c_str(), &status) == 0 || errno != ENOTCONN) {
-        return true;
-    }
-    if (umount2(m_path.c_str(), MNT_DETACH) != 0 && !unmountWithHelper(m_path)) {
-        error = "cannot unmount what a dead service left on " + displayPath(m_path);
-        return false;
+    while (stat(m_path.c_str(), &status) != 0 && errno == ENOTCONN) {
+        if (umount2(m_path.c_str(), MNT_DETACH) != 0 && !unmountWithHelper(m_path)) {
+            error = "cannot unmount what a dead service left on " + displayPath(m_path);
+            return false;
+        }
     }
     return true;
 }

@@ -2,6 +2,9 @@
 // makes "close, then open again" exact: the kernel queues the release of a file before close()
 // returns and the next open after it, so an open finds the server that just closed gone, without
 // any waiting.
+//
+// The price: while an ordinary object is being synced, everybody's requests wait for that one sync.
+// Ordinary objects are meant to change seldom; messages of served objects never touch the disk.
 
 #include "ppsd/fuse/operations.hpp"
 
@@ -70,6 +73,19 @@ Operations::Inode* Operations::find(fuse_ino_t number) {
     return found == m_inodes.end() ? nullptr : &found->second;
 }
 
+// The node whose attributes an inode shows. The server of a name with a stored object behind it
+// opened the alias of that object, but its descriptor stands for what it serves.
+Node& Operations::subjectOf(const Inode& inode) {
+    Node& node = *inode.node;
+    if (inode.options.server && node.parent != nullptr) {
+        const auto served = node.parent->served.find(node.name);
+        if (served != node.parent->served.end()) {
+            return *served->second;
+        }
+    }
+    return node;
+}
+
 DirectoryNode* Operations::findFolder(fuse_ino_t number) {
     const Inode* inode = find(number);
     const bool isFolder = inode != nullptr && inode->node->kind == NodeKind::kDirectory;
@@ -132,7 +148,7 @@ void Operations::getAttributes(fuse_req_t request, fuse_ino_t inode) {
         fuse_reply_err(request, ENOENT);
         return;
     }
-    const struct stat status = statusOf(*found->node);
+    const struct stat status = statusOf(subjectOf(*found));
     fuse_reply_attr(request, &status, 0);
 }
 
@@ -143,7 +159,7 @@ void Operations::setAttributes(fuse_req_t request, fuse_ino_t inode, const struc
         fuse_reply_err(request, ENOENT);
         return;
     }
-    Node& node = *found->node;
+    Node& node = subjectOf(*found);
     int error = 0;
     if ((which & FUSE_SET_ATTR_SIZE) != 0) {
         error = status.st_size == 0 ? m_store.truncate(node) : EINVAL;

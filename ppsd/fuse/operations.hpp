@@ -52,6 +52,7 @@ class Operations {
     using Listing = std::vector<Store::ListEntry>;
 
     Inode* find(fuse_ino_t number);
+    static Node& subjectOf(const Inode& inode);
     DirectoryNode* findFolder(fuse_ino_t number);
     fuse_entry_param remember(const std::shared_ptr<Node>& node, OpenOptions options);
     void replyEntry(fuse_req_t request, const std::shared_ptr<Node>& node, OpenOptions options);

@@ -21,7 +21,6 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/root/root.hpp"
 #include "ppsd/store/files.hpp"
 #include "ppsd/store/limits.hpp"
 
@@ -60,9 +59,19 @@ int Disk::open() {
     }
     error = makeFolders(m_folder + "/tree", 0700);
     if (error == 0) {
-        m_lock = std::move(lock);
+        error = syncFolder(m_folder);
     }
-    return error;
+    if (error != 0) {
+        return error;
+    }
+    m_lock = std::move(lock);
+    // Somebody else's folder, perhaps one that may be entered but not read.
+    const int parentError = syncFolder(folderOf(m_folder));
+    if (parentError != 0) {
+        m_report("cannot sync the folder above the store: " +
+                 std::string(std::strerror(parentError)));
+    }
+    return 0;
 }
 
 std::string Disk::treePath(const std::string& path) const {

@@ -2,9 +2,10 @@
 // docs/formats/store.md.
 //
 // Paths given here are relative to the root of the tree, "" for the root itself. Results of type
-// int are 0 or an errno value, and after anything but 0 the tree on disk is as before. Every change
-// is on the medium when its call returns. Not thread-safe: one thread, the owner of the Store, uses
-// it.
+// int are 0 or an errno value. After anything but 0 the tree on disk is as before, unless it was
+// the last step that failed, the sync of a folder: then the change may or may not survive a power
+// cut. Every change is on the medium when its call returns 0. Not thread-safe: one thread, the
+// owner of the Store, uses it.
 
 #pragma once
 

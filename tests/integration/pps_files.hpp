@@ -24,6 +24,11 @@ class PpsFile {
         : m_fd(open(path.c_str(), flags | O_CLOEXEC, mode)), m_error(m_fd < 0 ? errno : 0) {}
     PpsFile(PpsFile&& other) noexcept
         : m_fd(std::exchange(other.m_fd, -1)), m_error(other.m_error) {}
+    PpsFile& operator=(PpsFile&& other) noexcept {
+        std::swap(m_fd, other.m_fd);
+        std::swap(m_error, other.m_error);
+        return *this;
+    }
     PpsFile(const PpsFile&) = delete;
     PpsFile& operator=(const PpsFile&) = delete;
     ~PpsFile() { shut(); }

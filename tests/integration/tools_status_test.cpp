@@ -86,8 +86,10 @@ class Status : public ::testing::Test {
 
     // Starts the agent and waits until it serves.
     void startAgent() {
+        // An ordinary user may not set groups, so names none.
+        const std::string user = std::to_string(getuid());
         m_agent.emplace(m_root.path(), "quilagent",
-                        Words{"-U", std::to_string(getuid()) + ":" + std::to_string(getgid())});
+                        Words{"-U", getuid() == 0 ? user + ":" + std::to_string(getgid()) : user});
         ASSERT_TRUE(m_agent->waitFor("Entering quilAgentLoop")) << m_agent->output;
     }
 

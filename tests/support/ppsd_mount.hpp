@@ -13,6 +13,7 @@
 
 #include <sys/types.h>
 
+#include <csignal>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -35,8 +36,8 @@ class PpsdMount {
     // True when the mount is live. Arguments are passed to ppsd.
     bool start(const std::vector<std::string>& arguments = {});
 
-    // SIGTERM. The exit status, or 128 + the signal that ended it.
-    int stop();
+    // Sends `signal` and waits for the end: the exit status, or 128 + the signal that ended it.
+    int stop(int signal = SIGTERM);
 
     // SIGKILL, as a crash: the dead mount stays.
     void kill();

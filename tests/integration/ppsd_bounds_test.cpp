@@ -1,0 +1,171 @@
+// The bounds of served objects: message sizes and queues.
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/integration/pps_files.hpp"
+#include "tests/support/ppsd_mount.hpp"
+
+namespace {
+
+constexpr int kServer = O_RDWR | O_CREAT;
+constexpr std::size_t kMessageBytes = 256 * 1024;
+constexpr std::size_t kQueueBytes = 1024 * 1024;
+
+// An attribute line of exactly `size` bytes.
+std::string line(std::size_t size, char fill = 'x') {
+    return "a::" + std::string(size - 4, fill) + "\n";
+}
+
+class PpsdBounds : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        QUIL_SKIP_WITHOUT_FUSE();
+        ASSERT_TRUE(m_ppsd.start()) << m_ppsd.output();
+    }
+
+    std::string path() const { return m_ppsd.path("/ipc"); }
+    std::string serverPath() const { return m_ppsd.path("/ipc?server"); }
+
+    ScratchRoot m_root;
+    PpsdMount m_ppsd{m_root};
+};
+
+}  // namespace
+
+TEST_F(PpsdBounds, MessageOf256KiBTravelsWholeBothWays) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile client(path(), O_RDWR);
+    const std::string opened = server.read();
+    const std::string text = line(kMessageBytes);
+    EXPECT_EQ(client.write(text), 0);
+    EXPECT_TRUE(server.read() == opened.substr(1) + text);
+    EXPECT_EQ(server.write(text), 0);
+    EXPECT_TRUE(client.read() == "@ipc\n" + text);
+}
+
+TEST_F(PpsdBounds, LargerMessagesGiveEmsgsizeAndNothingOfThemArrives) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile client(path(), O_RDWR);
+    server.read();
+    for (const std::size_t size :
+         {kMessageBytes + 1, 2 * kMessageBytes, kQueueBytes, kQueueBytes + 1, 3 * kQueueBytes}) {
+        EXPECT_EQ(client.write(line(size)), EMSGSIZE) << size;
+        EXPECT_EQ(server.write(line(size)), EMSGSIZE) << size;
+    }
+    EXPECT_EQ(server.read(), "");
+    EXPECT_EQ(client.read(), "");
+}
+
+TEST_F(PpsdBounds, UnalignedBufferTravelsWholeToo) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile client(path(), O_RDWR);
+    const std::string opened = server.read();
+    const std::string text = "x" + line(kMessageBytes);
+    EXPECT_EQ(client.write(std::string_view(text).substr(1)), 0);
+    EXPECT_EQ(server.read().size(), opened.size() - 1 + kMessageBytes);
+}
+
+TEST_F(PpsdBounds, ClientThatNeverReadsIsHeldTo1MiBAndTheServerToldEnobufs) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile lazy(path(), O_RDWR);
+    server.read();
+    const std::string text = line(64 * 1024 - 5);
+    int taken = 0;
+    while (taken < 100 && server.write(text) == 0) {
+        ++taken;
+    }
+    EXPECT_EQ(taken, 16) << "messages of 64 KiB with their object line";
+    EXPECT_EQ(server.write(text), ENOBUFS);
+    lazy.read();
+    EXPECT_EQ(server.write(text), 0) << "room for one again";
+    for (int i = 0; i < taken; ++i) {
+        EXPECT_TRUE(lazy.read() == "@ipc\n" + text);
+    }
+    EXPECT_EQ(lazy.read(), "") << "nothing of a refused message is queued";
+}
+
+TEST_F(PpsdBounds, ClientThatNeverReadsDoesNotKeepTheServerFromOthers) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile lazy(path(), O_RDWR);
+    server.read();
+    while (server.write(line(1000)) == 0) {
+    }
+    PpsFile keen(path(), O_RDWR);
+    const std::string tag = server.read().substr(1);
+    EXPECT_EQ(server.write("a::1\n"), 0) << "small enough for both";
+    while (server.write("a::1\n") == 0) {
+        keen.read();
+    }
+    keen.read();
+    EXPECT_EQ(server.write("all::1\n"), ENOBUFS) << "a broadcast goes to all or to nobody";
+    EXPECT_EQ(keen.read(), "");
+    EXPECT_EQ(server.write(tag + "own::1\n"), 0);
+    EXPECT_EQ(keen.read(), "@ipc\nown::1\n");
+}
+
+TEST_F(PpsdBounds, WriteOnlyClientNeverFillsUp) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile speaker(path(), O_WRONLY);
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(server.write(line(kMessageBytes)), 0);
+    }
+}
+
+TEST_F(PpsdBounds, ServerThatNeverReadsHolds1MiBOfEachClient) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile loud(path(), O_RDWR);
+    PpsFile quiet(path(), O_RDWR);
+    const std::string text = line(60 * 1024);
+    std::size_t taken = 0;
+    int error = 0;
+    while (taken < 100 && (error = loud.write(text)) == 0) {
+        ++taken;
+    }
+    EXPECT_EQ(error, ENOBUFS);
+    EXPECT_EQ(taken, kQueueBytes / (text.size() + sizeof "@ipc.1\n" - 1));
+    EXPECT_EQ(quiet.write("a::1\n"), 0) << "a loud client takes nobody else's room";
+    server.read();
+    server.read();
+    EXPECT_EQ(loud.write(text), ENOBUFS) << "only notices were read";
+    server.read();
+    EXPECT_EQ(loud.write(text), 0);
+}
+
+TEST_F(PpsdBounds, NoticesAreNeverRefused) {
+    PpsFile server(serverPath(), kServer);
+    {
+        PpsFile client(path(), O_RDWR);
+        while (client.write(line(1000)) == 0) {
+        }
+    }
+    {
+        PpsFile late(path(), O_RDWR);
+        EXPECT_EQ(late.error(), 0);
+    }
+    std::string notices;
+    for (std::string message = server.read(); !message.empty(); message = server.read()) {
+        notices += message.front() == '@' ? "" : message.substr(0, 1);
+    }
+    EXPECT_EQ(notices, "+-+-");
+}
+
+TEST_F(PpsdBounds, ClientThatComesBackAgainAndAgainCannotFillTheMemory) {
+    PpsFile server(serverPath(), kServer);
+    const std::string text = line(kMessageBytes);
+    std::size_t taken = 0;
+    int error = 0;
+    while (error == 0 && taken < 1000) {
+        PpsFile client(path(), O_RDWR);
+        error = client.write(text);
+        taken += error == 0 ? 1 : 0;
+    }
+    EXPECT_EQ(error, ENOBUFS);
+    EXPECT_LE(taken * text.size(), 65 * kQueueBytes);
+    EXPECT_GE(taken * text.size(), 60 * kQueueBytes);
+    for (int i = 0; i < 6; ++i) {
+        server.read();
+    }
+    EXPECT_EQ(PpsFile(path(), O_RDWR).write(text), 0) << "room again after the server read";
+}

@@ -1,0 +1,150 @@
+// Owner, group and mode as another user meets them. The other user is a child of this process, so
+// the tests need root; elsewhere they are skipped, except for the ordinary user's own mount.
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <functional>
+
+#include "tests/integration/pps_files.hpp"
+#include "tests/support/ppsd_mount.hpp"
+
+namespace {
+
+constexpr int kCreate = O_RDWR | O_CREAT;
+constexpr uid_t kOther = 65534;
+
+// Runs `action` as another user and gives its result, which must fit an exit status.
+int asOther(const std::function<int()>& action) {
+    const pid_t child = fork();
+    if (child == 0) {
+        if (setgroups(0, nullptr) != 0 || setgid(kOther) != 0 || setuid(kOther) != 0) {
+            _exit(255);
+        }
+        _exit(action());
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class PpsdPermission : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        QUIL_SKIP_WITHOUT_FUSE();
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "NOT TESTED: only root can act as another user";
+        }
+        ASSERT_TRUE(m_ppsd.start()) << m_ppsd.output();
+    }
+
+    std::string path(const std::string& name) const { return m_ppsd.path(name); }
+
+    // errno of the other user's open.
+    int otherOpens(const std::string& name, int flags) const {
+        return asOther([&] { return PpsFile(path(name), flags).error(); });
+    }
+
+    ScratchRoot m_root;
+    PpsdMount m_ppsd{m_root};
+};
+
+}  // namespace
+
+TEST_F(PpsdPermission, ModeOfAnObjectHoldsForOtherUsers) {
+    PpsFile(path("/obj"), kCreate).write("a::1\n");
+    chmod(path("/obj").c_str(), 0644);
+    EXPECT_EQ(otherOpens("/obj", O_RDONLY), 0);
+    EXPECT_EQ(otherOpens("/obj", O_RDWR), EACCES);
+    chmod(path("/obj").c_str(), 0600);
+    EXPECT_EQ(otherOpens("/obj", O_RDONLY), EACCES);
+}
+
+TEST_F(PpsdPermission, OptionsAreNoWayAroundTheMode) {
+    PpsFile(path("/obj"), kCreate).write("a::1\n");
+    chmod(path("/obj").c_str(), 0600);
+    EXPECT_EQ(otherOpens("/obj?wait", O_RDONLY), EACCES);
+    EXPECT_EQ(otherOpens("/obj?delta", O_RDONLY), EACCES);
+    EXPECT_EQ(otherOpens("/obj?server", kCreate), EACCES);
+    EXPECT_EQ(asOther([&] { return chmod(path("/obj?wait").c_str(), 0666) == 0 ? 0 : errno; }),
+              EPERM);
+}
+
+TEST_F(PpsdPermission, ModeOfAServedObjectHoldsForClients) {
+    PpsFile server(path("/ipc?server"), kCreate, 0666);
+    chmod(path("/ipc").c_str(), 0600);
+    EXPECT_EQ(otherOpens("/ipc", O_RDWR), EACCES);
+    EXPECT_EQ(server.read(), "") << "a refused client is no client";
+    chmod(path("/ipc").c_str(), 0666);
+    EXPECT_EQ(otherOpens("/ipc", O_RDWR), 0);
+    EXPECT_EQ(server.read().substr(0, 6), "+@ipc.");
+}
+
+TEST_F(PpsdPermission, FolderModeSaysWhoMayCreateAndServe) {
+    EXPECT_EQ(otherOpens("/theirs", kCreate), EACCES);
+    EXPECT_EQ(otherOpens("/theirs?server", kCreate), EACCES);
+    ASSERT_EQ(mkdir(path("/open").c_str(), 0777), 0);
+    ASSERT_EQ(chmod(path("/open").c_str(), 0777), 0);
+    EXPECT_EQ(otherOpens("/open/theirs", kCreate), 0);
+    EXPECT_EQ(otherOpens("/open/served?server", kCreate), 0);
+    struct stat status {};
+    ASSERT_EQ(stat(path("/open/theirs").c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, kOther) << "the creator owns the object";
+    EXPECT_EQ(status.st_gid, kOther);
+}
+
+TEST_F(PpsdPermission, OwnerOfAServedObjectIsItsServer) {
+    ASSERT_EQ(chmod(path("").c_str(), 0777), 0);
+    EXPECT_EQ(asOther([&] {
+                  PpsFile server(path("/ipc?server"), kCreate, 0600);
+                  struct stat status {};
+                  const bool isOwner = stat(path("/ipc").c_str(), &status) == 0 &&
+                                       status.st_uid == kOther && status.st_gid == kOther;
+                  return isOwner && chmod(path("/ipc").c_str(), 0666) == 0 ? 0 : 1;
+              }),
+              0);
+}
+
+TEST_F(PpsdPermission, OnlyTheOwnerMayChangeTheModeAndOnlyRootTheOwner) {
+    PpsFile(path("/obj"), kCreate);
+    EXPECT_EQ(asOther([&] { return chmod(path("/obj").c_str(), 0666) == 0 ? 0 : errno; }), EPERM);
+    ASSERT_EQ(chown(path("/obj").c_str(), kOther, kOther), 0);
+    EXPECT_EQ(asOther([&] { return chmod(path("/obj").c_str(), 0600) == 0 ? 0 : errno; }), 0);
+    EXPECT_EQ(asOther([&] { return chown(path("/obj").c_str(), 0, 0) == 0 ? 0 : errno; }), EPERM);
+}
+
+TEST_F(PpsdPermission, SetGroupIdOfAFolderIsInherited) {
+    ASSERT_EQ(mkdir(path("/group").c_str(), 0755), 0);
+    ASSERT_EQ(chown(path("/group").c_str(), 0, 4321), 0);
+    ASSERT_EQ(chmod(path("/group").c_str(), 02775), 0);
+    PpsFile(path("/group/obj"), kCreate);
+    ASSERT_EQ(mkdir(path("/group/inner").c_str(), 0755), 0);
+    struct stat status {};
+    ASSERT_EQ(stat(path("/group/obj").c_str(), &status), 0);
+    EXPECT_EQ(status.st_gid, 4321U);
+    ASSERT_EQ(stat(path("/group/inner").c_str(), &status), 0);
+    EXPECT_EQ(status.st_gid, 4321U);
+    EXPECT_EQ(status.st_mode & 07777U, 02755U);
+}
+
+TEST_F(PpsdPermission, OrdinaryUserServesAFolderOfTheirs) {
+    if (asOther([] { return PpsFile("/dev/fuse", O_RDWR).error(); }) != 0) {
+        GTEST_SKIP() << "NOT TESTED: /dev/fuse is closed to ordinary users here";
+    }
+    ASSERT_EQ(m_ppsd.stop(), 0);
+    const std::string home = m_root.path("/home");
+    ASSERT_EQ(mkdir(home.c_str(), 0755), 0);
+    ASSERT_EQ(chown(home.c_str(), kOther, kOther), 0);
+    const std::string script =
+        "export QUIL_ROOT=" + home + "; trap 'fusermount3 -u -q -z $QUIL_ROOT/pps' EXIT; " +
+        builtProgram("ppsd") + " --daemon || exit 2; " +
+        "echo a::1 > $QUIL_ROOT/pps/obj && chmod 640 $QUIL_ROOT/pps/obj || exit 3; " +
+        "fusermount3 -u $QUIL_ROOT/pps || exit 4; " + "i=0; while ! " + builtProgram("ppsd") +
+        " --daemon 2>/dev/null; do i=$((i+1)); test $i -lt 300 || exit 5; sleep 0.1; done; " +
+        "test \"$(cat $QUIL_ROOT/pps/obj)\" = \"$(printf '@obj\\na::1')\" || exit 6; " +
+        "test \"$(stat -c %a $QUIL_ROOT/pps/obj)\" = 640 || exit 7; " +
+        "fusermount3 -u $QUIL_ROOT/pps || exit 8";
+    EXPECT_EQ(asOther([&] { return WEXITSTATUS(std::system(script.c_str())); }), 0);
+}

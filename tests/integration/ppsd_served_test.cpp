@@ -1,0 +1,470 @@
+// Served objects on a live mount: one server, its clients, and how they part.
+
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <csignal>
+#include <future>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "tests/integration/pps_files.hpp"
+#include "tests/support/ppsd_mount.hpp"
+
+namespace {
+
+constexpr int kServer = O_RDWR | O_CREAT;
+const std::string kEagain = std::string("errno: ") + std::strerror(EAGAIN);
+
+class PpsdServed : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        QUIL_SKIP_WITHOUT_FUSE();
+        ASSERT_TRUE(m_ppsd.start()) << m_ppsd.output();
+    }
+
+    std::string path(const std::string& name = "/ipc") const { return m_ppsd.path(name); }
+    std::string serverPath() const { return path("/ipc?server"); }
+
+    // The tag "@ipc.ID" from a notice "+@ipc.ID\n".
+    static std::string tagOf(const std::string& notice) {
+        return notice.size() < 3 ? notice : notice.substr(1, notice.size() - 2);
+    }
+
+    ScratchRoot m_root;
+    PpsdMount m_ppsd{m_root};
+};
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+}  // namespace
+
+TEST_F(PpsdServed, SecondServerGetsEbusy) {
+    PpsFile server(serverPath(), kServer);
+    EXPECT_EQ(server.error(), 0);
+    EXPECT_EQ(PpsFile(serverPath(), kServer).error(), EBUSY);
+    EXPECT_EQ(PpsFile(serverPath(), O_RDWR).error(), EBUSY);
+}
+
+TEST_F(PpsdServed, NextServerMayOpenAsSoonAsTheLastHasClosed) {
+    for (int round = 0; round < 200; ++round) {
+        ASSERT_EQ(PpsFile(serverPath(), kServer).error(), 0) << "round " << round;
+    }
+}
+
+TEST_F(PpsdServed, NameExistsOnlyWhileItIsServed) {
+    struct stat status {};
+    {
+        PpsFile server(serverPath(), kServer, 0666);
+        ASSERT_EQ(chmod(path().c_str(), 0622), 0);
+        ASSERT_EQ(stat(path().c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode, S_IFREG | 0622U);
+        EXPECT_EQ(status.st_uid, geteuid());
+        EXPECT_EQ(status.st_size, 0);
+        ASSERT_EQ(fstat(server.fd(), &status), 0);
+        EXPECT_EQ(status.st_mode, S_IFREG | 0622U) << "the server's descriptor shows NAME";
+    }
+    EXPECT_EQ(stat(path().c_str(), &status), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(PpsFile(path(), O_RDWR).error(), ENOENT);
+}
+
+TEST_F(PpsdServed, ServedNameCannotBeRemovedOrReplaced) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile(path("/other"), kServer);
+    EXPECT_EQ(unlink(path().c_str()), -1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(rename(path().c_str(), path("/x").c_str()), -1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(rename(path("/other").c_str(), path().c_str()), -1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_EQ(mkdir(path().c_str(), 0755), -1);
+    EXPECT_EQ(errno, EEXIST);
+}
+
+TEST_F(PpsdServed, StoredObjectStandsBehindItsServerAndComesBack) {
+    PpsFile stored(path(), kServer);
+    stored.write("a::1\n");
+    {
+        PpsFile server(serverPath(), kServer);
+        ASSERT_EQ(server.error(), 0);
+        PpsFile client(path(), O_RDWR);
+        EXPECT_EQ(client.read(), "");
+        client.write("b::2\n");
+        EXPECT_EQ(server.read().substr(0, 2), "+@");
+        EXPECT_TRUE(contains(server.read(), "b::2\n"));
+    }
+    EXPECT_EQ(PpsFile(path(), O_RDONLY).read(), "@ipc\na::1\n");
+}
+
+TEST_F(PpsdServed, ModeOfTheServedObjectIsNotThatOfTheStoredOneBehindIt) {
+    PpsFile stored(path(), kServer, 0600);
+    struct stat status {};
+    {
+        PpsFile server(serverPath(), kServer);
+        EXPECT_EQ(fchmod(server.fd(), 0666), 0);
+        ASSERT_EQ(stat(path().c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 0777U, 0666U);
+    }
+    ASSERT_EQ(stat(path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+}
+
+TEST_F(PpsdServed, KilledClientThatWaitsInReadIsClosed) {
+    PpsFile server(serverPath(), kServer);
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        PpsFile client(path("/ipc?wait"), O_RDWR);
+        client.write("ready::1\n");
+        client.read();
+        _exit(0);
+    }
+    ASSERT_TRUE(server.becomesReadable());
+    const std::string tag = tagOf(server.read());
+    ASSERT_TRUE(server.becomesReadable());
+    EXPECT_EQ(server.read(), tag + "\nready::1\n");
+    usleep(kQuietMilliseconds * 1000);  // let it reach its read; before that, it proves less
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(server.read(), "-" + tag + "\n");
+    EXPECT_EQ(server.write(tag + "\na::1\n"), 0);
+}
+
+TEST_F(PpsdServed, EpollReportsEachMessageUntilItIsRead) {
+    PpsFile server(serverPath(), kServer);
+    const int set = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event event{};
+    event.events = EPOLLIN;
+    ASSERT_EQ(epoll_ctl(set, EPOLL_CTL_ADD, server.fd(), &event), 0);
+    PpsFile client(path(), O_RDWR);
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(epoll_wait(set, &event, 1, kPatienceMilliseconds), 1);
+        EXPECT_EQ(epoll_wait(set, &event, 1, kPatienceMilliseconds), 1) << "level-triggered";
+        server.read();
+        EXPECT_EQ(epoll_wait(set, &event, 1, kQuietMilliseconds), 0);
+        client.write("a::1\n");
+    }
+    close(set);
+}
+
+TEST_F(PpsdServed, ServerReadsOpeningMessagesAndClosingOneByOneOldestFirst) {
+    PpsFile server(serverPath(), kServer);
+    {
+        PpsFile client(path(), O_RDWR);
+        client.write("msg::one\nid::1\n");
+        client.write("msg::two\n");
+    }
+    const std::string opened = server.read();
+    const std::string tag = tagOf(opened);
+    EXPECT_EQ(opened, "+" + tag + "\n");
+    EXPECT_EQ(tag.substr(0, 5), "@ipc.");
+    EXPECT_EQ(server.read(), tag + "\nmsg::one\nid::1\n");
+    EXPECT_EQ(server.read(), tag + "\nmsg::two\n");
+    EXPECT_EQ(server.read(), "-" + tag + "\n");
+    EXPECT_EQ(server.read(), "");
+}
+
+TEST_F(PpsdServed, ConnectionIdsAreDecimalAndNeverUsedTwice) {
+    std::set<std::string> tags;
+    for (int round = 0; round < 3; ++round) {
+        PpsFile server(serverPath(), kServer);
+        for (int i = 0; i < 20; ++i) {
+            PpsFile client(path(), O_RDWR);
+            const std::string tag = tagOf(server.read());
+            EXPECT_EQ(tag.substr(5).find_first_not_of("0123456789"), std::string::npos) << tag;
+            EXPECT_TRUE(tags.insert(tag).second) << tag;
+            client.shut();
+            EXPECT_EQ(server.read(), "-" + tag + "\n");
+        }
+    }
+}
+
+TEST_F(PpsdServed, NobodyCanSpeakUnderAnothersTag) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile client(path(), O_RDWR);
+    const std::string tag = tagOf(server.read());
+    EXPECT_EQ(client.write("@ipc.99\na::1\n@ipc.98\nb::2\n"), 0);
+    EXPECT_EQ(server.read(), tag + "\na::1\nb::2\n");
+    EXPECT_EQ(client.write("a::1\n-@ipc.99\n"), EINVAL);
+    EXPECT_EQ(client.write("+@ipc.99\n"), EINVAL);
+    EXPECT_EQ(client.write("nonsense\n"), EINVAL);
+    EXPECT_EQ(server.read(), "");
+}
+
+TEST_F(PpsdServed, WhatDoesNotFitTheServersBufferIsDiscarded) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile client(path(), O_RDWR);
+    client.write("first::message\n");
+    client.write("second::message\n");
+    EXPECT_EQ(server.read(3), "+@i");
+    EXPECT_EQ(server.read(4), "@ipc");
+    EXPECT_TRUE(contains(server.read(), "\nsecond::message\n"));
+    EXPECT_EQ(server.read(), "");
+}
+
+TEST_F(PpsdServed, TaggedWriteGoesToThatClientAlone) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile first(path(), O_RDWR);
+    PpsFile second(path(), O_RDWR);
+    const std::string firstTag = tagOf(server.read());
+    EXPECT_EQ(server.write(firstTag + "\nreply::x\n"), 0);
+    EXPECT_EQ(first.read(), "@ipc\nreply::x\n");
+    EXPECT_EQ(second.read(), "");
+}
+
+TEST_F(PpsdServed, UntaggedWriteGoesToEveryClientConnectedAtThatMoment) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile first(path(), O_RDWR);
+    PpsFile second(path(), O_RDONLY);
+    EXPECT_EQ(server.write("@ipc\na::1\n"), 0);
+    EXPECT_EQ(server.write("b::2\n"), 0);
+    PpsFile late(path(), O_RDWR);
+    for (PpsFile* client : {&first, &second}) {
+        EXPECT_EQ(client->read(), "@ipc\na::1\n");
+        EXPECT_EQ(client->read(), "@ipc\nb::2\n");
+        EXPECT_EQ(client->read(), "");
+    }
+    EXPECT_EQ(late.read(), "");
+}
+
+TEST_F(PpsdServed, WriteToAClientThatIsGoneSucceedsAndIsDropped) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile present(path(), O_RDWR);
+    server.read();
+    std::string goneTag;
+    {
+        PpsFile gone(path(), O_RDWR);
+        goneTag = tagOf(server.read());
+    }
+    EXPECT_EQ(server.write(goneTag + "\na::1\n"), 0);
+    EXPECT_EQ(server.write("@ipc.99999999999999999999999\na::1\n"), 0);
+    EXPECT_EQ(present.read(), "");
+}
+
+TEST_F(PpsdServed, ServerWriteUnderAnotherNameOrMalformedGivesEinval) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile client(path(), O_RDWR);
+    for (const char* bad : {"@other\na::1\n", "@ipc.\na::1\n", "@ipc.1x\na::1\n", "@ipcx.1\na::1\n",
+                            "a::1\n@ipc\n", "@ipc\nnonsense\n", "@ipc", "a::torn"}) {
+        EXPECT_EQ(server.write(bad), EINVAL) << bad;
+    }
+    EXPECT_EQ(client.read(), "");
+}
+
+TEST_F(PpsdServed, ClientReadsAStreamOfWholeMessages) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile client(path(), O_RDWR);
+    server.write("a::1\n");
+    server.write("b::2\n");
+    EXPECT_EQ(client.read(7), "@ipc\na:");
+    EXPECT_EQ(client.read(), ":1\n");
+    EXPECT_EQ(client.read(), "@ipc\nb::2\n");
+}
+
+TEST_F(PpsdServed, ClientWithWaitWaitsForTheServer) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile client(path("/ipc?wait"), O_RDWR);
+    auto waiting = std::async(std::launch::async, [&] { return client.read(); });
+    EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(kQuietMilliseconds)),
+              std::future_status::timeout);
+    EXPECT_EQ(client.write("a::1\n"), 0) << "a waiting read must not block the same descriptor";
+    server.write("r::1\n");
+    EXPECT_EQ(waiting.get(), "@ipc\nr::1\n");
+    fcntl(client.fd(), F_SETFL, O_NONBLOCK);
+    EXPECT_EQ(client.read(), kEagain);
+}
+
+TEST_F(PpsdServed, ServerWithWaitWaitsForItsClients) {
+    PpsFile server(path("/ipc?server,wait"), kServer);
+    auto waiting = std::async(std::launch::async, [&] { return server.read(); });
+    PpsFile client(path(), O_RDWR);
+    EXPECT_EQ(waiting.get().substr(0, 6), "+@ipc.");
+}
+
+TEST_F(PpsdServed, ServersEndIsReadableExactlyWhileAMessageIsPending) {
+    PpsFile server(serverPath(), kServer);
+    EXPECT_EQ(server.events(), POLLOUT);
+    PpsFile client(path(), O_RDWR);
+    EXPECT_EQ(server.events(), POLLIN | POLLOUT);
+    EXPECT_EQ(server.events(), POLLIN | POLLOUT);
+    server.read();
+    EXPECT_EQ(server.events(kQuietMilliseconds, POLLIN), 0);
+    client.write("a::1\n");
+    client.write("a::2\n");
+    EXPECT_TRUE(server.becomesReadable());
+    server.read(3);
+    EXPECT_TRUE(server.becomesReadable()) << "the second message";
+    server.read();
+    EXPECT_EQ(server.events(kQuietMilliseconds, POLLIN), 0);
+}
+
+TEST_F(PpsdServed, SelectWakesTheServerForEachMessage) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile client(path(), O_RDWR);
+    server.read();
+    for (int round = 0; round < 20; ++round) {
+        auto woken = std::async(std::launch::async, [&] {
+            fd_set readable;
+            FD_ZERO(&readable);
+            FD_SET(server.fd(), &readable);
+            timeval time{kPatienceMilliseconds / 1000, 0};
+            return select(server.fd() + 1, &readable, nullptr, nullptr, &time);
+        });
+        client.write("a::1\n");
+        ASSERT_EQ(woken.get(), 1);
+        EXPECT_TRUE(contains(server.read(), "a::1\n"));
+    }
+}
+
+TEST_F(PpsdServed, ClientReadsItsQueueThenTheNoticeThenTheEndWhenTheServerCloses) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile client(path(), O_RDWR);
+    PpsFile waiting(path("/ipc?wait"), O_RDWR);
+    server.write("a::1\n");
+    EXPECT_EQ(client.read(3), "@ip");
+    server.shut();
+    EXPECT_EQ(client.events() & (POLLIN | POLLHUP), POLLIN | POLLHUP);
+    EXPECT_EQ(client.write("b::2\n"), EPIPE);
+    EXPECT_EQ(client.read(), "c\na::1\n");
+    EXPECT_EQ(client.read(), "-@ipc\n");
+    EXPECT_EQ(client.read(), "");
+    EXPECT_EQ(client.events() & (POLLIN | POLLHUP), POLLIN | POLLHUP) << "the end stays readable";
+    EXPECT_EQ(waiting.read(), "@ipc\na::1\n");
+    EXPECT_EQ(waiting.read(), "-@ipc\n");
+    EXPECT_EQ(waiting.read(), "") << "the end does not wait";
+}
+
+TEST_F(PpsdServed, ClientOfAKilledServerIsHungUpAndFindsTheNextServer) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const std::string object = serverPath();
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const int fd = open(object.c_str(), O_RDWR | O_CREAT, 0666);
+        if (fd < 0 || write(ready[1], "x", 1) != 1) {
+            _exit(1);
+        }
+        pause();
+        _exit(0);
+    }
+    char byte;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+    close(ready[1]);
+    PpsFile client(path("/ipc?wait"), O_RDWR);
+    ASSERT_EQ(client.error(), 0);
+    auto hungUp = std::async(std::launch::async, [&] {
+        pollfd source{client.fd(), 0, 0};
+        poll(&source, 1, kPatienceMilliseconds);
+        return source.revents & POLLHUP;
+    });
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(hungUp.get(), POLLHUP);
+    EXPECT_EQ(client.read(), "-@ipc\n");
+    EXPECT_EQ(client.read(), "");
+    EXPECT_EQ(client.write("a::1\n"), EPIPE);
+    EXPECT_EQ(PpsFile(path(), O_RDWR).error(), ENOENT);
+    PpsFile next(serverPath(), kServer);
+    ASSERT_EQ(next.error(), 0);
+    PpsFile again(path(), O_RDWR);
+    EXPECT_EQ(again.write("a::1\n"), 0);
+    EXPECT_EQ(next.read().substr(0, 6), "+@ipc.");
+}
+
+TEST_F(PpsdServed, WaitingReadEndsWithTheNoticeWhenTheServerCloses) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile client(path("/ipc?wait"), O_RDWR);
+    auto waiting = std::async(std::launch::async, [&] { return client.read(); });
+    EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(kQuietMilliseconds)),
+              std::future_status::timeout);
+    server.shut();
+    EXPECT_EQ(waiting.get(), "-@ipc\n");
+}
+
+TEST_F(PpsdServed, TruncatingClientsHarmNobody) {
+    PpsFile server(serverPath(), kServer);
+    EXPECT_EQ(std::system(("echo a::1 > " + path()).c_str()), 0);
+    const std::string tag = tagOf(server.read());
+    EXPECT_EQ(server.read(), tag + "\na::1\n");
+    EXPECT_EQ(server.read(), "-" + tag + "\n");
+}
+
+TEST_F(PpsdServed, ShellReadsLinesOfAStreamOneByOne) {
+    PpsFile server(serverPath(), kServer);
+    auto shell = std::async(std::launch::async, [&] {
+        return std::system(("exec 3<>'" + path("/ipc?wait") +
+                            "'; read a <&3; read b <&3; read c <&3; "
+                            "test \"$a $b $c\" = '@ipc a::1 b::2'")
+                               .c_str());
+    });
+    ASSERT_TRUE(server.becomesReadable());
+    server.write("a::1\nb::2\n");
+    EXPECT_EQ(shell.get(), 0);
+}
+
+TEST_F(PpsdServed, ServersAndClientsMayComeAndGoAtAHighRate) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> connected{0};
+    std::atomic<int> unexpected{0};
+    std::thread clients([&] {
+        while (!stop) {
+            PpsFile client(path(), O_RDWR);
+            if (client.error() == 0) {
+                const int error = client.write("a::1\n");
+                unexpected += error != 0 && error != EPIPE;
+                ++connected;
+            } else {
+                unexpected += client.error() != ENOENT;
+            }
+        }
+    });
+    for (int round = 0; round < 2000; ++round) {
+        PpsFile server(serverPath(), kServer);
+        unexpected += server.error() != 0;
+        server.write("b::1\n");
+        server.read();
+    }
+    while (connected == 0) {
+        PpsFile server(serverPath(), kServer);
+        std::this_thread::yield();
+    }
+    stop = true;
+    clients.join();
+    EXPECT_EQ(unexpected, 0);
+    PpsFile server(serverPath(), kServer);
+    PpsFile client(path(), O_RDWR);
+    EXPECT_EQ(client.write("a::1\n"), 0);
+}
+
+TEST_F(PpsdServed, ThreeHundredClientsAreServed) {
+    constexpr int kClients = 300;
+    PpsFile server(serverPath(), kServer);
+    std::vector<PpsFile> clients;
+    std::vector<std::string> tags;
+    for (int i = 0; i < kClients; ++i) {
+        clients.emplace_back(path(), O_RDWR | O_NONBLOCK);
+        ASSERT_EQ(clients.back().error(), 0);
+        tags.push_back(tagOf(server.read()));
+    }
+    EXPECT_EQ(server.write("all::1\n"), 0);
+    for (std::size_t i = 0; i < clients.size(); ++i) {
+        EXPECT_EQ(clients[i].write("n:n:" + std::to_string(i) + "\n"), 0);
+        EXPECT_EQ(server.read(), tags[i] + "\nn:n:" + std::to_string(i) + "\n");
+        EXPECT_EQ(server.write(tags[i] + "\nown:n:" + std::to_string(i) + "\n"), 0);
+    }
+    for (std::size_t i = 0; i < clients.size(); ++i) {
+        EXPECT_EQ(clients[i].read(), "@ipc\nall::1\n");
+        EXPECT_EQ(clients[i].read(), "@ipc\nown:n:" + std::to_string(i) + "\n");
+    }
+}

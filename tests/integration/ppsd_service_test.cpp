@@ -1,0 +1,304 @@
+// ppsd as a process: starting, ending, what it keeps, and what it refuses.
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "tests/integration/pps_files.hpp"
+#include "tests/support/ppsd_mount.hpp"
+
+namespace {
+
+constexpr int kCreate = O_RDWR | O_CREAT;
+
+class PpsdService : public ::testing::Test {
+  protected:
+    void SetUp() override { QUIL_SKIP_WITHOUT_FUSE(); }
+
+    std::string path(const std::string& name) const { return m_ppsd.path(name); }
+    std::string text(const std::string& name) const { return PpsFile(path(name), O_RDONLY).read(); }
+    std::string storeFile(const std::string& name) const {
+        return m_root.path("/var/lib/ppsd/tree") + name;
+    }
+
+    // Runs ppsd to its end: its exit status, with what it printed in `printed`.
+    int run(const std::string& arguments, std::string& printed) const {
+        const std::string log = m_root.path("/run.log");
+        const int status = std::system(
+            (builtProgram("ppsd") + " " + arguments + " >" + log + " 2>&1 </dev/null").c_str());
+        std::ifstream file(log);
+        printed.assign(std::istreambuf_iterator<char>(file), {});
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    ScratchRoot m_root;
+    PpsdMount m_ppsd{m_root};
+};
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// The process id of the daemon whose lock file this is, from the kernel's table of locks.
+pid_t lockHolder(const std::string& lockFile) {
+    struct stat status {};
+    if (stat(lockFile.c_str(), &status) != 0) {
+        return -1;
+    }
+    std::ifstream locks("/proc/locks");
+    const std::string inode = ":" + std::to_string(status.st_ino) + " ";
+    for (std::string line; std::getline(locks, line);) {
+        int pid = -1;
+        if (contains(line, inode) && std::sscanf(line.c_str(), "%*s FLOCK %*s %*s %d", &pid) == 1) {
+            return pid;
+        }
+    }
+    return -1;
+}
+
+}  // namespace
+
+TEST_F(PpsdService, PrintsOneLineWithPathsAsPeopleWriteThem) {
+    ASSERT_TRUE(m_ppsd.start());
+    EXPECT_EQ(m_ppsd.output(), "ppsd: serving /pps (store /var/lib/ppsd)\n");
+}
+
+TEST_F(PpsdService, MakesTheMountPointAndTheStore) {
+    ASSERT_TRUE(m_ppsd.start());
+    EXPECT_TRUE(std::filesystem::is_directory(m_root.path("/pps")));
+    EXPECT_TRUE(std::filesystem::is_directory(m_root.path("/var/lib/ppsd")));
+}
+
+TEST_F(PpsdService, TakesStoreAndMountPointFromTheCommandLine) {
+    const std::string mountPoint = m_root.path("/elsewhere");
+    ASSERT_TRUE(m_ppsd.start({"--store", m_root.path("/kept"), mountPoint}));
+    EXPECT_TRUE(contains(m_ppsd.output(), "serving /elsewhere (store /kept)")) << m_ppsd.output();
+    EXPECT_EQ(PpsFile(mountPoint + "/obj", kCreate).write("a::1\n"), 0);
+    EXPECT_TRUE(std::filesystem::exists(m_root.path("/kept/tree/obj")));
+}
+
+TEST_F(PpsdService, EndsWithStatus0OnSigtermSigintAndSighup) {
+    ASSERT_TRUE(m_ppsd.start());
+    EXPECT_EQ(m_ppsd.stop(), 0);
+    ASSERT_TRUE(m_ppsd.start());
+    EXPECT_EQ(m_ppsd.stop(SIGINT), 0);
+    ASSERT_TRUE(m_ppsd.start());
+    EXPECT_EQ(m_ppsd.stop(SIGHUP), 0);
+    EXPECT_TRUE(std::filesystem::is_empty(path(""))) << "still mounted";
+}
+
+TEST_F(PpsdService, EndsWithStatus0WhileItIsInUse) {
+    ASSERT_TRUE(m_ppsd.start());
+    PpsFile object(path("/obj"), kCreate);
+    PpsFile server(path("/ipc?server"), kCreate);
+    PpsFile client(path("/ipc?wait"), O_RDWR);
+    EXPECT_EQ(m_ppsd.stop(), 0);
+    EXPECT_NE(client.read().substr(0, 6), "") << "the read comes back";
+    ASSERT_TRUE(m_ppsd.start());
+    EXPECT_EQ(PpsFile(path("/obj"), O_RDWR).error(), 0);
+}
+
+TEST_F(PpsdService, TreeWithModesOwnersAndTimesComesBackAfterARestart) {
+    ASSERT_TRUE(m_ppsd.start());
+    ASSERT_EQ(mkdir(path("/folder").c_str(), 0711), 0);
+    PpsFile(path("/folder/obj"), kCreate, 0640).write("b::1\na:json:{\"x\":1}\n");
+    PpsFile(path("/folder/empty"), kCreate, 0604);
+    ASSERT_EQ(chmod(path("").c_str(), 0751), 0);
+    if (geteuid() == 0) {
+        ASSERT_EQ(chown(path("/folder/obj").c_str(), 1234, 2345), 0);
+        ASSERT_EQ(chown(path("/folder").c_str(), 1234, 2345), 0);
+    }
+    const timespec times[] = {{0, UTIME_OMIT}, {1000000000, 123456789}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path("/folder/obj").c_str(), times, 0), 0);
+    const auto describe = [&](const std::string& name) {
+        struct stat status {};
+        EXPECT_EQ(stat(path(name).c_str(), &status), 0) << name;
+        return std::to_string(status.st_mode) + " " + std::to_string(status.st_uid) + " " +
+               std::to_string(status.st_gid) + " " + std::to_string(status.st_size);
+    };
+    const std::string folder = describe("/folder");
+    const std::string object = describe("/folder/obj");
+    const std::string empty = describe("/folder/empty");
+    const std::string top = describe("");
+    ASSERT_TRUE(m_ppsd.restart());
+    EXPECT_EQ(describe("/folder"), folder);
+    EXPECT_EQ(describe("/folder/obj"), object);
+    EXPECT_EQ(describe("/folder/empty"), empty);
+    EXPECT_EQ(describe(""), top);
+    struct stat status {};
+    stat(path("/folder/obj").c_str(), &status);
+    EXPECT_EQ(status.st_mtim.tv_sec, 1000000000);
+    EXPECT_EQ(status.st_mtim.tv_nsec, 123456789);
+    if (geteuid() == 0) {
+        EXPECT_EQ(status.st_uid, 1234U);
+    }
+    EXPECT_EQ(text("/folder/obj"), "@obj\nb::1\na:json:{\"x\":1}\n");
+    EXPECT_EQ(text("/folder/empty"), "");
+}
+
+TEST_F(PpsdService, RenamesAndRemovalsComeBackAfterARestart) {
+    ASSERT_TRUE(m_ppsd.start());
+    ASSERT_EQ(mkdir(path("/a").c_str(), 0755), 0);
+    ASSERT_EQ(mkdir(path("/gone").c_str(), 0755), 0);
+    PpsFile(path("/a/obj"), kCreate).write("a::1\n");
+    PpsFile(path("/removed"), kCreate).write("a::1\n");
+    ASSERT_EQ(rename(path("/a").c_str(), path("/b").c_str()), 0);
+    ASSERT_EQ(rmdir(path("/gone").c_str()), 0);
+    ASSERT_EQ(unlink(path("/removed").c_str()), 0);
+    ASSERT_TRUE(m_ppsd.restart());
+    EXPECT_EQ(text("/b/obj"), "@obj\na::1\n");
+    for (const char* name : {"/a", "/gone", "/removed"}) {
+        EXPECT_FALSE(std::filesystem::exists(path(name))) << name;
+    }
+}
+
+TEST_F(PpsdService, ServedObjectsAreNotStored) {
+    ASSERT_TRUE(m_ppsd.start());
+    PpsFile server(path("/ipc?server"), kCreate);
+    server.write("a::1\n");
+    EXPECT_FALSE(std::filesystem::exists(storeFile("/ipc")));
+    server.shut();
+    ASSERT_TRUE(m_ppsd.restart());
+    EXPECT_EQ(PpsFile(path("/ipc"), O_RDWR).error(), ENOENT);
+}
+
+TEST_F(PpsdService, EveryWriteThatReturnedSurvivesAKill) {
+    ASSERT_TRUE(m_ppsd.start());
+    PpsFile file(path("/obj"), kCreate, 0600);
+    for (int round = 0; round < 5; ++round) {
+        const std::string value = std::to_string(round);
+        ASSERT_EQ(file.write("n:n:" + value + "\n"), 0);
+        m_ppsd.kill();
+        file.shut();
+        ASSERT_TRUE(m_ppsd.start()) << "a stale mount must be cleaned up\n" << m_ppsd.output();
+        EXPECT_EQ(text("/obj"), "@obj\nn:n:" + value + "\n");
+        file = PpsFile(path("/obj"), O_RDWR);
+    }
+}
+
+TEST_F(PpsdService, KillInTheMiddleOfWritesLeavesTheLastCompleteOne) {
+    ASSERT_TRUE(m_ppsd.start());
+    const auto valueOf = [](int i) { return std::string(static_cast<std::size_t>(i), 'v'); };
+    int acknowledged = 0;
+    {
+        PpsFile file(path("/obj"), kCreate);
+        const pid_t killer = fork();
+        if (killer == 0) {
+            usleep(100000);
+            kill(m_ppsd.pid(), SIGKILL);
+            _exit(0);
+        }
+        while (file.write("v::" + valueOf(acknowledged + 1) + "\n") == 0) {
+            acknowledged = (acknowledged + 1) % 50000;
+        }
+        waitpid(killer, nullptr, 0);
+    }
+    m_ppsd.kill();
+    ASSERT_TRUE(m_ppsd.start());
+    const std::string found = text("/obj");
+    const std::string last = "@obj\nv::" + valueOf(acknowledged) + "\n";
+    const std::string next = "@obj\nv::" + valueOf(acknowledged + 1) + "\n";
+    EXPECT_TRUE(found == last || found == next)
+        << found.size() << " bytes, expected " << last.size() << " or " << next.size();
+    EXPECT_FALSE(contains(m_ppsd.output(), "damaged")) << m_ppsd.output();
+}
+
+TEST_F(PpsdService, DamagedStoreFilesAreReportedKeptAsideAndHarmNothingElse) {
+    ASSERT_TRUE(m_ppsd.start());
+    for (const char* name : {"/good", "/cut", "/flipped", "/empty"}) {
+        PpsFile(path(name), kCreate).write("a::1\nb::2\n");
+    }
+    ASSERT_EQ(m_ppsd.stop(), 0);
+    std::filesystem::resize_file(storeFile("/cut"), 60);
+    std::filesystem::resize_file(storeFile("/empty"), 0);
+    {
+        std::fstream file(storeFile("/flipped"), std::ios::in | std::ios::out);
+        file.seekp(-3, std::ios::end);
+        file.put('9');
+    }
+    ASSERT_TRUE(m_ppsd.start()) << m_ppsd.output();
+    EXPECT_EQ(text("/good"), "@good\na::1\nb::2\n");
+    for (const std::string name : {"/cut", "/flipped", "/empty"}) {
+        EXPECT_EQ(PpsFile(path(name), O_RDWR).error(), ENOENT) << name;
+        EXPECT_TRUE(contains(m_ppsd.output(), "stored " + name + " is damaged")) << name;
+        EXPECT_EQ(PpsFile(path(name), kCreate).write("new::1\n"), 0) << name;
+    }
+    const std::filesystem::directory_iterator kept(m_root.path("/var/lib/ppsd/damaged"));
+    EXPECT_EQ(std::distance(begin(kept), end(kept)), 3);
+}
+
+TEST_F(PpsdService, DaemonReturnsOnceTheMountIsLive) {
+    std::string printed;
+    ASSERT_EQ(run("--daemon", printed), 0) << printed;
+    EXPECT_EQ(PpsFile(path("/obj"), kCreate).write("a::1\n"), 0);
+    const std::string lock = m_root.path("/var/lib/ppsd/lock");
+    const pid_t daemon = lockHolder(lock);
+    ASSERT_GT(daemon, 1);
+    kill(daemon, SIGTERM);
+    for (int i = 0; i < kPatienceMilliseconds && lockHolder(lock) == daemon; ++i) {
+        usleep(1000);
+    }
+    EXPECT_FALSE(std::filesystem::exists(path("/obj"))) << "still mounted";
+}
+
+TEST_F(PpsdService, DaemonThatCannotStartSaysWhyAndFails) {
+    ASSERT_TRUE(m_ppsd.start());
+    std::string printed;
+    EXPECT_EQ(run("--daemon", printed), 1);
+    EXPECT_TRUE(contains(printed, "in use")) << printed;
+}
+
+TEST_F(PpsdService, SecondServiceOnTheSameStoreIsRefused) {
+    ASSERT_TRUE(m_ppsd.start());
+    std::string printed;
+    EXPECT_EQ(run(m_root.path("/other"), printed), 1);
+    EXPECT_EQ(printed, "ppsd: the store /var/lib/ppsd is in use by another ppsd\n");
+}
+
+TEST_F(PpsdService, SecondServiceOnTheSameMountPointIsRefused) {
+    ASSERT_TRUE(m_ppsd.start());
+    PpsFile(path("/obj"), kCreate).write("a::1\n");
+    std::string printed;
+    EXPECT_EQ(run("--store " + m_root.path("/other"), printed), 1);
+    EXPECT_TRUE(contains(printed, "the mount point /pps is in use")) << printed;
+    EXPECT_EQ(text("/obj"), "@obj\na::1\n");
+}
+
+TEST_F(PpsdService, MountPointThatIsAFileIsRefusedWithItsName) {
+    std::ofstream(m_root.path("/pps")) << "x";
+    std::string printed;
+    EXPECT_EQ(run("", printed), 1);
+    EXPECT_TRUE(contains(printed, "/pps: Not a directory")) << printed;
+}
+
+TEST_F(PpsdService, UnknownCommandLineOptionIsRefused) {
+    std::string printed;
+    EXPECT_NE(run("--bogus", printed), 0);
+    EXPECT_TRUE(contains(printed, "--bogus")) << printed;
+}
+
+TEST_F(PpsdService, TellsTheServiceManagerThatItIsReady) {
+    const std::string name = m_root.path("/notify");
+    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(manager, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    setenv("NOTIFY_SOCKET", name.c_str(), 1);
+    ASSERT_TRUE(m_ppsd.start());
+    char message[64] = "";
+    pollfd source{manager, POLLIN, 0};
+    ASSERT_EQ(poll(&source, 1, kPatienceMilliseconds), 1);
+    EXPECT_EQ(std::string(message, static_cast<std::size_t>(read(manager, message, 64))),
+              "READY=1");
+    close(manager);
+}
