@@ -29,7 +29,7 @@ int main(int argc, char** argv) {
 
     quilclient::Handlers handlers;
     handlers.onChannel = [](const quilclient::Result& result, const std::string& token) {
-        std::cout << (result.ok() ? "channel " + token : "no channel: " + result.message)
+        std::cout << (result.ok() ? "channel " + token : "no channel: " + result.words)
                   << std::endl;
     };
     handlers.onPush = [](const quilclient::Push& push) {
@@ -44,7 +44,7 @@ int main(int argc, char** argv) {
     std::signal(SIGTERM, onSignal);
     const quilclient::Result result = client.run();
     if (!result.ok()) {
-        std::cerr << result.message << std::endl;
+        std::cerr << result.words << std::endl;
     }
     return result.ok() ? 0 : 1;
 }
