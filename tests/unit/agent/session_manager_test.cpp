@@ -9,9 +9,7 @@
 #include <string>
 #include <thread>
 #include <type_traits>
-#include <vector>
 
-#include "agent/config_manager.hpp"
 #include "agent/data_manager.hpp"
 #include "agent/message_manager.hpp"
 #include "agent/messages/reply_messages.hpp"
@@ -592,12 +590,4 @@ TEST_F(SessionManager, OutOfMemoryWhileListingPortsIsLogged) {
     EXPECT_EQ(ports(), "");
     EXPECT_TRUE(memory.hasFailed());
     EXPECT_TRUE(wasLogged(3, "exception occurred when trying to get all ports.")) << recordedText();
-}
-
-TEST_F(SessionManager, OperationsOfAHolderOfTheLockGoThrough) {
-    // processSimChange looks sessions up again while it holds the lock, on the same thread.
-    changeSim("123", "456");
-    add("app", "@ipc.1", STATE_SIM_CHANGE, 4711);
-    EXPECT_EQ(m_manager.processSimChange(), 1);
-    EXPECT_TRUE(wasLogged(6, "quilDestroyChannel Called app id [app]\n")) << recordedText();
 }
