@@ -28,6 +28,8 @@ enum QuilSessionEvent {
 // its state and its push sockets.
 class QuilSession {
   public:
+    // A session without client, port and state.
+    explicit QuilSession(const std::string& providerAppId);
     // A new session, in state Idle, without a port.
     QuilSession(const std::string& providerAppId, const std::string& clientId);
     // A saved session, read from the decoder's present object. Listens on its port at once; in
