@@ -145,9 +145,13 @@ TEST_F(EventLoopEnd, PipeThatCannotBeMadeEndsTheLoopAndFailsWakeUps) {
     close(next);
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
+    const rlim_t usual = limit.rlim_cur;
     limit.rlim_cur = static_cast<rlim_t>(next);
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-    ASSERT_TRUE(loopEnds());
+    const bool isOver = loopEnds();
+    limit.rlim_cur = usual;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    ASSERT_TRUE(isOver);
     EXPECT_TRUE(
         wasLogged(2, "QuilAgent: invalid file descriptor for internal pipe between threads -1"))
         << recordedText();
