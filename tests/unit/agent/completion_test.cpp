@@ -208,6 +208,14 @@ TEST_F(Completion, RegisteredChannelEntersItsStateBeforeTheApplicationIsTold) {
                  "5 Save to persistent memory returns 1"});
 }
 
+TEST_F(Completion, LoopIsWokenBeforeTheChannelCompletionIsQueued) {
+    addSession("app", "@ipc.17");
+    close(0);
+    QuilServerRegMessage request = makeRequest(0);
+    addCreateChannelCompletedMessage(request);
+    expectOrder({"6 Failed to write pipe!!", "5 addMessage: msg type[2]"});
+}
+
 TEST_F(Completion, ChannelOfADeletedSessionComesToRegisterAgain) {
     QuilSession* session = addSession<QuilDeleteState>("app", "@ipc.17");
     QuilServerRegMessage request = makeRequest(0);
@@ -345,5 +353,6 @@ TEST_F(Completion, CleanupWakesTheLoopBeforeItSaves) {
 TEST_F(Completion, CleanupGoesOnWhenTheLoopCannotBeWoken) {
     close(0);
     cleanup();
-    expectOrder({"6 Failed to write pipe!!", "5 cleanup: Save to persistent memory returns 1"});
+    expectOrder({"6 Failed to write pipe!!", "5 Save: Wrote",
+                 "5 cleanup: Save to persistent memory returns 1"});
 }

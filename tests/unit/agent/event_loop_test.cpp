@@ -92,6 +92,12 @@ class EventLoop : public ClientsTest {
         EXPECT_EQ(send(sender, kPush.data(), kPush.size(), 0), static_cast<ssize_t>(kPush.size()));
     }
 
+    // Waits for these lines of event_loop.cpp, and no others.
+    static void expectLines(const std::string& lines) {
+        waitUntil([&] { return linesOf("event_loop.cpp") == lines; });
+        EXPECT_EQ(linesOf("event_loop.cpp"), lines);
+    }
+
     pthread_t m_thread{};
 };
 
@@ -106,32 +112,34 @@ TEST_F(EventLoop, StartShowsThePortsThenTheSimPassThenTheFirstSet) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
     const QuilPort& port = listener.session->getPort();
-    EXPECT_EQ(linesOf("event_loop.cpp"),
-              "5 quilAgentLoop: All the valid ports are\n\n"
-              "6 ports->size() = 1\n" +
-                  fds("5 quilAgentLoop: port [", port) +
-                  "5 Entering quilAgentLoop...\n"
-                  "5 quilAgentLoop: Waiting (select)...\n" +
-                  fds("5 quilAgentLoop: setting rfds: port [", port));
+    expectLines(
+        "5 quilAgentLoop: All the valid ports are\n\n"
+        "6 ports->size() = 1\n" +
+        fds("5 quilAgentLoop: port [", port) +
+        "5 Entering quilAgentLoop...\n"
+        "5 quilAgentLoop: Waiting (select)...\n" +
+        fds("5 quilAgentLoop: setting rfds: port [", port));
     EXPECT_TRUE(wasLogged(6, "processSimChange: is same sim"));
 }
 
 TEST_F(EventLoop, PushReachesTheApplicationAndTheListIsTakenAnew) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
+    const QuilPort& port = listener.session->getPort();
+    ASSERT_TRUE(waitUntil([&] {
+        return linesOf("event_loop.cpp")
+            .ends_with(fds("5 quilAgentLoop: setting rfds: port [", port));
+    }));
     clearRecordedLines();
     sendPush(listener.port);
     EXPECT_EQ(nextReply(), kNotification);
-    ASSERT_TRUE(waitForPasses(1));
-    const QuilPort& port = listener.session->getPort();
-    EXPECT_EQ(linesOf("event_loop.cpp"),
-              "5 " + receiving(listener, "app") + "\n" +
-                  fds("5 quilAgentLoop: serverIfProcessData port [", port) +
-                  "5 quilAgentLoop: All the valid ports are\n\n" +
-                  fds("5 quilAgentLoop 2: port[", port) +
-                  "5 \n\n\n"
-                  "5 quilAgentLoop: Waiting (select)...\n" +
-                  fds("5 quilAgentLoop: setting rfds: port [", port));
+    expectLines("5 " + receiving(listener, "app") + "\n" +
+                fds("5 quilAgentLoop: serverIfProcessData port [", port) +
+                "5 quilAgentLoop: All the valid ports are\n\n" +
+                fds("5 quilAgentLoop 2: port[", port) +
+                "5 \n\n\n"
+                "5 quilAgentLoop: Waiting (select)...\n" +
+                fds("5 quilAgentLoop: setting rfds: port [", port));
 }
 
 TEST_F(EventLoop, ClientRequestIsReadOncePerPass) {
@@ -237,9 +245,13 @@ TEST_F(EventLoop, PortOfAnUnregisteredSessionIsWatchedNoMore) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
     listener.session->enterState(std::make_unique<QuilCreateState>());
+    wakeMainLoop();
+    ASSERT_TRUE(waitForPasses(2));
     clearRecordedLines();
     wakeMainLoop();
     ASSERT_TRUE(waitForPasses(1));
+    wakeMainLoop();
+    ASSERT_TRUE(waitForPasses(2));
     EXPECT_EQ(recordedText().find("setting rfds"), std::string::npos) << recordedText();
 }
 
@@ -247,7 +259,9 @@ TEST_F(EventLoop, PortThatStoppedDuringTheWaitIsNotServed) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
     clearRecordedLines();
-    listener.session->stopListenOnPort();  // also wakes the loop: the shutdown shows as readable
+    // The wait still has the descriptor, and sees it readable; the port no longer does.
+    listener.session->getPort().setSocket(-1);
+    sendPush(listener.port);
     ASSERT_TRUE(waitForPasses(1));
     EXPECT_EQ(recordedText().find("receiving data"), std::string::npos) << recordedText();
     sendRequest(golden("requests_create_session.txt"));
@@ -264,7 +278,7 @@ TEST_F(EventLoop, PortAtDescriptor255IsWatched) {
 TEST_F(EventLoop, PortAtDescriptor256IsShownButSkipped) {
     const Listener listener = addListener("app", "@ipc.17", 256);
     startLoop();
-    EXPECT_TRUE(wasLogged(
+    EXPECT_TRUE(waitForLogged(
         5, "quilAgentLoop: setting rfds: port [" + std::to_string(listener.port) + "] fd[256]"))
         << recordedText();
     sendPush(listener.port);
@@ -286,7 +300,7 @@ TEST_F(EventLoop, PortThatDoesNotListenIsSkippedAndNoError) {
     addSession<QuilRegisterState>("app", "@ipc.17")->getPort().setPort(5000);
     startLoop();
     EXPECT_TRUE(wasLogged(5, "quilAgentLoop: port [5000] fd[-1]")) << recordedText();
-    EXPECT_TRUE(wasLogged(5, "quilAgentLoop: setting rfds: port [5000] fd[-1]"));
+    EXPECT_TRUE(waitForLogged(5, "quilAgentLoop: setting rfds: port [5000] fd[-1]"));
     sendRequest(golden("requests_create_session.txt"));
     EXPECT_EQ(nextReply(), golden("replies_session_created.txt"));
     EXPECT_EQ(recordedText().find("Select error"), std::string::npos) << recordedText();
@@ -382,8 +396,8 @@ TEST_F(EventLoop, EmptyReadOfTheClientObjectDoesNotPause) {
     startLoop();
     shutdown(m_client, SHUT_RDWR);
     const auto begin = std::chrono::steady_clock::now();
-    ASSERT_TRUE(waitForPasses(20));
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));
+    ASSERT_TRUE(waitForPasses(60));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
 TEST_F(EventLoop, ExceptionWhileAPushIsReadIsLoggedAndSurvived) {
@@ -444,8 +458,14 @@ TEST_F(EventLoop, EchoOfAnIdleLoopIsComplete) {
     const int file = open(path("/echo").c_str(), O_WRONLY | O_CLOEXEC);
     ASSERT_EQ(dup2(file, 1), 1);
     startLoop();
-    EXPECT_TRUE(waitUntil([this] { return readFile("/echo").ends_with(kWaiting + "\n"); }, 5))
+    ASSERT_TRUE(waitUntil([this] { return readFile("/echo").find(kWaiting) != std::string::npos; }))
         << readFile("/echo");
+    // Once more, as the handler thread may have shown the first one along with its own lines.
+    wakeMainLoop();
+    EXPECT_TRUE(waitUntil([this] {
+        const std::string echo = readFile("/echo");
+        return echo.find(kWaiting) != echo.rfind(kWaiting);
+    })) << readFile("/echo");
     dup2(terminal, 1);
 }
 
