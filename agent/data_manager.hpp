@@ -1,5 +1,5 @@
-// Keeps the sessions across restarts, in the object "/pps/services/push/quilagent" (docs/formats/
-// saved_sessions.md shows its text).
+// Keeps the sessions across restarts, in the object "/pps/services/push/quilagent".
+// docs/formats/saved_sessions.md shows its text.
 
 #pragma once
 

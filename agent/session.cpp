@@ -202,6 +202,15 @@ void QuilSession::listenOnPort() {
              m_port.getSocket());
 }
 
+void QuilSession::listenOn(int port) {
+    const Lock lock(m_lock);
+    if (m_port.getPort() != port && m_port.getSocket() != -1) {
+        stopListenOnPort();
+    }
+    m_port.setPort(port);
+    listenOnPort();
+}
+
 void QuilSession::stopListenOnPort() {
     const Lock lock(m_lock);
     if (isTerminated()) {
