@@ -1,6 +1,7 @@
 // What a line costs: stack and memory. This program has a slogf of its own that costs neither, so
 // that only logMessage's share is seen.
 
+#include <alloca.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -8,9 +9,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <alloca.h>
-
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
@@ -19,6 +17,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "agent/log.hpp"
 #include "agent/stack_end.hpp"
