@@ -172,7 +172,11 @@ TEST_F(CredentialsOfRoot, NumbersBeyond32BitsAreInvalid) {
     EXPECT_EQ(switchTo("4294967296"), "EINVAL" + kUnchanged);
     EXPECT_EQ(switchTo("99999999999999999999999"), "EINVAL" + kUnchanged);
     EXPECT_EQ(switchTo("44:4294967296"), "EINVAL" + kUnchanged);
+}
+
+TEST_F(CredentialsOfRoot, NegativeGroupIsInvalidAndNotALargeOne) {
     EXPECT_EQ(switchTo("44:-1"), "EINVAL" + kUnchanged);
+    EXPECT_EQ(switchTo("44:-2"), "EINVAL" + kUnchanged);
 }
 
 TEST_F(CredentialsOfRoot, InvalidSupplementaryGroupFailsBeforeTheUserIsSwitched) {
