@@ -33,6 +33,7 @@ class PushMessage : public ::testing::Test {
         pps_encoder_initialize(&encoder, false);
         pps_encoder_start_object(&encoder, nullptr);
         EXPECT_TRUE(m_push.addData(&encoder));
+        EXPECT_EQ(encoder.m_levels.size(), 1U) << "an object was left open";
         pps_encoder_end_object(&encoder);
         return {pps_encoder_buffer(&encoder), pps_encoder_length(&encoder)};
     }
