@@ -114,7 +114,7 @@ void startCounting() {
 
 namespace {
 
-constexpr std::size_t kStackBytes = 256 * 1024;
+constexpr std::size_t kStackBytes = 2 * 1024 * 1024;  // the thread sanitizer wants one of them
 constexpr std::size_t kBelowBytes = 64 * 1024;
 
 // A thread whose stack ends where this test says. Below that end lies another mapping, which the
