@@ -1,6 +1,7 @@
 // Where applications talk to the agent: the served object "/pps/services/push/ipc". This unit opens
 // it, reads requests from it and hands them to the operations; replies go back through
-// client_reply.hpp. docs/applications.md shows requests and replies as applications see them.
+// client_reply.hpp. docs/formats/requests.md and docs/formats/replies.md show both
+// as applications see them.
 
 #pragma once
 

@@ -70,8 +70,8 @@ void addCreateChannelCompletedMessage(QuilServerRegMessage& request) {
     } else {
         QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId(appId);
         if (session != nullptr) {
-            const std::string pin = QuilConfigManager::getInstance()->getDevicePin();
             session->enterState(std::make_unique<QuilRegisterState>());
+            const std::string pin = QuilConfigManager::getInstance()->getDevicePin();
             completion->setToken(pin);
             session->setToken(pin);
             isSuccess = true;

@@ -136,7 +136,13 @@ int QuilConfigManager::getIntValue(const std::string& key, int defaultValue) con
 
 void QuilConfigManager::setValue(const std::string& key, const std::string& value) {
     const QuilLock lock(m_mutex);
-    m_values[key] = value;
+    try {
+        m_values.insert_or_assign(key, value);
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING,
+                 "QuilConfigManager::setValue: exception occurred when set value for key [%s]",
+                 key.c_str());
+    }
 }
 
 std::string QuilConfigManager::getName() const {

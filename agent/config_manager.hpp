@@ -19,13 +19,15 @@ class QuilConfigManager {
     QuilConfigManager(const QuilConfigManager&) = delete;
     QuilConfigManager& operator=(const QuilConfigManager&) = delete;
 
-    // The stored value; "" when the key is absent, or empty (which is logged).
+    // The stored value; "" when the key is absent. The empty key has no value, and asking for it is
+    // logged.
     std::string getValue(const std::string& key) const;
     // The stored value; the default when it is absent or empty.
     std::string getValueOr(const std::string& key, const std::string& defaultValue) const;
     // The stored value's leading decimal number (0 when it has none), the default when it is absent
     // or empty.
     int getIntValue(const std::string& key, int defaultValue) const;
+    // Inserts or replaces. Without memory for it the key keeps what it had, which is logged.
     void setValue(const std::string& key, const std::string& value);
 
     std::string getName() const;

@@ -90,6 +90,16 @@ bool QuilDataManager::readObject() {
 }
 
 int QuilDataManager::load() {
+    try {
+        return loadSessions();
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING,
+                 "QuilDataManager::load: exception occurred when loading the sessions");
+        return 0;
+    }
+}
+
+int QuilDataManager::loadSessions() {
     if (!readObject()) {
         return 0;
     }
@@ -132,6 +142,18 @@ int QuilDataManager::initEncoder() {
 
 int QuilDataManager::save() {
     const QuilLock lock(m_saveLock);
+    int result = 0;
+    try {
+        result = saveSessions();
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING,
+                 "QuilDataManager::save: exception occurred when saving the sessions");
+    }
+    pps_encoder_cleanup(&m_encoder);
+    return result;
+}
+
+int QuilDataManager::saveSessions() {
     if (initEncoder() == 0) {
         return 0;
     }
@@ -152,7 +174,6 @@ int QuilDataManager::save() {
         const ssize_t written = write(m_handle, pps_encoder_buffer(&m_encoder), length);
         QUIL_LOG(LOG_LEVEL_INFO, "Save: Wrote %d bytes to pps.", static_cast<int>(written));
     }
-    pps_encoder_cleanup(&m_encoder);
     return result;
 }
 

@@ -1,5 +1,5 @@
-// Keeps the sessions across restarts, in the object "/pps/services/push/quilagent" (docs/formats/
-// saved_sessions.md shows its text).
+// Keeps the sessions across restarts, in the object "/pps/services/push/quilagent".
+// docs/formats/saved_sessions.md shows its text.
 
 #pragma once
 
@@ -20,8 +20,8 @@ class QuilDataManager {
     QuilDataManager& operator=(const QuilDataManager&) = delete;
 
     // Reads the object and hands its sessions to the session manager. Called once, by start-up,
-    // before other threads exist. 0 when the object is damaged or there is no session manager,
-    // else 1.
+    // before other threads exist. 0 when the object is damaged, there is no session manager or
+    // memory ran out (then sessions may be missing), else 1.
     int load();
     // Writes version, IMSI and sessions, on any thread. 0 when nothing was written because there is
     // no configuration, no session manager or an exception on the way; else 1, also when the write
@@ -37,7 +37,9 @@ class QuilDataManager {
     QuilDataManager();
     void setupPpsHandle();
     bool readObject();
+    int loadSessions();
     int initEncoder() REQUIRES(m_saveLock);
+    int saveSessions() REQUIRES(m_saveLock);
 
     int m_handle = -1;
     QuilMutex m_saveLock;  // outermost of all locks; held throughout a save

@@ -113,9 +113,9 @@ void servePorts(const std::vector<QuilPort*>& ports, const DescriptorSet& set) {
         if (!set.has(port->getSocket())) {
             continue;
         }
-        QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Port %d receiving data for App id [%s]",
-                 port->getPort(), port->getName().c_str());
         try {
+            QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Port %d receiving data for App id [%s]",
+                     port->getPort(), port->getName().c_str());
             serverIfProcessData(port);
         } catch (...) {
             QUIL_LOG(LOG_LEVEL_WARNING,
@@ -149,14 +149,14 @@ void serveWakeUp() {
     static_cast<void>(!read(g_pipeReadEnd, &byte, 1));
 }
 
-// The ports of all sessions, each logged with `format`.
-template <typename LogPort>
-std::vector<QuilPort*> takePorts(const char* exceptionText, LogPort logPort) {
+// The ports of all sessions, shown by `logPorts`.
+template <typename LogPorts>
+std::vector<QuilPort*> takePorts(const char* exceptionText, LogPorts logPorts) {
     QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: All the valid ports are\n");
     std::vector<QuilPort*> ports;
     try {
         ports = g_sessions->getAllPorts();
-        logPort(ports);
+        logPorts(ports);
     } catch (...) {
         QUIL_LOG(LOG_LEVEL_WARNING, "%s", exceptionText);
     }

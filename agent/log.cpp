@@ -3,15 +3,13 @@
 
 #include "agent/log.hpp"
 
-#include <pthread.h>
-
-#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 
+#include "agent/stack_end.hpp"
 #include "platform/slog/slog.hpp"
 
 namespace {
@@ -24,19 +22,6 @@ constexpr std::size_t kEchoBytes = 65536;
 
 // Written before any thread is started, read without a lock afterwards.
 int g_verbosity = 5;
-
-// Lowest address of the calling thread's stack, 0 when the system does not tell.
-std::uintptr_t findStackEnd() {
-    pthread_attr_t attributes;
-    if (pthread_getattr_np(pthread_self(), &attributes) != 0) {
-        return 0;
-    }
-    void* lowest = nullptr;
-    std::size_t size = 0;
-    const int result = pthread_attr_getstack(&attributes, &lowest, &size);
-    pthread_attr_destroy(&attributes);
-    return result == 0 ? reinterpret_cast<std::uintptr_t>(lowest) : 0;
-}
 
 bool hasStackForText() {
     static thread_local const std::uintptr_t stackEnd = findStackEnd();

@@ -43,6 +43,7 @@ struct Options {
 void openStandardDescriptors() {
     for (int descriptor = 0; descriptor <= 2; ++descriptor) {
         if (fcntl(descriptor, F_GETFD) == -1 && open("/dev/null", O_RDWR) == -1) {
+            std::perror("quilagent: /dev/null");
             std::exit(EXIT_FAILURE);
         }
     }

@@ -3,15 +3,10 @@
 
 #include "agent/message_manager.hpp"
 
-#include <new>
-
 #include "agent/log.hpp"
 #include "agent/messages/push_message.hpp"
 #include "agent/server_if.hpp"
 
-namespace {
-
-// A push that cannot be queued is lost; its sender learns that by the close.
 void closeConnectionOf(const QuilMessageNode& node) {
     const auto* push = dynamic_cast<const QuilPushMessage*>(node.getMessage());
     if (push != nullptr && push->getSocket() != -1) {
@@ -19,10 +14,15 @@ void closeConnectionOf(const QuilMessageNode& node) {
     }
 }
 
-}  // namespace
-
 QuilMessageManager* QuilMessageManager::getInstance() {
-    static QuilMessageManager* const instance = new (std::nothrow) QuilMessageManager();
+    // The queue itself allocates, so asking for null instead of an exception would not be enough.
+    static QuilMessageManager* const instance = []() -> QuilMessageManager* {
+        try {
+            return new QuilMessageManager();
+        } catch (...) {
+            return nullptr;
+        }
+    }();
     return instance;
 }
 

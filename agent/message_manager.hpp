@@ -10,6 +10,10 @@
 #include "agent/message_node.hpp"
 #include "agent/thread_safety.hpp"
 
+// Closes the connection of the push in the node, if there is one. For whoever gives up a node that
+// nobody has taken over: the push is lost, and its sender learns that by the close.
+void closeConnectionOf(const QuilMessageNode& node);
+
 // Safe on any thread.
 class QuilMessageManager {
   public:

@@ -6,8 +6,9 @@
 
 #include <pthread.h>
 
-#include <deque>
+#include <array>
 #include <memory>
+#include <utility>
 
 #include "agent/completion.hpp"
 #include "agent/log.hpp"
@@ -34,10 +35,21 @@ QuilMutex& handlerLock() {
 constexpr std::size_t kUndispatchedNodesKept = 32;
 
 void retain(std::unique_ptr<QuilMessageNode> node) {
-    static auto* const retained = new std::deque<std::unique_ptr<QuilMessageNode>>();
-    retained->push_back(std::move(node));
-    if (retained->size() > kUndispatchedNodesKept) {
-        retained->pop_front();
+    using Nodes = std::array<std::unique_ptr<QuilMessageNode>, kUndispatchedNodesKept>;
+    static auto* const retained = new Nodes();
+    static std::size_t next = 0;
+    (*retained)[next] = std::move(node);
+    next = (next + 1) % kUndispatchedNodesKept;
+}
+
+// Does `work` on a node. When it throws, nobody has taken over the connection of a push in it.
+template <typename Work>
+void closingConnectionOnFailure(const QuilMessageNode& node, Work work) {
+    try {
+        work();
+    } catch (...) {
+        closeConnectionOf(node);
+        throw;
     }
 }
 
@@ -55,13 +67,13 @@ void handleRegistration(QuilBaseMessage* message, bool isRegister) {
     }
 }
 
-void handlePush(std::unique_ptr<QuilBaseMessage> copy) {
+void handlePush(const QuilMessageNode& node, std::unique_ptr<QuilBaseMessage> copy) {
     std::unique_ptr<QuilPushMessage> push(dynamic_cast<QuilPushMessage*>(copy.get()));
     if (push == nullptr) {
         return;
     }
     static_cast<void>(copy.release());  // now `push`
-    push->createData();
+    closingConnectionOnFailure(node, [&push] { push->createData(); });
     pushNotification(std::move(push));
 }
 
@@ -76,7 +88,7 @@ void dispatch(const QuilMessageNode& node, std::unique_ptr<QuilBaseMessage> copy
             processDestroyChannelCallback(std::move(copy));
             break;
         case MESSAGE_PUSH:
-            handlePush(std::move(copy));
+            handlePush(node, std::move(copy));
             break;
         case MESSAGE_SERVER_REGISTER:
             handleRegistration(node.getMessage(), true);
@@ -89,35 +101,41 @@ void dispatch(const QuilMessageNode& node, std::unique_ptr<QuilBaseMessage> copy
     }
 }
 
-void handle(std::unique_ptr<QuilMessageNode> node) {
+// False when the node cannot be copied, and so was not dispatched.
+bool handle(const QuilMessageNode& node) {
     { const QuilLock lock(handlerLock()); }
-    QUIL_LOG(LOG_LEVEL_INFO, "%d received", node->getType());
-    std::unique_ptr<QuilBaseMessage> copy =
-        QuilMessageFactory::getInstance()->copyMessage(node.get());
+    QUIL_LOG(LOG_LEVEL_INFO, "%d received", node.getType());
+    std::unique_ptr<QuilBaseMessage> copy;
+    closingConnectionOnFailure(
+        node, [&] { copy = QuilMessageFactory::getInstance()->copyMessage(&node); });
     if (copy == nullptr) {
         QUIL_LOG(LOG_LEVEL_WARNING, "QuilMessageFactory::copyMessage returns NULL");
-        retain(std::move(node));
-        return;
+        return false;
     }
     QUIL_LOG(LOG_LEVEL_INFO, "app id[%s] clientId[%s]", copy->getName().c_str(),
              copy->getClientId().c_str());
-    dispatch(*node, std::move(copy));
-    const QuilLock lock(handlerLock());
-    node.reset();
+    dispatch(node, std::move(copy));
+    return true;
 }
 
+// Nothing that a client, a sender or a server sends ends this thread.
 [[noreturn]] void* runHandler(void* /*unused*/) {
     pthread_setname_np(pthread_self(), "MSG HANDLER");
     for (;;) {
         std::unique_ptr<QuilMessageNode> node = QuilMessageManager::getInstance()->pop();
-        const int type = node->getType();
-        // Nothing that a client, a sender or a server sends ends this thread.
+        bool isHandled = true;
         try {
-            handle(std::move(node));
+            isHandled = handle(*node);
         } catch (...) {
             QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]",
-                     type);
+                     node->getType());
         }
+        if (!isHandled) {
+            retain(std::move(node));
+            continue;
+        }
+        const QuilLock lock(handlerLock());
+        node.reset();
     }
 }
 

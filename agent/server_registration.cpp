@@ -56,17 +56,11 @@ void openPort(QuilServerRegMessage& message, int port) {
         message.setErrorCode(RESULT_NO_SESSION);
         return;
     }
-    const int previous = session->getPort().getPort();
     QUIL_LOG(LOG_LEVEL_DEBUG, "processServerRegister: app id [%s] port [%d]", appId.c_str(),
-             previous);
-    if (previous != port && session->getPort().getSocket() != -1) {
-        // Registered twice in a row: the port of the first time must not be listened on under the
-        // number of the second.
-        session->stopListenOnPort();
-    }
-    session->getPort().setPort(port);
+             session->getPort().getPort());
     QUIL_LOG(LOG_LEVEL_DEBUG, "processServerRegister: Opening port %d\n", port);
-    session->listenOnPort();
+    // Registered twice in a row, it may still be listening on the port of the first time.
+    session->listenOn(port);
 }
 
 }  // namespace

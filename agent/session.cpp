@@ -33,18 +33,23 @@ constexpr const char* kAcknowledgementEnd = "\n\r";
 
 }  // namespace
 
-QuilSession::QuilSession(const std::string& providerAppId, const std::string& clientId) {
-    const Lock lock(m_lock);
+QuilSession::QuilSession(const std::string& providerAppId) {
     resetPort();
     m_port.setName(providerAppId);
+}
+
+QuilSession::QuilSession(const std::string& providerAppId, const std::string& clientId)
+    : QuilSession(providerAppId) {
+    const Lock lock(m_lock);
     m_clientId = clientId;
     m_state = std::make_unique<QuilIdleState>();
 }
 
-QuilSession::QuilSession(pps_decoder_t* decoder, bool sameSim) {
+// Delegating makes it a whole object at once: when memory runs out further down, the destructor
+// closes the socket that listenOnPort opened.
+QuilSession::QuilSession(pps_decoder_t* decoder, bool sameSim)
+    : QuilSession(QuilDataManager::readString(decoder, "providerApplicationId")) {
     const Lock lock(m_lock);
-    resetPort();
-    m_port.setName(QuilDataManager::readString(decoder, "providerApplicationId"));
     m_ppgUrl = QuilDataManager::readString(decoder, "ppgUrl");
     m_launchString = QuilDataManager::readString(decoder, "launchString");
     m_token = QuilDataManager::readString(decoder, "token");
@@ -195,6 +200,15 @@ void QuilSession::listenOnPort() {
     m_port.setSocket(serverIfInit(port));
     QUIL_LOG(LOG_LEVEL_DEBUG, "QuilSession::listenOnPort: after: port {%d] fd[%d]", port,
              m_port.getSocket());
+}
+
+void QuilSession::listenOn(int port) {
+    const Lock lock(m_lock);
+    if (m_port.getPort() != port && m_port.getSocket() != -1) {
+        stopListenOnPort();
+    }
+    m_port.setPort(port);
+    listenOnPort();
 }
 
 void QuilSession::stopListenOnPort() {

@@ -28,6 +28,8 @@ enum QuilSessionEvent {
 // its state and its push sockets.
 class QuilSession {
   public:
+    // A session without client, port and state.
+    explicit QuilSession(const std::string& providerAppId);
     // A new session, in state Idle, without a port.
     QuilSession(const std::string& providerAppId, const std::string& clientId);
     // A saved session, read from the decoder's present object. Listens on its port at once; in
@@ -75,6 +77,9 @@ class QuilSession {
     // Opens the listening socket when there is a port and the socket is exactly -1; else does
     // nothing. A failure leaves the socket at -1.
     void listenOnPort();
+    // Takes a port that was learnt anew and listens on it. A socket that is still open on another
+    // port is closed first; one on the same port goes on listening.
+    void listenOn(int port);
     // Closes the listening socket and forgets the port. Does nothing in state Terminate.
     void stopListenOnPort();
 

@@ -17,8 +17,8 @@ void quilCreateSession(const std::string& appId, const std::string& id,
                        const std::string& clientId);
 
 // Queues the registration of the application's channel with the push data server at ppgUrl. A
-// channel that is registered already is given up first, and registered from scratch. Replies at
-// once only to 10100 (no session) and 10102 (empty ppgUrl).
+// channel that is registered already is given up first, and registered from scratch. Without a
+// session (10100) or with an empty ppgUrl (10102) only the reply is queued.
 void quilCreateChannel(const std::string& appId, const std::string& id, const std::string& clientId,
                        const std::string& ppgUrl);
 

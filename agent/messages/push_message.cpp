@@ -1,9 +1,8 @@
 // The payload is one text, cut at every "\r\n". The search goes on one byte behind the '\r' that
 // ended a line, so every line but the first still begins with the '\n' before it; an empty line is
 // that '\n' alone. This is why a name starts at the second character of its line, and why the very
-// first line, which has no
-// '\n', loses its first character if it holds a ':' at all. Kept on purpose: the first line is a
-// request line, and is dropped for want of a ':'.
+// first line, which has no '\n', loses its first character if it holds a ':' at all. Kept on
+// purpose: the first line is a request line, and is dropped for want of a ':'.
 
 #include "agent/messages/push_message.hpp"
 
@@ -60,6 +59,22 @@ QuilPushMessage::QuilPushMessage(const QuilPushMessage& other)
       m_socket(other.m_socket) {
     copyPayload(other.m_payload.data(), other.m_payloadLength);
     copyHttpHeaders(other);
+}
+
+QuilPushMessage& QuilPushMessage::operator=(const QuilPushMessage& other) {
+    if (this == &other) {
+        return *this;
+    }
+    QuilBaseMessage::operator=(other);
+    m_data = other.m_data;
+    m_dataLength = other.m_dataLength;
+    m_contentLength = other.m_contentLength;
+    m_dataPosition = other.m_dataPosition;
+    m_socket = other.m_socket;
+    copyPayload(other.m_payload.data(), other.m_payloadLength);
+    freeHttpHeaders();
+    copyHttpHeaders(other);
+    return *this;
 }
 
 QuilPushMessage::~QuilPushMessage() {
@@ -213,7 +228,8 @@ bool QuilPushMessage::addData(pps_encoder_t* encoder) const {
 }
 
 void QuilPushMessage::copyPayload(const char* bytes, int n) {
-    std::copy_n(bytes, n, m_payload.begin());
+    const auto end = std::copy_n(bytes, n, m_payload.begin());
+    std::fill(end, m_payload.end(), '\0');  // what a longer payload left
     m_payloadLength = n;
 }
 
@@ -229,9 +245,15 @@ void QuilPushMessage::copyHttpHeaders(const QuilPushMessage& other) {
 }
 
 void QuilPushMessage::freeHttpHeaders() {
-    for (const auto& header : m_httpHeaders) {
-        QUIL_LOG(LOG_LEVEL_INFO, "freeHttpHeaders: name [%s] value[%s]", header->getName().c_str(),
-                 header->getValue().c_str());
+    try {
+        for (const auto& header : m_httpHeaders) {
+            QUIL_LOG(LOG_LEVEL_INFO, "freeHttpHeaders: name [%s] value[%s]",
+                     header->getName().c_str(), header->getValue().c_str());
+        }
+    } catch (...) {
+        // No memory for a copy: the destructor has to go on all the same.
+        QUIL_LOG(LOG_LEVEL_WARNING,
+                 "freeHttpHeaders: exception occurred when trying to log the http headers");
     }
     m_httpHeaders.clear();
 }

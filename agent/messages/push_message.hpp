@@ -20,7 +20,7 @@ class QuilPushMessage : public QuilBaseMessage {
     QuilPushMessage(const std::string& appId, const std::string& clientId);
     ~QuilPushMessage() override;
     QuilPushMessage(const QuilPushMessage& other);
-    QuilPushMessage& operator=(const QuilPushMessage&) = delete;
+    QuilPushMessage& operator=(const QuilPushMessage& other);
 
     // Takes in n more bytes. Bytes beyond PUSH_PAYLOAD_BYTES are counted but not kept, so that such
     // a push is refused later, never cut. Parses as long as the header block has not been parsed.

@@ -1,13 +1,15 @@
 // The seven states of a session, and what each event does in them:
 //
-//     state (type)     create            delete          register          unregister
-//     Idle (0)         -> Create         ignored         ignored           refused
-//     Create (1)       ignored           -> Delete       -> Register       refused
-//     Delete (2)       ignored           ignored         ignored           refused
-//     Register (3)     refused           -> Terminate    refused           -> Unregister, stops
-//     listening Unregister (4)   -> Create         -> Delete       -> Register       refused
-//     Terminate (5)    -> Register       ignored         -> Register       refused
-//     SimChange (6)    refused           refused         refused           -> Unregister
+//     state (type)     create       delete        register      unregister
+//     Idle (0)         -> Create    ignored       ignored       refused
+//     Create (1)       ignored      -> Delete     -> Register   refused
+//     Delete (2)       ignored      ignored       ignored       refused
+//     Register (3)     refused      -> Terminate  refused       -> Unregister
+//     Unregister (4)   -> Create    -> Delete     -> Register   refused
+//     Terminate (5)    -> Register  ignored       -> Register   refused
+//     SimChange (6)    refused      refused       refused       -> Unregister
+//
+// Unregister out of Register also stops listening; no other transition touches the session.
 //
 // Ignored: no line, no change. Refused: the base state's line, no change. Kept on purpose:
 //  - no event leads out of Delete: such a session is only there to be removed;

@@ -89,8 +89,7 @@ pps_decoder_error_t pps_decoder_get_int(pps_decoder_t* decoder, const char* name
 pps_decoder_error_t pps_decoder_get_bool(pps_decoder_t* decoder, const char* name, bool* value);
 
 // Attribute number `index` of the present level, in the order of the text, equal names included:
-// its name
-// ("" for array elements), and its value as text: a string as it is, a number or boolean as
-// written. PPS_DECODER_BAD_TYPE for objects and arrays, whose name is given all the same.
+// its name ("" for array elements), and its value as text: a string as it is, a number or boolean
+// as written. PPS_DECODER_BAD_TYPE for objects and arrays, whose name is given all the same.
 pps_decoder_error_t pps_decoder_get_at(const pps_decoder_t* decoder, int index, std::string* name,
                                        std::string* value);

@@ -7,8 +7,8 @@
 //     offset 0  total length of the block        offset 6  handler length h, its NUL included
 //            1  family, 187                             7  host length n, its NUL included
 //            2  6                                       8  unique-id length u, its NUL included
-//            3  0                                       9  handler, host and id, then one spare
-//            byte 4  port, 16 bits, processor's order
+//            3  0                                       9  handler, host and id, then a spare byte
+//            4  port, 16 bits, processor's order
 
 #pragma once
 

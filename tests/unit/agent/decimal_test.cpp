@@ -23,6 +23,7 @@ TEST(Decimal, SignsAndBlanksAreNoDigits) {
 }
 
 TEST(Decimal, OverflowClamps) {
+    EXPECT_EQ(leadingDecimal("2147483646"), INT_MAX - 1);
     EXPECT_EQ(leadingDecimal("2147483647"), INT_MAX);
     EXPECT_EQ(leadingDecimal("2147483648"), INT_MAX);
     EXPECT_EQ(leadingDecimal("99999999999999999999999999"), INT_MAX);
