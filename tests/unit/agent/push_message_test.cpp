@@ -211,6 +211,14 @@ TEST_F(PushMessage, DataOf11517BytesFitsAndOneMoreDoesNot) {
     EXPECT_EQ(larger.getData(), "");
 }
 
+TEST_F(PushMessage, ShortDataBehindLongHeadersThatIsNotHeldWholeIsRefused) {
+    feed("PO\r\nA:" + std::string(15000, 'h') + "\r\n\r\n" + std::string(400, 'x'));
+    EXPECT_EQ(m_push.getDataLength(), 400);
+    m_push.createData();
+    EXPECT_EQ(m_push.getErrorCode(), 10109);
+    EXPECT_EQ(m_push.getData(), "");
+}
+
 TEST_F(PushMessage, PayloadKeeps15360BytesAndCountsWhatCame) {
     feed("PO\r\n\r\n" + std::string(15000, 'x'));
     feed(std::string(1000, 'y'));
@@ -264,7 +272,7 @@ TEST_F(PushMessage, AssignmentReplacesEverything) {
 }
 
 TEST_F(PushMessage, AssignmentLeavesNothingOfALongerPayload) {
-    feed("PO\r\n\r\nabcdef");
+    feed("PO\r\n\r\nabc\r\nB:2\r\n\r\n");
     QuilPushMessage other("app", "");
     other.setPayload("PO\r\nA:", 6);
     m_push = other;
