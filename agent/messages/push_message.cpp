@@ -52,6 +52,7 @@ QuilPushMessage::QuilPushMessage(const std::string& appId, const std::string& cl
 
 QuilPushMessage::QuilPushMessage(const QuilPushMessage& other)
     : QuilBaseMessage(other),
+      m_bytesNotKept(other.m_bytesNotKept),
       m_data(other.m_data),
       m_dataLength(other.m_dataLength),
       m_contentLength(other.m_contentLength),
@@ -66,6 +67,7 @@ QuilPushMessage& QuilPushMessage::operator=(const QuilPushMessage& other) {
         return *this;
     }
     QuilBaseMessage::operator=(other);
+    m_bytesNotKept = other.m_bytesNotKept;
     m_data = other.m_data;
     m_dataLength = other.m_dataLength;
     m_contentLength = other.m_contentLength;
@@ -85,6 +87,7 @@ void QuilPushMessage::setPayload(const char* bytes, int n) {
     const int kept = std::min(n, PUSH_PAYLOAD_BYTES - m_payloadLength);
     std::copy_n(bytes, kept, m_payload.begin() + m_payloadLength);
     m_payloadLength += kept;
+    m_bytesNotKept += n - kept;
     QUIL_LOG(LOG_LEVEL_DEBUG, "setPayload: len [%d] payload[%s]", m_payloadLength,
              m_payload.data());
     if (m_dataLength != -1) {
@@ -149,7 +152,7 @@ void QuilPushMessage::parsePayload() {
 
 void QuilPushMessage::endHeaderBlock(int position) {
     m_dataPosition = position;
-    m_dataLength = m_payloadLength - position;
+    m_dataLength = m_payloadLength + m_bytesNotKept - position;
     QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: len[%d] Data portion [%s] ", m_dataLength,
              m_payload.data() + position);
     QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: content length[%d] data length[%d] data position[%d]",

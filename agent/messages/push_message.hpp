@@ -58,6 +58,7 @@ class QuilPushMessage : public QuilBaseMessage {
     // One byte more than a push may have, always zero: the payload is also looked at as a text.
     std::array<char, PUSH_PAYLOAD_BYTES + 1> m_payload{};
     int m_payloadLength = 0;
+    int m_bytesNotKept = 0;  // bytes that came when the payload was full
     std::string m_data;
     int m_dataLength = -1;     // data bytes received; -1 until the header block has been parsed
     int m_contentLength = -1;  // as announced; -1 when it was not

@@ -44,11 +44,17 @@ std::string contentOf(const std::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-// False only when the process's environment can be read and names another root.
+// A process that is ending has no memory any more, and with it no environment either.
+bool isEnding(const std::filesystem::path& process) {
+    return contentOf(process / "status").find("\nVmSize:") == std::string::npos;
+}
+
+// False only when the process is ending, or when its environment can be read and names another
+// root.
 bool mayHaveOurRoot(const std::filesystem::path& process) {
     const std::string environment = contentOf(process / "environ");
     if (environment.empty()) {
-        return true;
+        return !isEnding(process);
     }
     std::string root;
     std::istringstream variables(environment);
