@@ -16,29 +16,6 @@ bool isContinuation(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
 }
 
-// Length of the valid UTF-8 sequence at the start of `text`, 0 when there is none. Overlong forms,
-// surrogates and code points beyond U+10FFFF are not valid.
-std::size_t utf8Length(std::string_view text) {
-    const auto lead = static_cast<unsigned char>(text[0]);
-    if (lead < 0x80) {
-        return 1;
-    }
-    const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
-    if (lead < 0xC2 || lead > 0xF4 || text.size() < length) {
-        return 0;
-    }
-    for (std::size_t i = 1; i < length; ++i) {
-        if (!isContinuation(text[i])) {
-            return 0;
-        }
-    }
-    const auto second = static_cast<unsigned char>(text[1]);
-    const bool overlong = (lead == 0xE0 && second < 0xA0) || (lead == 0xF0 && second < 0x90);
-    const bool surrogate = lead == 0xED && second >= 0xA0;
-    const bool tooLarge = lead == 0xF4 && second >= 0x90;
-    return overlong || surrogate || tooLarge ? 0 : length;
-}
-
 int hexDigit(char digit) {
     if (digit >= '0' && digit <= '9') {
         return digit - '0';
@@ -184,7 +161,7 @@ void ppsAppendJsonString(std::string& out, std::string_view value) {
             value.remove_prefix(1);
             continue;
         }
-        const std::size_t length = utf8Length(value);
+        const std::size_t length = ppsUtf8Length(value);
         if (length == 0) {
             out += kReplacementCharacter;
             value.remove_prefix(1);
@@ -194,4 +171,25 @@ void ppsAppendJsonString(std::string& out, std::string_view value) {
         }
     }
     out += '"';
+}
+
+std::size_t ppsUtf8Length(std::string_view text) {
+    const auto lead = static_cast<unsigned char>(text[0]);
+    if (lead < 0x80) {
+        return 1;
+    }
+    const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
+    if (lead < 0xC2 || lead > 0xF4 || text.size() < length) {
+        return 0;
+    }
+    for (std::size_t i = 1; i < length; ++i) {
+        if (!isContinuation(text[i])) {
+            return 0;
+        }
+    }
+    const auto second = static_cast<unsigned char>(text[1]);
+    const bool overlong = (lead == 0xE0 && second < 0xA0) || (lead == 0xF0 && second < 0x90);
+    const bool surrogate = lead == 0xED && second >= 0xA0;
+    const bool tooLarge = lead == 0xF4 && second >= 0x90;
+    return overlong || surrogate || tooLarge ? 0 : length;
 }

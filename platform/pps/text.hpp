@@ -20,3 +20,7 @@ std::string ppsUnescapeC(std::string_view text);
 // Appends `value` to `out` as a JSON string with its quotes. Quotes, backslashes and control bytes
 // are escaped, valid UTF-8 stays as it is, and each byte that is not valid UTF-8 becomes U+FFFD.
 void ppsAppendJsonString(std::string& out, std::string_view value);
+
+// Length of the valid UTF-8 sequence that `text`, which must not be empty, begins with; 0 when
+// there is none. Overlong forms, surrogates and code points beyond U+10FFFF are not valid.
+std::size_t ppsUtf8Length(std::string_view text);

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "platform/pps/text.hpp"
+
 namespace {
 
 bool isSetAndNotEmpty(const char* name) {
@@ -12,27 +14,12 @@ bool isSetAndNotEmpty(const char* name) {
     return value != nullptr && *value != '\0';
 }
 
-// Length of the UTF-8 sequence that stands at `text`, 0 when there is none. Good enough to decide
-// about showing: the C1 controls (U+0080 to U+009F) count as none, as terminals obey them.
-std::size_t sequenceLength(std::string_view text) {
-    const auto lead = static_cast<unsigned char>(text[0]);
-    if (lead < 0x80) {
-        return 1;
-    }
-    const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
-    if (lead < 0xC2 || lead > 0xF4 || text.size() < length) {
-        return 0;
-    }
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((static_cast<unsigned char>(text[i]) & 0xC0U) != 0x80U) {
-            return 0;
-        }
-    }
-    const auto second = static_cast<unsigned char>(text[1]);
-    const bool isControl = lead == 0xC2 && second < 0xA0;
-    const bool isOverlong = (lead == 0xE0 && second < 0xA0) || (lead == 0xF0 && second < 0x90);
-    const bool isOutside = (lead == 0xED && second >= 0xA0) || (lead == 0xF4 && second >= 0x90);
-    return isControl || isOverlong || isOutside ? 0 : length;
+// Length of the UTF-8 sequence that `text` begins with, 0 when it is not one to be shown: the C1
+// controls (U+0080 to U+009F) are valid, but terminals obey them.
+std::size_t shownLength(std::string_view text) {
+    const bool isC1 =
+        text.size() > 1 && text[0] == '\xC2' && static_cast<unsigned char>(text[1]) < 0xA0;
+    return isC1 ? 0 : ppsUtf8Length(text);
 }
 
 bool isControl(char byte) {
@@ -77,7 +64,7 @@ std::string Style::paint(std::string_view code, std::string_view text) const {
 std::string visible(std::string_view text) {
     std::string out;
     while (!text.empty()) {
-        const std::size_t length = sequenceLength(text);
+        const std::size_t length = shownLength(text);
         if (length == 0 || isControl(text[0]) || text[0] == '\\') {
             out += escaped(text[0]);
             text.remove_prefix(1);
@@ -92,7 +79,7 @@ std::string visible(std::string_view text) {
 bool isReadable(std::string_view text) {
     while (!text.empty()) {
         const char byte = text[0];
-        const std::size_t length = sequenceLength(text);
+        const std::size_t length = shownLength(text);
         const bool isLayout = byte == '\n' || byte == '\t' || byte == '\r';
         if (length == 0 || (isControl(byte) && !isLayout)) {
             return false;

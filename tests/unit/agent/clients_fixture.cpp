@@ -71,17 +71,6 @@ FailingAllocations::~FailingAllocations() {
     g_failTo = 0;
 }
 
-bool waitUntil(const std::function<bool()>& condition, double seconds) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 std::string linesOf(const std::string& file) {
     const std::string head = "QUIL:" + file + "(";
     std::string all;

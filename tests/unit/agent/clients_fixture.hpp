@@ -16,6 +16,7 @@
 #include "agent/message_node.hpp"
 #include "agent/session.hpp"
 #include "tests/support/recorded_log.hpp"
+#include "tests/support/wait_until.hpp"
 
 // Lets allocations of a size within the range fail on the threads of this process while it lives.
 class FailingAllocations {
@@ -25,9 +26,6 @@ class FailingAllocations {
     FailingAllocations(const FailingAllocations&) = delete;
     FailingAllocations& operator=(const FailingAllocations&) = delete;
 };
-
-// Waits until `condition` holds. False when it still does not after `seconds`.
-bool waitUntil(const std::function<bool()>& condition, double seconds = 10);
 
 // The lines that one source file logged, "SEVERITY text\n" each.
 std::string linesOf(const std::string& file);

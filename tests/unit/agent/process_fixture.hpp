@@ -15,6 +15,8 @@
 #include <string>
 #include <thread>
 
+#include "tests/support/wait_until.hpp"
+
 // A folder of the test's own that QUIL_ROOT names, gone at the end. Strangers may look into it, as
 // the daemon does after it has dropped its user.
 class ScratchRoot {
@@ -72,19 +74,6 @@ inline std::string readFile(const std::string& path) {
     std::ostringstream bytes;
     bytes << file.rdbuf();
     return bytes.str();
-}
-
-// Waits until `condition` holds; false when it does not within the time.
-template <typename Condition>
-bool waitUntil(Condition condition, double seconds = 20) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
 }
 
 // Number of open descriptors of this process.
