@@ -33,8 +33,9 @@ void judgeProcesses(const StatusFacts& facts, Findings& findings) {
     if (facts.agents.size() > 1) {
         warn(findings, "many-agents",
              std::to_string(facts.agents.size()) +
-                 " processes named quilagent run, and whose QUIL_ROOT they have cannot be seen",
-             "ask again as root");
+                 " processes named quilagent run with this QUIL_ROOT, or with one that only root "
+                 "can see",
+             "end all but one; as root, this counts those of this QUIL_ROOT alone");
     }
 }
 
@@ -61,7 +62,9 @@ void judgePushObject(const StatusFacts& facts, Findings& findings) {
 void judgeIdentity(const StatusFacts& facts, Findings& findings) {
     for (const IdentityValue& value : facts.identity) {
         const std::string where = "'" + value.attribute + "' of " + value.object;
-        if (!value.isReadableByAgent) {
+        // The IMSI is read before the agent changes its user, so what that user may read says
+        // nothing about it.
+        if (!value.isReadableByAgent && value.name != "IMSI") {
             add(findings, "identity-forbidden",
                 userText(facts.agents) + " may not read " + where + " (" + value.name + ")",
                 "give it the right: chmod or chown the object below /pps");

@@ -94,6 +94,11 @@ TEST_F(FindingsTest, IdentityForbiddenToTheAgent) {
     EXPECT_EQ(found(), "identity-forbidden");
 }
 
+TEST_F(FindingsTest, ImsiIsReadBeforeTheAgentChangesItsUser) {
+    m_facts.identity[3].isReadableByAgent = false;
+    EXPECT_EQ(found(), "");
+}
+
 TEST_F(FindingsTest, SimChanged) {
     m_facts.saved.imsi = "2";
     EXPECT_EQ(found(), "sim-changed?");
