@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
 
 #include "platform/root/root.hpp"
@@ -29,13 +28,6 @@ struct CommandLine {
 
 void complain(const std::string& text) {
     std::fprintf(stderr, "ppsd: %s\n", text.c_str());
-}
-
-// The path that stays right when the daemon changes its working directory.
-std::string absolutePath(const std::string& path) {
-    const std::string absolute = std::filesystem::absolute(path).lexically_normal().string();
-    return absolute.size() > 1 && absolute.back() == '/' ? absolute.substr(0, absolute.size() - 1)
-                                                         : absolute;
 }
 
 // Tells a service manager that set NOTIFY_SOCKET that the mount is live.

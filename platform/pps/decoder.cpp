@@ -124,6 +124,10 @@ std::optional<Value> parseNumber(std::string_view text) {
         value->kind = Value::Integer;
         return value;
     }
+    // The library would take "inf" and "nan" as well, which are no numbers of object text.
+    if (text.find_first_not_of("0123456789+-.eE") != std::string_view::npos) {
+        return std::nullopt;
+    }
     double real = 0;
     const auto asReal = std::from_chars(text.data(), end, real);
     const bool isNumber =

@@ -7,8 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <utility>
 
@@ -18,20 +20,8 @@
 namespace {
 
 constexpr char kFuseConfiguration[] = "/etc/fuse.conf";
+constexpr char kBlanks[] = " \t\r\f\v";
 constexpr mode_t kMountPointMode = 0755;
-
-// True when fuse.conf lets ordinary users open their mounts to others.
-bool usersMayAllowOthers() {
-    std::ifstream configuration(kFuseConfiguration);
-    std::string line;
-    while (std::getline(configuration, line)) {
-        const std::size_t end = line.find_last_not_of(" \t");
-        if (end != std::string::npos && line.substr(0, end + 1) == "user_allow_other") {
-            return true;
-        }
-    }
-    return false;
-}
 
 // Unmounts as the system's helper may do it for an ordinary user.
 bool unmountWithHelper(const std::string& path) {
@@ -89,16 +79,41 @@ bool MountPoint::prepare(std::string& error) {
     return true;
 }
 
+bool permitsOthers(std::istream& configuration) {
+    std::string line;
+    while (std::getline(configuration, line)) {
+        line.resize(std::min(line.find('#'), line.size()));
+        const std::size_t start = line.find_first_not_of(kBlanks);
+        if (start == std::string::npos) {
+            continue;
+        }
+        if (line.substr(start, line.find_last_not_of(kBlanks) + 1 - start) == "user_allow_other") {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::string mountOptions() {
     std::string options = "default_permissions,fsname=ppsd,subtype=ppsd";
-    if (geteuid() == 0 || usersMayAllowOthers()) {
+    std::ifstream configuration(kFuseConfiguration);
+    if (geteuid() == 0 || permitsOthers(configuration)) {
         options += ",allow_other";
     }
     return options;
 }
 
+std::string absolutePath(const std::string& path) {
+    if (path.empty()) {
+        return {};
+    }
+    const std::string absolute = std::filesystem::absolute(path).lexically_normal().string();
+    return absolute.size() > 1 && absolute.back() == '/' ? absolute.substr(0, absolute.size() - 1)
+                                                         : absolute;
+}
+
 std::string displayPath(const std::string& path) {
-    const std::string root = platformPath("");
-    const bool isBelow = !root.empty() && path.starts_with(root + "/");
+    const std::string root = absolutePath(platformPath(""));
+    const bool isBelow = root.size() > 1 && path.starts_with(root + "/");
     return isBelow ? path.substr(root.size()) : path;
 }

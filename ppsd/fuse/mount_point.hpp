@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <istream>
 #include <string>
 
 #include "ppsd/store/unique_fd.hpp"
@@ -28,5 +29,13 @@ class MountPoint {
 // the kernel checks permissions in any case.
 std::string mountOptions();
 
-// `path` as people write it: without the value of QUIL_ROOT in front.
+// Whether the text of fuse.conf lets ordinary users open their mounts to others: the line that
+// says so, taken as the helper that mounts for them takes it.
+bool permitsOthers(std::istream& configuration);
+
+// `path` from the root of the file system, without detours: it stays right when the daemon changes
+// its working directory. Empty when `path` is.
+std::string absolutePath(const std::string& path);
+
+// An absolute path as people write it: without the value of QUIL_ROOT in front.
 std::string displayPath(const std::string& path);

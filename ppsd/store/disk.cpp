@@ -106,8 +106,8 @@ std::vector<Disk::Entry> Disk::load(const std::string& path) {
     }
     std::vector<Entry> entries;
     for (const std::string& name : names) {
-        if (name == kDirectoryRecord) {
-            continue;
+        if (name.front() == '?') {
+            continue;  // the folder's own record, or a leftover that could not be removed
         }
         Entry entry;
         entry.name = name;
@@ -163,7 +163,8 @@ void Disk::removeLeftovers(const std::string& folder) {
         const std::string leftover = folder + "/" + name;
         const int error = removeFlatFolder(leftover);
         if (error != 0 && error != ENOENT) {
-            m_report("cannot remove the leftover " + leftover + ": " + std::strerror(error));
+            m_report("cannot remove the leftover " + leftover.substr(m_folder.size() + 1) + ": " +
+                     std::strerror(error));
         }
     }
 }

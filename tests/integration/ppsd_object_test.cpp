@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/select.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 
 #include <algorithm>
 #include <csignal>
@@ -70,6 +71,41 @@ TEST_F(PpsdObject, SmallBufferGetsTheRestWithItsNextReads) {
     EXPECT_EQ(file.read(7), "@obj\na:");
     EXPECT_EQ(file.read(7), ":1\n");
     EXPECT_EQ(file.read(7), "");
+}
+
+TEST_F(PpsdObject, TextThatWasBegunIsReadToItsEndBeforeTheChangedOne) {
+    PpsFile file(path(), m_readWriteCreate);
+    file.write("a::1\n");
+    EXPECT_EQ(file.read(7), "@obj\na:");
+    file.write("a::2\n");
+    EXPECT_EQ(file.read(), ":1\n");
+    EXPECT_EQ(file.events() & POLLIN, POLLIN);
+    EXPECT_EQ(file.read(), "@obj\na::2\n");
+    EXPECT_EQ(file.read(), "");
+}
+
+TEST_F(PpsdObject, ChangeThatWasTakenBackIsAChangeForAReaderButNoDifference) {
+    PpsFile writer(path(), m_readWriteCreate);
+    writer.write("a::1\n");
+    PpsFile whole(path(), O_RDONLY);
+    PpsFile delta(path("/obj?delta"), O_RDONLY);
+    whole.read();
+    delta.read();
+    writer.write("a::2\n");
+    writer.write("a::1\n");
+    EXPECT_EQ(whole.read(), "@obj\na::1\n");
+    EXPECT_EQ(delta.events() & POLLIN, 0);
+    EXPECT_EQ(delta.read(), "");
+}
+
+TEST_F(PpsdObject, GatheredWriteIsOneWrite) {
+    PpsFile file(path(), m_readWriteCreate);
+    char name[] = "a::";
+    char value[] = "1\nb::2";
+    char feed[] = "\n";
+    const iovec parts[] = {{name, 3}, {value, 6}, {feed, 1}};
+    EXPECT_EQ(writev(file.fd(), parts, 3), 10);
+    EXPECT_EQ(text(), "@obj\na::1\nb::2\n");
 }
 
 TEST_F(PpsdObject, ReadGivesNothingUntilTheObjectChangesAndThenTheWholeTextAnew) {

@@ -82,6 +82,16 @@ TEST_F(PpsdPermission, ModeOfAServedObjectHoldsForClients) {
     EXPECT_EQ(server.read().substr(0, 6), "+@ipc.");
 }
 
+TEST_F(PpsdPermission, OwnerOfAServedObjectMayBeChangedAndHolds) {
+    PpsFile server(path("/ipc?server"), kCreate, 0600);
+    ASSERT_EQ(chown(path("/ipc").c_str(), kOther, kOther), 0);
+    struct stat status {};
+    ASSERT_EQ(stat(path("/ipc").c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, kOther);
+    EXPECT_EQ(status.st_gid, kOther);
+    EXPECT_EQ(otherOpens("/ipc", O_RDWR), 0);
+}
+
 TEST_F(PpsdPermission, FolderModeSaysWhoMayCreateAndServe) {
     EXPECT_EQ(otherOpens("/theirs", kCreate), EACCES);
     EXPECT_EQ(otherOpens("/theirs?server", kCreate), EACCES);

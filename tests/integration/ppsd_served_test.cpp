@@ -253,8 +253,9 @@ TEST_F(PpsdServed, WriteToAClientThatIsGoneSucceedsAndIsDropped) {
 TEST_F(PpsdServed, ServerWriteUnderAnotherNameOrMalformedGivesEinval) {
     PpsFile server(serverPath(), kServer);
     PpsFile client(path(), O_RDWR);
-    for (const char* bad : {"@other\na::1\n", "@ipc.\na::1\n", "@ipc.1x\na::1\n", "@ipcx.1\na::1\n",
-                            "a::1\n@ipc\n", "@ipc\nnonsense\n", "@ipc", "a::torn"}) {
+    for (const char* bad :
+         {"@other\na::1\n", "@ipc.\na::1\n", "@ipc.1x\na::1\n", "@ipcx.1\na::1\n", "@ipcx1\na::1\n",
+          "a::1\n@ipc\n", "@ipc\nnonsense\n", "@ipc", "a::torn"}) {
         EXPECT_EQ(server.write(bad), EINVAL) << bad;
     }
     EXPECT_EQ(client.read(), "");

@@ -250,6 +250,27 @@ TEST_F(PpsdService, DaemonReturnsOnceTheMountIsLive) {
     EXPECT_FALSE(std::filesystem::exists(path("/obj"))) << "still mounted";
 }
 
+TEST_F(PpsdService, DaemonTakesPathsRelativeToWhereItWasStarted) {
+    const std::string command = "cd " + m_root.path() + " && unset QUIL_ROOT && " +
+                                builtProgram("ppsd") + " --daemon --store kept ./pps/";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    EXPECT_EQ(PpsFile(path("/obj"), kCreate).write("a::1\n"), 0);
+    EXPECT_TRUE(std::filesystem::exists(m_root.path("/kept/tree/obj")));
+    const std::string lock = m_root.path("/kept/lock");
+    const pid_t daemon = lockHolder(lock);
+    ASSERT_GT(daemon, 1);
+    EXPECT_EQ(getsid(daemon), daemon) << "the daemon must not stay in the session of its starter";
+    char folder[64] = "";
+    const std::string link = "/proc/" + std::to_string(daemon) + "/cwd";
+    EXPECT_EQ(readlink(link.c_str(), folder, sizeof folder - 1), 1);
+    EXPECT_STREQ(folder, "/");
+    kill(daemon, SIGTERM);
+    for (int i = 0; i < kPatienceMilliseconds && lockHolder(lock) == daemon; ++i) {
+        usleep(1000);
+    }
+    EXPECT_FALSE(std::filesystem::exists(path("/obj"))) << "still mounted";
+}
+
 TEST_F(PpsdService, DaemonThatCannotStartSaysWhyAndFails) {
     ASSERT_TRUE(m_ppsd.start());
     std::string printed;
@@ -286,19 +307,46 @@ TEST_F(PpsdService, UnknownCommandLineOptionIsRefused) {
     EXPECT_TRUE(contains(printed, "--bogus")) << printed;
 }
 
+// A service manager's socket, by its path or, with '@' in front, by its abstract name.
+class Manager {
+  public:
+    explicit Manager(const std::string& name)
+        : m_socket(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        name.copy(address.sun_path, sizeof address.sun_path - 1);
+        if (name.front() == '@') {
+            address.sun_path[0] = '\0';
+        }
+        const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+        EXPECT_EQ(bind(m_socket, reinterpret_cast<const sockaddr*>(&address), size), 0);
+        setenv("NOTIFY_SOCKET", name.c_str(), 1);
+    }
+    ~Manager() {
+        unsetenv("NOTIFY_SOCKET");
+        close(m_socket);
+    }
+
+    std::string message() const {
+        char text[64] = "";
+        pollfd source{m_socket, POLLIN, 0};
+        return poll(&source, 1, kPatienceMilliseconds) == 1
+                   ? std::string(text, static_cast<std::size_t>(read(m_socket, text, sizeof text)))
+                   : "nothing";
+    }
+
+  private:
+    int m_socket;
+};
+
 TEST_F(PpsdService, TellsTheServiceManagerThatItIsReady) {
-    const std::string name = m_root.path("/notify");
-    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    name.copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(bind(manager, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    setenv("NOTIFY_SOCKET", name.c_str(), 1);
+    const Manager manager(m_root.path("/notify"));
     ASSERT_TRUE(m_ppsd.start());
-    char message[64] = "";
-    pollfd source{manager, POLLIN, 0};
-    ASSERT_EQ(poll(&source, 1, kPatienceMilliseconds), 1);
-    EXPECT_EQ(std::string(message, static_cast<std::size_t>(read(manager, message, 64))),
-              "READY=1");
-    close(manager);
+    EXPECT_EQ(manager.message(), "READY=1");
+}
+
+TEST_F(PpsdService, TellsAServiceManagerWithAnAbstractSocketToo) {
+    const Manager manager("@ppsd-test-" + std::to_string(getpid()));
+    ASSERT_TRUE(m_ppsd.start());
+    EXPECT_EQ(manager.message(), "READY=1");
 }

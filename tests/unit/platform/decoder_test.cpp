@@ -221,9 +221,10 @@ TEST_F(Decoder, LastLineWithoutItsLineFeedCounts) {
 }
 
 TEST_F(Decoder, DamagedAttributeIsAbsentAndTheOthersCanBeRead) {
-    for (const char* damage : {"dat:json:{\"a\":", "dat:json:5", "dat:json:", "dat:n:5x",
-                               "dat:n:", "dat:b:maybe", "dat:q:x", "dat", "dat:x", ":s:x", "@b", "",
-                               "dat:json:{\"a\":\"\xFF\"}", "dat:json:{} x"}) {
+    for (const char* damage :
+         {"dat:json:{\"a\":", "dat:json:5", "dat:json:", "dat:n:5x", "dat:n:", "dat:n:inf",
+          "dat:n:-nan", "dat:n:0x1", "dat:b:maybe", "dat:q:x", "dat", "dat:x", ":s:x", "@b", "",
+          "dat:json:{\"a\":\"\xFF\"}", "dat:json:{} x"}) {
         EXPECT_EQ(parse(std::string("@a\n") + damage + "\nid::1\n"), PPS_DECODER_PARSE_ERROR)
             << damage;
         EXPECT_STREQ(pps_decoder_name(&m_decoder), "@a") << damage;

@@ -67,6 +67,33 @@ TEST_F(ChannelTest, ServerThatClosesLeavesTheTreeBeforeItsClientsHearOfIt) {
     EXPECT_EQ(one->write("a::1\n"), EPIPE);
 }
 
+TEST_F(ChannelTest, ServerHasLeftTheTreeWhileItsClientsKnowNothingYet) {
+    server.reset();
+    const auto served = std::make_shared<Channel>("ipc", listener);
+    std::unique_ptr<ClientFile> one;
+    std::string atClose;
+    server = std::make_unique<ServerFile>(served, OpenOptions{}, [&] { atClose = read(*one); });
+    one = std::make_unique<ClientFile>(served, OpenOptions{}, 1, true);
+    server.reset();
+    EXPECT_EQ(atClose, "nothing");
+    EXPECT_EQ(read(*one), "-@ipc\n");
+}
+
+TEST_F(ChannelTest, ClientThatCannotReadIsHungUpAllTheSame) {
+    const auto speaker = client(1, false);
+    EXPECT_FALSE(speaker->readiness().hungUp);
+    server.reset();
+    EXPECT_TRUE(speaker->readiness().hungUp);
+    EXPECT_TRUE(speaker->readiness().readable);
+}
+
+TEST_F(ChannelTest, WhatTheServerDidNotReadEndsWithIt) {
+    const auto one = client(1);
+    one->write("a::1\n");
+    server.reset();
+    EXPECT_FALSE(channel->hasPending());
+}
+
 TEST_F(ChannelTest, ClientMayCloseAfterItsServer) {
     auto one = client(1);
     server.reset();
@@ -95,6 +122,16 @@ TEST_F(ChannelTest, ExactlyTheBoundFitsIntoAClientsQueue) {
         EXPECT_EQ(server->write(line(quarter - objectLine)), 0);
     }
     EXPECT_EQ(server->write("@ipc.1\n"), ENOBUFS);
+}
+
+TEST_F(ChannelTest, ExactlyTheBoundOfOneClientFitsIntoTheServersQueue) {
+    const auto one = client(1);
+    const std::size_t tag = std::string("@ipc.1\n").size();
+    const std::size_t quarter = kServerQueuePerClientMaxBytes / 4;
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(one->write(line(quarter - tag)), 0);
+    }
+    EXPECT_EQ(one->write("@ipc\n"), ENOBUFS);
 }
 
 TEST_F(ChannelTest, HalfReadMessageStillTakesItsRoom) {

@@ -93,6 +93,13 @@ TEST_F(DiskTest, LeftoverDoesNotPreventTheNextChange) {
     EXPECT_EQ(loaded(), "");
 }
 
+TEST_F(DiskTest, LeftoverThatCannotBeRemovedIsReportedByItsPathInTheStore) {
+    fs::create_directories(tree("?olddir/inner"));
+    EXPECT_EQ(loaded(), "");
+    ASSERT_EQ(reports.size(), 1U);
+    EXPECT_EQ(reports[0].substr(0, 41), "cannot remove the leftover tree/?olddir: ") << reports[0];
+}
+
 TEST_F(DiskTest, DamagedObjectIsReportedAndKeptAside) {
     disk.saveObject("good", record("1"));
     put(tree("bad"), "a::1\n");

@@ -89,6 +89,16 @@ TEST_F(StoreTest, UnchangedValueIsNoChange) {
     EXPECT_EQ(read(*file), "nothing");
 }
 
+TEST_F(StoreTest, ClosedFileIsToldNothing) {
+    const auto kept = create("obj");
+    std::unique_ptr<OpenFile> closed;
+    ASSERT_EQ(store->open(node, {}, {}, closed), 0);
+    closed.reset();
+    listener.told.clear();
+    EXPECT_EQ(kept->write("a::1\n"), 0);
+    EXPECT_EQ(listener.told, std::vector<OpenFile*>{kept.get()});
+}
+
 TEST_F(StoreTest, NumbersOfNodesAreNeverUsedTwice) {
     create("a");
     const std::uint64_t first = node->number;
