@@ -439,6 +439,27 @@ TEST_F(PpsdObject, NameOf255BytesIsAnObjectWithOptionsToo) {
     EXPECT_EQ(PpsFile(path(name + "n"), m_readWriteCreate).error(), ENAMETOOLONG);
 }
 
+TEST_F(PpsdObject, OptionsHaveNoPlaceInNamesThatAreMadeMovedOrRemoved) {
+    PpsFile(path(), m_readWriteCreate).write("a::1\n");
+    ASSERT_EQ(mkdir(path("/folder").c_str(), 0755), 0);
+    const auto refused = [](int result) { return result == -1 ? errno : 0; };
+    struct stat status {};
+    EXPECT_EQ(refused(stat(path("/folder?wait").c_str(), &status)), EINVAL);
+    EXPECT_EQ(refused(mkdir(path("/new?wait").c_str(), 0755)), EINVAL);
+    EXPECT_EQ(refused(mknod(path("/new?wait").c_str(), S_IFREG | 0644, 0)), EINVAL);
+    EXPECT_EQ(refused(rename(path("/obj").c_str(), path("/new?wait").c_str())), EINVAL);
+    EXPECT_EQ(refused(rename(path("/obj?wait").c_str(), path("/new").c_str())), EINVAL);
+    EXPECT_EQ(refused(unlink(path("/obj?wait").c_str())), EINVAL);
+    EXPECT_EQ(text(), "@obj\na::1\n");
+}
+
+TEST_F(PpsdObject, ObjectIsMadeByMknodAndNothingElseThanObjectsAndFolders) {
+    EXPECT_EQ(mknod(path().c_str(), S_IFREG | 0640, 0), 0);
+    EXPECT_EQ(text(), "");
+    EXPECT_EQ(mkfifo(path("/fifo").c_str(), 0644), -1);
+    EXPECT_EQ(errno, EPERM);
+}
+
 TEST_F(PpsdObject, NameWithALineFeedIsRefused) {
     EXPECT_EQ(PpsFile(path("/a\nb::2"), m_readWriteCreate).error(), EINVAL);
     EXPECT_EQ(mkdir(path("/a\nb").c_str(), 0755), -1);
