@@ -15,6 +15,7 @@ namespace {
 // at.
 constexpr unsigned kRequestMaxBytes = 1024 * 1024;
 static_assert(kRequestMaxBytes > 2 * kMessageMaxBytes);
+static_assert(kRequestMaxBytes - 4096 >= kObjectTextMaxBytes);
 
 // Releases are background requests. With the library's default of a dozen they would wait behind
 // each other while new opens overtake them.

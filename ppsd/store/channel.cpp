@@ -59,7 +59,7 @@ std::string Channel::tagOf(std::uint64_t client) const {
 }
 
 void Channel::addNotice(char sign, std::uint64_t client) {
-    addPending({client, sign + tagOf(client), true});
+    addPending({client, nullptr, sign});
 }
 
 void Channel::addPending(Pending message) {
@@ -76,12 +76,13 @@ std::string Channel::takePending() {
     }
     Pending message = std::move(m_pending.front());
     m_pending.pop_front();
-    if (!message.isNotice) {
-        const auto client = m_clients.find(message.client);
-        (client == m_clients.end() ? m_departedBytes : client->second->m_bytesAtServer) -=
-            message.text.size();
+    if (message.text == nullptr) {
+        return message.sign + tagOf(message.client);
     }
-    return std::move(message.text);
+    const auto client = m_clients.find(message.client);
+    (client == m_clients.end() ? m_departedBytes : client->second->m_bytesAtServer) -=
+        message.text->size();
+    return std::move(*message.text);
 }
 
 int Channel::sendToServer(ClientFile& from, std::string_view text) {
@@ -103,7 +104,7 @@ int Channel::sendToServer(ClientFile& from, std::string_view text) {
         return ENOBUFS;
     }
     from.m_bytesAtServer += message.size();
-    addPending({from.m_id, std::move(message), false});
+    addPending({from.m_id, std::make_unique<std::string>(std::move(message))});
     return 0;
 }
 

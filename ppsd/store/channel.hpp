@@ -82,11 +82,13 @@ class Channel {
     int sendToClients(std::string_view text);
 
   private:
+    // Notices are not bounded in number, so one must be small: its text is made when it is read.
     struct Pending {
         std::uint64_t client;
-        std::string text;
-        bool isNotice;
+        std::unique_ptr<std::string> text;  // of a message; null for a notice
+        char sign = 0;                      // of a notice: '+' or '-'
     };
+    static_assert(sizeof(Pending) <= 24);
 
     void addNotice(char sign, std::uint64_t client);
     void addPending(Pending message);

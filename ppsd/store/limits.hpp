@@ -11,8 +11,10 @@ inline constexpr std::size_t kNameMaxBytes = 255;
 inline constexpr std::size_t kObjectWriteMaxBytes = 64 * 1024;
 
 // The largest text that an ordinary object may grow to by many writes. A write that would pass it
-// fails with ENOSPC: without a bound, one writer could fill the memory of the service.
-inline constexpr std::size_t kObjectTextMaxBytes = 1024 * 1024;
+// fails with ENOSPC: without a bound, one writer could fill the memory of the service. A page
+// below what one request of the kernel carries, so that a text never fills a request: the kernel
+// would send a second one for the rest of a larger buffer, and with "?wait" that one would wait.
+inline constexpr std::size_t kObjectTextMaxBytes = 1024 * 1024 - 4096;
 
 // The largest message on a served object, either way, as it is handed to write.
 inline constexpr std::size_t kMessageMaxBytes = 256 * 1024;

@@ -1,6 +1,7 @@
 // Ordinary objects on a live mount.
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -13,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "ppsd/store/limits.hpp"
 #include "tests/integration/pps_files.hpp"
 #include "tests/support/ppsd_mount.hpp"
 
@@ -187,6 +189,29 @@ TEST_F(PpsdObject, ObjectCannotGrowBeyondOneMiB) {
     }
     EXPECT_EQ(error, ENOSPC);
     EXPECT_EQ(writes, 17);
+}
+
+TEST_F(PpsdObject, LargestObjectIsOneReadThatDoesNotWaitWhateverTheBuffer) {
+    PpsFile file(path(), m_readWriteCreate);
+    std::size_t left = kObjectTextMaxBytes - (sizeof "@obj\n" - 1);
+    for (char name = 'a'; left > 0; ++name) {
+        const std::size_t size = left > 60000 ? 50000 : left;
+        ASSERT_EQ(file.write(name + ("::" + std::string(size - 4, 'x')) + "\n"), 0);
+        left -= size;
+    }
+    EXPECT_EQ(file.write("z::\n"), ENOSPC) << "it is the largest";
+    alarm(10);  // ends the test should a read wait
+    constexpr std::size_t kSpace = 4 * kObjectTextMaxBytes;
+    void* pages = mmap(nullptr, kSpace, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(pages, MAP_FAILED);
+    for (const std::size_t start : {0U, 1U, 4095U}) {
+        PpsFile reader(path("/obj?wait"), O_RDONLY);
+        EXPECT_EQ(read(reader.fd(), static_cast<char*>(pages) + start, kSpace - start),
+                  static_cast<ssize_t>(kObjectTextMaxBytes))
+            << start;
+    }
+    munmap(pages, kSpace);
+    alarm(0);
 }
 
 TEST_F(PpsdObject, OpenWithoutCreatingGivesEnoent) {
@@ -412,6 +437,27 @@ TEST_F(PpsdObject, NameOf255BytesIsAnObjectWithOptionsToo) {
     EXPECT_EQ(PpsFile(path(name + "?delta,wait"), O_RDONLY).read(),
               "@" + name.substr(1) + "\na::1\n");
     EXPECT_EQ(PpsFile(path(name + "n"), m_readWriteCreate).error(), ENAMETOOLONG);
+}
+
+TEST_F(PpsdObject, OptionsHaveNoPlaceInNamesThatAreMadeMovedOrRemoved) {
+    PpsFile(path(), m_readWriteCreate).write("a::1\n");
+    ASSERT_EQ(mkdir(path("/folder").c_str(), 0755), 0);
+    const auto refused = [](int result) { return result == -1 ? errno : 0; };
+    struct stat status {};
+    EXPECT_EQ(refused(stat(path("/folder?wait").c_str(), &status)), EINVAL);
+    EXPECT_EQ(refused(mkdir(path("/new?wait").c_str(), 0755)), EINVAL);
+    EXPECT_EQ(refused(mknod(path("/new?wait").c_str(), S_IFREG | 0644, 0)), EINVAL);
+    EXPECT_EQ(refused(rename(path("/obj").c_str(), path("/new?wait").c_str())), EINVAL);
+    EXPECT_EQ(refused(rename(path("/obj?wait").c_str(), path("/new").c_str())), EINVAL);
+    EXPECT_EQ(refused(unlink(path("/obj?wait").c_str())), EINVAL);
+    EXPECT_EQ(text(), "@obj\na::1\n");
+}
+
+TEST_F(PpsdObject, ObjectIsMadeByMknodAndNothingElseThanObjectsAndFolders) {
+    EXPECT_EQ(mknod(path().c_str(), S_IFREG | 0640, 0), 0);
+    EXPECT_EQ(text(), "");
+    EXPECT_EQ(mkfifo(path("/fifo").c_str(), 0644), -1);
+    EXPECT_EQ(errno, EPERM);
 }
 
 TEST_F(PpsdObject, NameWithALineFeedIsRefused) {

@@ -60,6 +60,23 @@ TEST_F(PpsdServed, NextServerMayOpenAsSoonAsTheLastHasClosed) {
     }
 }
 
+TEST_F(PpsdServed, OpenNeverOvertakesTheManyClosesBeforeIt) {
+    constexpr int kServers = 64;
+    std::vector<PpsFile> servers;
+    for (int i = 0; i < kServers; ++i) {
+        servers.emplace_back(path("/ipc" + std::to_string(i) + "?server"), kServer);
+        ASSERT_EQ(servers.back().error(), 0);
+    }
+    kill(m_ppsd.pid(), SIGSTOP);  // so that all the closes are waiting when the open comes
+    servers.clear();
+    auto next = std::async(std::launch::async, [&] {
+        return PpsFile(path("/ipc" + std::to_string(kServers - 1) + "?server"), kServer).error();
+    });
+    next.wait_for(std::chrono::milliseconds(kQuietMilliseconds));
+    kill(m_ppsd.pid(), SIGCONT);
+    EXPECT_EQ(next.get(), 0);
+}
+
 TEST_F(PpsdServed, NameExistsOnlyWhileItIsServed) {
     struct stat status {};
     {

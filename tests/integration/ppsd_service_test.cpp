@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iterator>
 
 #include "tests/integration/pps_files.hpp"
@@ -105,6 +106,16 @@ TEST_F(PpsdService, EndsWithStatus0WhileItIsInUse) {
     EXPECT_NE(client.read().substr(0, 6), "") << "the read comes back";
     ASSERT_TRUE(m_ppsd.start());
     EXPECT_EQ(PpsFile(path("/obj"), O_RDWR).error(), 0);
+}
+
+TEST_F(PpsdService, WaitingReadIsAnsweredWithEnodevWhenTheServiceEnds) {
+    ASSERT_TRUE(m_ppsd.start());
+    PpsFile reader(path("/obj?wait"), kCreate);
+    auto waiting = std::async(std::launch::async, [&] { return reader.read(); });
+    EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(kQuietMilliseconds)),
+              std::future_status::timeout);
+    EXPECT_EQ(m_ppsd.stop(), 0);
+    EXPECT_EQ(waiting.get(), std::string("errno: ") + std::strerror(ENODEV));
 }
 
 TEST_F(PpsdService, TreeWithModesOwnersAndTimesComesBackAfterARestart) {

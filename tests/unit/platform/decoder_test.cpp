@@ -100,11 +100,13 @@ TEST_F(Decoder, NumbersAndBooleansAreNoStrings) {
 }
 
 TEST_F(Decoder, IntegersMustBeIntegersAndFit) {
-    enter("@a\nn:n:-5\nbig:n:2147483648\nreal:n:1.5\ns::7\no:json:{\"u\":18446744073709551615}\n");
+    enter(
+        "@a\nn:n:-5\nbig:n:2147483648\nsmall:n:-2147483649\nreal:n:1.5\ns::7\no:json:{\"u\":"
+        "18446744073709551615}\n");
     int value = 99;
     EXPECT_EQ(pps_decoder_get_int(&m_decoder, "n", &value), PPS_DECODER_OK);
     EXPECT_EQ(value, -5);
-    for (const char* name : {"big", "real", "s", "o"}) {
+    for (const char* name : {"big", "small", "real", "s", "o"}) {
         EXPECT_EQ(pps_decoder_get_int(&m_decoder, name, &value), PPS_DECODER_BAD_TYPE) << name;
     }
     EXPECT_EQ(pps_decoder_get_int(&m_decoder, "none", &value), PPS_DECODER_ABSENT);
@@ -243,8 +245,9 @@ TEST_F(Decoder, NestingDeeperThan64IsAParseError) {
 }
 
 TEST_F(Decoder, CleanupForgetsTheObject) {
-    enter("@a\nx::1\n");
+    enter("+@a\nx::1\n");
     pps_decoder_cleanup(&m_decoder);
+    EXPECT_EQ(pps_decoder_flags(&m_decoder), 0U);
     EXPECT_EQ(get("x"), "<absent>");
     EXPECT_EQ(pps_decoder_length(&m_decoder), 0);
     EXPECT_STREQ(pps_decoder_name(&m_decoder), "");

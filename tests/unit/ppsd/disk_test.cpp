@@ -3,9 +3,11 @@
 #include "ppsd/store/disk.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 
@@ -142,6 +144,26 @@ TEST_F(DiskTest, FailedSaveLeavesTheOldObjectAndNoLeftover) {
     EXPECT_EQ(disk.saveObject("obj", record("2")), EISDIR);
     fs::remove(tree("?new"));
     EXPECT_EQ(loaded(), "obj=a::1\n ");
+}
+
+TEST_F(DiskTest, SaveThatCannotTakeItsPlaceLeavesNothingBehind) {
+    fs::create_directory(tree("obj"));
+    EXPECT_EQ(disk.saveObject("obj", record("1")), EISDIR);
+    EXPECT_FALSE(fs::exists(tree("?new")));
+}
+
+TEST_F(DiskTest, DiskThatFillsUpInTheMiddleOfASaveLeavesTheOldObject) {
+    disk.saveObject("obj", record("1"));
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit small{1000, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &small);
+    const int error = disk.saveObject("obj", record(std::string(5000, 'x')));
+    setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_EQ(error, EFBIG);
+    EXPECT_EQ(loaded(), "obj=a::1\n ");
+    EXPECT_TRUE(reports.empty());
 }
 
 TEST_F(DiskTest, FolderWithSomethingThatCouldNotBeLoadedIsNotRemoved) {

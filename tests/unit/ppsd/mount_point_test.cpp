@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <sstream>
 
+#include "tests/support/scratch_root.hpp"
+
 namespace {
 
 bool permits(const std::string& text) {
@@ -32,6 +34,16 @@ TEST(MountPoint, OthersAreNotPermittedByAnythingElse) {
 
 TEST(MountPoint, PermissionChecksAreLeftToTheKernel) {
     EXPECT_EQ(mountOptions().substr(0, 20), "default_permissions,");
+}
+
+TEST(MountPoint, SecondServiceThatPreparesTheSameFolderIsRefusedBeforeAnyMount) {
+    const ScratchRoot root;
+    MountPoint first(root.path("/pps"));
+    MountPoint second(root.path("/pps"));
+    std::string error;
+    ASSERT_TRUE(first.prepare(error)) << error;
+    EXPECT_FALSE(second.prepare(error));
+    EXPECT_NE(error.find("is in use"), std::string::npos) << error;
 }
 
 TEST(MountPoint, PathIsShownWithoutTheRoot) {

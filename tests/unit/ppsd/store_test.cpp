@@ -99,6 +99,40 @@ TEST_F(StoreTest, ClosedFileIsToldNothing) {
     EXPECT_EQ(listener.told, std::vector<OpenFile*>{kept.get()});
 }
 
+TEST_F(StoreTest, WriteRenewsTheTime) {
+    const auto file = create("obj");
+    Metadata metadata = node->metadata;
+    metadata.modified = {1000, 0};
+    ASSERT_EQ(store->setMetadata(*node, metadata), 0);
+    ASSERT_EQ(file->write("a::1\n"), 0);
+    EXPECT_GT(node->metadata.modified.tv_sec, 1000);
+}
+
+TEST_F(StoreTest, ReplacedObjectLivesOnForItsDescriptorsAndTouchesItsSuccessorNoMore) {
+    const auto replaced = create("b");
+    ASSERT_EQ(create("a")->write("a::1\n"), 0);
+    ASSERT_EQ(store->rename(*store->root(), "a", *store->root(), "b", true), 0);
+    EXPECT_EQ(replaced->write("b::2\n"), 0);
+    EXPECT_EQ(read(*replaced), "@b\nb::2\n");
+    store = nullptr;
+    store = makeStore();
+    ASSERT_EQ(store->load(), 0);
+    std::shared_ptr<Node> kept = store->find(*store->root(), "b");
+    std::unique_ptr<OpenFile> file;
+    ASSERT_EQ(store->open(kept, {}, {}, file), 0);
+    EXPECT_EQ(read(*file), "@b\na::1\n");
+}
+
+TEST_F(StoreTest, ServerThatWasOvertakenByAnotherGetsEbusy) {
+    create("obj");
+    std::shared_ptr<Node> first = node;
+    std::shared_ptr<Node> second = node;
+    std::unique_ptr<OpenFile> server;
+    std::unique_ptr<OpenFile> late;
+    ASSERT_EQ(store->open(first, OpenOptions::fromBits(4), {}, server), 0);
+    EXPECT_EQ(store->open(second, OpenOptions::fromBits(4), {}, late), EBUSY);
+}
+
 TEST_F(StoreTest, NumbersOfNodesAreNeverUsedTwice) {
     create("a");
     const std::uint64_t first = node->number;
@@ -156,6 +190,7 @@ TEST_F(StoreTest, RenameRefusesWhatItWasToldNotToReplace) {
     EXPECT_EQ(store->rename(top, "a", top, "b", false), EEXIST);
     EXPECT_EQ(store->rename(top, "missing", top, "b", true), ENOENT);
     EXPECT_EQ(store->rename(top, "a", top, "a", true), 0);
+    EXPECT_EQ(store->rename(top, "a", top, "a", false), EEXIST);
     EXPECT_EQ(store->rename(top, "a", top, "b", true), 0);
     EXPECT_EQ(store->list(top).size(), 1U);
 }
