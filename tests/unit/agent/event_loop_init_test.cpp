@@ -107,6 +107,12 @@ TEST_F(EventLoopEnd, ObjectThatNobodyMayUseEndsTheLoopAlthoughItIsOpen) {
     EXPECT_TRUE(wasLogged(2, "QuilAgent: invalid client file descriptor -1")) << recordedText();
 }
 
+// True once the handler thread has logged its first line, before which it opens a file for a
+// moment: from then on which descriptors are free is up to the test.
+static bool isHandlerSettled() {
+    return waitForLogged(6, "QuilMessageManager::pop called.\n");
+}
+
 // Prepares the loop with the client object on that descriptor, the lowest that is free. The handler
 // thread, which is started just before, may hold it for a moment while it looks for the end of its
 // stack; then once more.
@@ -136,6 +142,7 @@ TEST_F(EventLoopEnd, ClientDescriptor256EndsTheLoop) {
 
 TEST_F(EventLoopEnd, PipeBeyond255EndsTheLoop) {
     ASSERT_EQ(quilAgentInit(), 1);
+    ASSERT_TRUE(isHandlerSettled());
     useUpDescriptorsBelow(256);
     ASSERT_TRUE(loopEnds());
     EXPECT_TRUE(
@@ -145,6 +152,7 @@ TEST_F(EventLoopEnd, PipeBeyond255EndsTheLoop) {
 
 TEST_F(EventLoopEnd, PipeAt0EndsTheLoop) {
     ASSERT_EQ(quilAgentInit(), 1);
+    ASSERT_TRUE(isHandlerSettled());
     close(0);
     ASSERT_TRUE(loopEnds());
     EXPECT_TRUE(
@@ -154,6 +162,7 @@ TEST_F(EventLoopEnd, PipeAt0EndsTheLoop) {
 
 TEST_F(EventLoopEnd, PipeThatCannotBeMadeEndsTheLoopAndFailsWakeUps) {
     ASSERT_EQ(quilAgentInit(), 1);
+    ASSERT_TRUE(isHandlerSettled());
     const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
     close(next);
     rlimit limit{};
