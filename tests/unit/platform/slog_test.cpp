@@ -109,6 +109,8 @@ TEST_F(Slog, SeveritiesOutsideTheRangeAreTakenToItsEnds) {
 TEST_F(Slog, TrailingLineFeedsAreDropped) {
     slogf(11000, 5, "%s", "text\n\n");
     EXPECT_EQ(nextLine(), priority(6) + "text");
+    slogf(11000, 5, "%s", "\n\n");
+    EXPECT_EQ(nextLine(), priority(6));
 }
 
 TEST_F(Slog, ControlBytesCannotForgeALine) {

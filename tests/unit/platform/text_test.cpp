@@ -49,6 +49,7 @@ TEST(PpsText, EveryByteSurvivesEscapesAndBack) {
 TEST(PpsText, EveryKindOfEscapeIsUnderstood) {
     EXPECT_EQ(ppsUnescapeC("\\a\\b\\f\\n\\r\\t\\v\\\\\\\"\\'\\q"), "\a\b\f\n\r\t\v\\\"'q");
     EXPECT_EQ(ppsUnescapeC("\\x41\\x4a1\\101\\7z"), "AJ1A\az");
+    EXPECT_EQ(ppsUnescapeC("\\1011"), "A1") << "three octal digits at most";
 }
 
 TEST(PpsText, HexadecimalDigitsMayBeLowerOrUpperCase) {

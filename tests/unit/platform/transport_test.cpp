@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -110,7 +111,18 @@ TEST_F(Transport, BindsAnIpv6Host) {
     if (!hasIpv6) {
         GTEST_SKIP() << "this machine has no IPv6 loopback";
     }
-    ASSERT_EQ(bindTo(block("::1", 0)), 0);
+    const int nextFree = dup(m_socket);
+    close(nextFree);
+    // Any address: the one host for which the kernel would take IPv4 in as well.
+    ASSERT_EQ(bindTo(block("::", 0)), 0);
+    EXPECT_EQ(fcntl(nextFree, F_GETFD), -1) << "a descriptor is left";
+    for (const auto& [level, option] : {std::pair<int, int>{SOL_SOCKET, SO_REUSEADDR},
+                                        std::pair<int, int>{IPPROTO_IPV6, IPV6_V6ONLY}}) {
+        int on = 0;
+        socklen_t onSize = sizeof on;
+        EXPECT_EQ(getsockopt(m_socket, level, option, &on, &onSize), 0);
+        EXPECT_EQ(on, 1) << "option " << option;
+    }
     sockaddr_in6 address{};
     socklen_t size = sizeof address;
     getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &size);
@@ -143,10 +155,12 @@ TEST_F(Transport, LengthsThatDoNotAddUpAreInvalid) {
     EXPECT_EQ(bindTo(good + '\0'), EINVAL);
     EXPECT_EQ(bindTo(good.substr(0, 9)), EINVAL);
     EXPECT_EQ(bindTo(""), EINVAL);
-    for (const std::size_t lengthField : {6U, 7U, 8U}) {
+    for (const std::size_t lengthField : {0U, 6U, 7U, 8U}) {
         std::string bad = good;
         ++bad[lengthField];
         EXPECT_EQ(bindTo(bad), EINVAL) << lengthField;
+        bad[lengthField] = static_cast<char>(good[lengthField] - 1);
+        EXPECT_EQ(bindTo(bad), EINVAL) << lengthField << ", one less";
     }
 }
 
