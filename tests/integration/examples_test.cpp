@@ -104,6 +104,13 @@ TEST_F(Examples, SenderInPythonTellsAcceptedFromRejected) {
     EXPECT_EQ(m_sender.output(), "accepted\nrejected\n");
 }
 
+TEST_F(Examples, SenderWithNcTellsAcceptedFromRejected) {
+    EXPECT_EQ(sendAndAnswer(example("send_nc.sh"), "acceptPush"), 0) << m_sender.output();
+    EXPECT_EQ(m_sender.output(), "accepted\n");
+    EXPECT_EQ(sendAndAnswer(example("send_nc.sh"), "rejectPush"), 1) << m_sender.output();
+    EXPECT_EQ(m_sender.output(), "accepted\nrejected\n");
+}
+
 TEST_F(Examples, SenderInBashTellsAcceptedFromRejected) {
     EXPECT_EQ(sendAndAnswer(example("send.bash"), "acceptPush"), 0) << m_sender.output();
     EXPECT_EQ(m_sender.output(), "accepted\n");
