@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/unit/agent/in_child.hpp"
 #include "tests/unit/agent/process_fixture.hpp"
 
 namespace {
@@ -27,6 +28,7 @@ struct Setting {
     rlim_t openFiles = 0;          // soft limit, 0 to leave it
     bool isDevHidden = false;      // an empty /dev
     int output = -1;               // standard output; a file of the test when -1
+    bool isOrdinary = false;       // an ordinary user, also when the test is root's
 };
 
 bool hideDev() {
@@ -164,6 +166,9 @@ class Startup : public ::testing::Test {
             limit.rlim_cur = setting.openFiles;
             setrlimit(RLIMIT_NOFILE, &limit);
         }
+        if (setting.isOrdinary && !becomeOrdinaryUser()) {
+            _exit(77);
+        }
         std::signal(SIGPIPE, SIG_DFL);
         std::vector<char*> argv;
         for (const std::string& word : words) {
@@ -241,10 +246,14 @@ TEST_F(Startup, LastUserOptionCounts) {
 }
 
 TEST_F(Startup, OrdinaryUserMayNotTakeTheDefaultUser) {
-    if (geteuid() == 0) {
-        GTEST_SKIP() << "root may become any user";
+    const std::string program = programPath();
+    if (asOrdinaryUser([&] { return access(program.c_str(), X_OK) == 0 ? "yes" : "no"; }) !=
+        "yes") {
+        GTEST_SKIP() << "NOT TESTED: an ordinary user may not reach " << program;
     }
-    EXPECT_EQ(run({}), 1);
+    Setting setting;
+    setting.isOrdinary = true;
+    EXPECT_EQ(run({}, setting), 1);
     EXPECT_NE(output().find("Failed to set credentials: Invalid user/group spec[44:44,0,320] "
                             "errno[1] error[Operation not permitted]\n"),
               std::string::npos)
