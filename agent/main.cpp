@@ -14,13 +14,13 @@
 #include <cstring>
 #include <string>
 
-#include "agent/config_manager.hpp"
-#include "agent/credentials.hpp"
-#include "agent/data_manager.hpp"
-#include "agent/event_loop.hpp"
-#include "agent/http.hpp"
-#include "agent/log.hpp"
-#include "agent/session_manager.hpp"
+#include "agent/configuration/config_manager.hpp"
+#include "agent/process/credentials.hpp"
+#include "agent/process/event_loop.hpp"
+#include "agent/registration/http.hpp"
+#include "agent/sessions/data_manager.hpp"
+#include "agent/sessions/session_manager.hpp"
+#include "agent/support/log.hpp"
 
 namespace {
 

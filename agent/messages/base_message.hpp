@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "agent/base_object.hpp"
+#include "agent/support/base_object.hpp"
 #include "platform/pps/encoder.hpp"
 
 // The numbers by which messages and queue nodes are dispatched.

@@ -4,9 +4,9 @@
 
 #include "agent/messages/message_factory.hpp"
 
-#include "agent/log.hpp"
 #include "agent/messages/push_message.hpp"
 #include "agent/messages/reply_messages.hpp"
+#include "agent/support/log.hpp"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 
-#include "agent/message_node.hpp"
 #include "agent/messages/base_message.hpp"
+#include "agent/messages/message_node.hpp"
 
 // Stateless; safe on any thread.
 class QuilMessageFactory {

@@ -15,8 +15,8 @@
 #include <ctime>
 #include <string_view>
 
-#include "agent/decimal.hpp"
-#include "agent/log.hpp"
+#include "agent/support/decimal.hpp"
+#include "agent/support/log.hpp"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <string>
 
-#include "agent/log.hpp"
 #include "agent/messages/push_message.hpp"
+#include "agent/support/log.hpp"
 #include "platform/pps/decoder.hpp"
 #include "platform/pps/encoder.hpp"
 

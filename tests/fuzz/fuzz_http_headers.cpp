@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "agent/http.hpp"
+#include "agent/registration/http.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     HttpBuffer headers;

@@ -304,7 +304,7 @@ namespace {
 constexpr const char* kLog =
     "2026-11-21T10:00:00.000 QUIL:event_loop.cpp(1): quilAgentLoop: Port 1 receiving data for App "
     "id [a]\n"
-    "2026-11-21T10:00:02.500 QUIL:server_if.cpp(1): serverIfProcessData 1: recved [9] bytes of "
+    "2026-11-21T10:00:02.500 QUIL:push_intake.cpp(1): serverIfProcessData 1: recved [9] bytes of "
     "data\n"
     "2026-11-21T10:00:02.500 QUIL:event_loop.cpp(1): quilAgentLoop: serverIfProcessData port [1] "
     "fd[9]\n";

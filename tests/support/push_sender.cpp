@@ -2,33 +2,18 @@
 
 #include "tests/support/push_sender.hpp"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <regex>
-#include <sstream>
 
-namespace {
+#include "tests/support/loopback.hpp"
 
-sockaddr_in loopback(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    return address;
-}
-
-}  // namespace
-
-PushSender::PushSender(int port) : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    const sockaddr_in address = loopback(port);
-    if (connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        close();
+PushSender::PushSender(int port) : m_socket(connectLoopback(port)) {
+    if (m_socket == -1) {
         return;
     }
     const int on = 1;  // each send is a segment of its own
@@ -96,33 +81,4 @@ bool isAcknowledgement(const std::string& bytes) {
         "HTTP/1\\.0 200 OK\n\rX-Wap-Push-Status:400\n\rDate:"
         "[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}\n\n\r");
     return bytes.size() == 72 && std::regex_match(bytes, form);
-}
-
-int freePort() {
-    const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = loopback(0);
-    socklen_t size = sizeof address;
-    bind(probe, reinterpret_cast<sockaddr*>(&address), size);
-    getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
-    ::close(probe);
-    return ntohs(address.sin_port);
-}
-
-bool isListening(int port) {
-    char wanted[8];
-    std::snprintf(wanted, sizeof wanted, ":%04X", static_cast<unsigned>(port));
-    std::ifstream table("/proc/net/tcp");
-    std::string line;
-    while (std::getline(table, line)) {
-        std::istringstream words(line);
-        std::string number;
-        std::string local;
-        std::string remote;
-        std::string state;
-        words >> number >> local >> remote >> state;
-        if (state == "0A" && local.ends_with(wanted)) {
-            return true;
-        }
-    }
-    return false;
 }

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "tests/support/loopback.hpp"
+
 class PushSender {
   public:
     // Connects to 127.0.0.1.
@@ -34,9 +36,3 @@ std::string makePush(const std::string& id, const std::string& data);
 
 // True for the 72 bytes of an acknowledgement with some date.
 bool isAcknowledgement(const std::string& bytes);
-
-// A port on which nobody listens at the moment.
-int freePort();
-
-// True while some socket listens on that TCP port of this machine.
-bool isListening(int port);

@@ -2,6 +2,7 @@
 
 #include "tests/support/recorded_log.hpp"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
@@ -63,6 +64,20 @@ std::string recordedText() {
             all += std::to_string(line.code) + "/";
         }
         all += std::to_string(line.severity) + " " + bareText(line) + "\n";
+    }
+    return all;
+}
+
+std::string linesOf(const std::vector<std::string>& sourceFiles) {
+    std::string all;
+    for (const RecordedLine& line : recordedLines()) {
+        const bool isWanted =
+            std::any_of(sourceFiles.begin(), sourceFiles.end(), [&line](const std::string& file) {
+                return line.text.starts_with("QUIL:" + file + "(");
+            });
+        if (isWanted) {
+            all += std::to_string(line.severity) + " " + bareText(line) + "\n";
+        }
     }
     return all;
 }

@@ -23,6 +23,12 @@ void clearRecordedLines();
 // in front: "CODE/SEVERITY text".
 std::string recordedText();
 
+// The lines of some source files alone, "SEVERITY text\n" each.
+std::string linesOf(const std::vector<std::string>& sourceFiles);
+inline std::string linesOf(const char* sourceFile) {
+    return linesOf(std::vector<std::string>{sourceFile});
+}
+
 // How often a line of that severity and exactly that text (without "QUIL:file.cpp(LINE): ") was
 // logged.
 int countRecorded(int severity, const std::string& text);

@@ -1,0 +1,69 @@
+// The folder and the object are made and opened up step by step; what fails shows in the log, and
+// only what makes the object unusable ends the attempt.
+
+#include "agent/clients/client_object.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "agent/support/log.hpp"
+#include "platform/root/root.hpp"
+
+namespace {
+
+constexpr const char* kFolder = "/pps/services/push/";
+constexpr const char* kObjectName = "ipc";
+constexpr const char* kServerSuffix = "?server";
+constexpr mode_t kFolderMode = 0755;
+constexpr mode_t kObjectMode = 0666;  // any application may connect
+
+std::atomic<int> g_clientDescriptor{-1};
+
+void makeFolder() {
+    const std::string folder = platformPath(kFolder);
+    // An existing folder is no error, and a missing one shows when the object is opened.
+    static_cast<void>(mkdir(folder.c_str(), kFolderMode));
+    if (chmod(folder.c_str(), kFolderMode) == 0) {
+        QUIL_LOG(LOG_LEVEL_DEBUG, "chmod %s done", kFolder);
+    } else {
+        QUIL_LOG(LOG_LEVEL_ERROR, "Error chmod %s errno[%d] error[%s]", kFolder, errno,
+                 strerror(errno));
+    }
+}
+
+}  // namespace
+
+int clientIfInit() {
+    QUIL_LOG(LOG_LEVEL_INFO, "clientIfInit - Opening PPS file as server.");
+    makeFolder();
+    const std::string path = std::string(kFolder) + kObjectName;
+    const std::string realPath = platformPath(path);
+    const int descriptor =
+        open((realPath + kServerSuffix).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kObjectMode);
+    g_clientDescriptor = descriptor;
+    if (descriptor == -1) {
+        QUIL_LOG(LOG_LEVEL_ERROR, "Error opening %s for RW errno[%d] error[%s].", path.c_str(),
+                 errno, strerror(errno));
+        std::perror(path.c_str());
+        return -1;
+    }
+    if (chmod(realPath.c_str(), kObjectMode) != 0) {
+        QUIL_LOG(LOG_LEVEL_ERROR, "Error chmod [%s] errno[%d] error[%s]", path.c_str(), errno,
+                 strerror(errno));
+        return -1;
+    }
+    QUIL_LOG(LOG_LEVEL_DEBUG, "chmod [%s] done", path.c_str());
+    QUIL_LOG(LOG_LEVEL_DEBUG, "clientIfInit - Done.");
+    return descriptor;
+}
+
+int clientDescriptor() {
+    return g_clientDescriptor;
+}

@@ -1,0 +1,36 @@
+// Senders know the acknowledgement by exactly these bytes; nothing in them may be put right.
+
+#include "agent/connections/acknowledgement.hpp"
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "agent/connections/connection.hpp"
+#include "agent/support/log.hpp"
+
+namespace {
+
+constexpr std::size_t kAcknowledgementBytes = 1024;
+
+// LF before CR, status 200 beside 400, no blank behind "Date:" and no empty line at the end:
+// senders know the acknowledgement by exactly these bytes.
+constexpr const char* kAcknowledgementHead =
+    "HTTP/1.0 200 OK\n\r"
+    "X-Wap-Push-Status:400\n\r"
+    "Date:";
+constexpr const char* kAcknowledgementEnd = "\n\r";
+
+}  // namespace
+
+void sendAcknowledgement(int socket) {
+    char buffer[kAcknowledgementBytes] = {};
+    char when[32] = {};
+    const std::time_t now = std::time(nullptr);
+    ctime_r(&now, when);
+    std::snprintf(buffer, sizeof buffer, "%s%s%s", kAcknowledgementHead, when, kAcknowledgementEnd);
+    const std::size_t length = std::strlen(buffer);
+    const int sent = serverIfSend(socket, buffer, static_cast<int>(length));
+    QUIL_LOG(LOG_LEVEL_DEBUG, "Sent [%s] actual len[%d] len[%d]", buffer, sent,
+             static_cast<int>(length));
+}

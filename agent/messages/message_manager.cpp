@@ -1,0 +1,77 @@
+// One condition, signalled once per node. The reader tests for emptiness after every wake, so
+// spurious wakes are harmless.
+
+#include "agent/messages/message_manager.hpp"
+
+#include "agent/connections/connection.hpp"
+#include "agent/messages/push_message.hpp"
+#include "agent/support/log.hpp"
+
+void closeConnectionOf(const QuilMessageNode& node) {
+    const auto* push = dynamic_cast<const QuilPushMessage*>(node.getMessage());
+    if (push != nullptr && push->getSocket() != -1) {
+        serverIfClose(push->getSocket());
+    }
+}
+
+QuilMessageManager* QuilMessageManager::getInstance() {
+    // The queue itself allocates, so asking for null instead of an exception would not be enough.
+    static QuilMessageManager* const instance = []() -> QuilMessageManager* {
+        try {
+            return new QuilMessageManager();
+        } catch (...) {
+            return nullptr;
+        }
+    }();
+    return instance;
+}
+
+QuilMessageManager::QuilMessageManager() {
+    pthread_cond_init(&m_condition, nullptr);
+}
+
+QuilMessageManager::~QuilMessageManager() {
+    pthread_cond_destroy(&m_condition);
+}
+
+int QuilMessageManager::push(std::unique_ptr<QuilMessageNode> node) {
+    if (node == nullptr) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "QuilMessageManager::push -- attempt to add NULL message node");
+        return 0;
+    }
+    int result = 1;
+    {
+        const QuilLock lock(m_mutex);
+        try {
+            m_nodes.push_back(std::move(node));
+            pthread_cond_signal(&m_condition);
+        } catch (...) {
+            QUIL_LOG(LOG_LEVEL_WARNING,
+                     "QuilMessageManager::push: exception occurred when adding message node [%d]",
+                     node->getType());
+            result = 0;
+        }
+    }
+    if (result == 0) {
+        closeConnectionOf(*node);
+    }
+    QUIL_LOG(LOG_LEVEL_DEBUG, "QuilMessageManager::push: return_code = %d", result);
+    return result;
+}
+
+std::unique_ptr<QuilMessageNode> QuilMessageManager::pop() {
+    QUIL_LOG(LOG_LEVEL_DEBUG, "QuilMessageManager::pop called.\n");
+    const QuilLock lock(m_mutex);
+    while (m_nodes.empty()) {
+        flushLogEcho();
+        const int result = pthread_cond_wait(&m_condition, m_mutex.native());
+        QUIL_LOG(LOG_LEVEL_DEBUG, "QuilMessageManager::pop: done pthread_cond_wait rc[%d]", result);
+        if (result != 0) {
+            QUIL_LOG(LOG_LEVEL_ERROR, "pthread_cond_wait: rc[%d]", result);
+        }
+    }
+    QUIL_LOG(LOG_LEVEL_INFO, "pop: size of queue %d\n", static_cast<int>(m_nodes.size()));
+    std::unique_ptr<QuilMessageNode> node = std::move(m_nodes.front());
+    m_nodes.pop_front();
+    return node;
+}

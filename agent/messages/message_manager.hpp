@@ -1,0 +1,39 @@
+// The queue between the threads: first in, first out.
+
+#pragma once
+
+#include <pthread.h>
+
+#include <deque>
+#include <memory>
+
+#include "agent/messages/message_node.hpp"
+#include "agent/support/locks.hpp"
+
+// Closes the connection of the push in the node, if there is one. For whoever gives up a node that
+// nobody has taken over: the push is lost, and its sender learns that by the close.
+void closeConnectionOf(const QuilMessageNode& node);
+
+// Safe on any thread.
+class QuilMessageManager {
+  public:
+    // The one instance; lives until the process ends. Null when it could not be made.
+    static QuilMessageManager* getInstance();
+
+    virtual ~QuilMessageManager();
+    QuilMessageManager(const QuilMessageManager&) = delete;
+    QuilMessageManager& operator=(const QuilMessageManager&) = delete;
+
+    // Appends a node, taking ownership, and wakes the reader. 1, or 0 when the node is null or
+    // memory ran out: then the node is freed, and the connection of a push in it is closed.
+    int push(std::unique_ptr<QuilMessageNode> node);
+    // Waits until there is a node and gives it to the caller.
+    std::unique_ptr<QuilMessageNode> pop();
+
+  private:
+    QuilMessageManager();
+
+    std::deque<std::unique_ptr<QuilMessageNode>> m_nodes GUARDED_BY(m_mutex);
+    QuilMutex m_mutex;
+    pthread_cond_t m_condition;
+};

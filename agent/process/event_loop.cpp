@@ -1,0 +1,223 @@
+// One select over three kinds of descriptor: the served client object, the read end of a pipe by
+// which the other thread wakes this one, and the listening socket of every port. The set is built
+// anew before every wait from the list of ports taken at the end of the pass before, so a new port
+// is watched from the next pass on. Everything that touches sockets of pushes and requests of
+// clients runs here, on the main thread.
+
+#include "agent/process/event_loop.hpp"
+
+#include <sys/select.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "agent/clients/client_object.hpp"
+#include "agent/process/msg_handler.hpp"
+#include "agent/pushes/push_intake.hpp"
+#include "agent/requests/request_reader.hpp"
+#include "agent/requests/session_requests.hpp"
+#include "agent/sessions/session_manager.hpp"
+#include "agent/support/log.hpp"
+#include "agent/support/wake_up.hpp"
+
+namespace {
+
+constexpr int kLowestDescriptor = 1;
+constexpr int kHighestDescriptor = 255;
+// After a failure that a next pass would run into at once.
+constexpr std::chrono::milliseconds kPause{100};
+
+// Main thread only.
+int g_clientDescriptor = -1;
+QuilSessionManager* g_sessions = nullptr;
+int g_pipeReadEnd = -1;  // of the wake-up
+
+bool isWatchable(int descriptor) {
+    return descriptor >= kLowestDescriptor && descriptor <= kHighestDescriptor;
+}
+
+class DescriptorSet {
+  public:
+    DescriptorSet() { FD_ZERO(&m_set); }
+
+    void add(int descriptor) {
+        FD_SET(descriptor, &m_set);
+        m_highest = std::max(m_highest, descriptor);
+    }
+    bool has(int descriptor) const {
+        return isWatchable(descriptor) && FD_ISSET(descriptor, &m_set);
+    }
+    int wait() { return select(m_highest + 1, &m_set, nullptr, nullptr, nullptr); }
+
+  private:
+    fd_set m_set;
+    int m_highest = 0;
+};
+
+// False when a descriptor that the loop cannot do without is out of range.
+bool buildSet(const std::vector<QuilPort*>& ports, DescriptorSet* set) {
+    QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Waiting (select)...");
+    for (const QuilPort* port : ports) {
+        const int socket = port->getSocket();
+        QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: setting rfds: port [%d] fd[%d]", port->getPort(),
+                 socket);
+        if (isWatchable(socket) && !port->isWaitingForClient()) {
+            set->add(socket);
+        }
+    }
+    if (!isWatchable(g_clientDescriptor)) {
+        QUIL_LOG(LOG_LEVEL_ERROR, "QuilAgent: invalid client file descriptor %d",
+                 g_clientDescriptor);
+        return false;
+    }
+    set->add(g_clientDescriptor);
+    if (!isWatchable(g_pipeReadEnd)) {
+        QUIL_LOG(LOG_LEVEL_ERROR,
+                 "QuilAgent: invalid file descriptor for internal pipe between threads %d",
+                 g_pipeReadEnd);
+        return false;
+    }
+    set->add(g_pipeReadEnd);
+    return true;
+}
+
+void waitForEvents(DescriptorSet* set) {
+    flushLogEcho();
+    errno = 0;
+    if (set->wait() <= 0) {
+        // The pass goes on with the set as select left it. Kept on purpose: a port may have been
+        // closed under the wait, and every reader below copes with a descriptor that has nothing to
+        // give.
+        QUIL_LOG(LOG_LEVEL_WARNING, "quilAgentLoop: Select error [%d] [%s]", errno,
+                 strerror(errno));
+    }
+}
+
+void servePorts(const std::vector<QuilPort*>& ports, const DescriptorSet& set) {
+    for (QuilPort* port : ports) {
+        if (!set.has(port->getSocket())) {
+            continue;
+        }
+        try {
+            QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Port %d receiving data for App id [%s]",
+                     port->getPort(), port->getName().c_str());
+            serverIfProcessData(port);
+        } catch (...) {
+            QUIL_LOG(LOG_LEVEL_WARNING,
+                     "quilAgentLoop: exception occurred when trying to serverIfProcessData");
+        }
+        QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: serverIfProcessData port [%d] fd[%d]",
+                 port->getPort(), port->getSocket());
+    }
+}
+
+void serveClient() {
+    QUIL_LOG(LOG_LEVEL_DEBUG, "Client if event.\n");
+    int count = 0;
+    try {
+        count = clientPPSMessageGet();
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING,
+                 "quilAgentLoop: exception occurred when trying to process a client request");
+    }
+    if (count == -1) {
+        // The object service is gone, and the descriptor stays readable. Whoever supervises both
+        // has to start them anew; until then this must not eat the processor.
+        std::this_thread::sleep_for(kPause);
+    }
+}
+
+void serveWakeUp() {
+    QUIL_LOG(LOG_LEVEL_DEBUG, "Ignore\n");
+    takeWakeUp();
+}
+
+// The ports of all sessions, shown by `logPorts`.
+template <typename LogPorts>
+std::vector<QuilPort*> takePorts(const char* exceptionText, LogPorts logPorts) {
+    QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: All the valid ports are\n");
+    std::vector<QuilPort*> ports;
+    try {
+        ports = g_sessions->getAllPorts();
+        logPorts(ports);
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "%s", exceptionText);
+    }
+    return ports;
+}
+
+std::vector<QuilPort*> takeFirstPorts() {
+    return takePorts("quilAgentLoop: exception occurred when trying to get all ports\n",
+                     [](const std::vector<QuilPort*>& ports) {
+                         QUIL_LOG(LOG_LEVEL_DEBUG, "ports->size() = %d",
+                                  static_cast<int>(ports.size()));
+                         for (const QuilPort* port : ports) {
+                             QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: port [%d] fd[%d]",
+                                      port->getPort(), port->getSocket());
+                         }
+                     });
+}
+
+std::vector<QuilPort*> takeNextPorts() {
+    return takePorts("quilAgentLoop: exception occurred when trying to get all ports",
+                     [](const std::vector<QuilPort*>& ports) {
+                         for (const QuilPort* port : ports) {
+                             QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop 2: port[%d] fd[%d]",
+                                      port->getPort(), port->getSocket());
+                         }
+                     });
+}
+
+}  // namespace
+
+int quilAgentInit() {
+    QUIL_LOG(LOG_LEVEL_DEBUG, "quilAgentInit - ENTER\n");
+    if (msgHandlerInit() == 0) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "quilAgentInit: messsage handler init FAILED.");
+        return 0;
+    }
+    g_clientDescriptor = clientIfInit();
+    if (g_clientDescriptor == -1) {
+        return 0;
+    }
+    g_sessions = QuilSessionManager::getInstance();
+    if (g_sessions == nullptr) {
+        return 0;
+    }
+    QUIL_LOG(LOG_LEVEL_DEBUG, "quilAgentInit - EXIT");
+    return 1;
+}
+
+void quilAgentLoop() {
+    // Also when quilAgentInit failed on the way to it.
+    g_sessions = QuilSessionManager::getInstance();
+    g_pipeReadEnd = openWakeUp();
+    std::vector<QuilPort*> ports = takeFirstPorts();
+    if (g_sessions->processSimChange(quilDestroyChannel) == 0) {
+        QUIL_LOG(LOG_LEVEL_ERROR, "QuilAgent: process SIM Change failed!");
+        return;
+    }
+    QUIL_LOG(LOG_LEVEL_INFO, "Entering quilAgentLoop...");
+    for (;;) {
+        DescriptorSet set;
+        if (!buildSet(ports, &set)) {
+            return;
+        }
+        waitForEvents(&set);
+        // Pushes first, then the client, then the wake-up, and only then the new list: a request
+        // that frees a port cannot take it away from a push that was already there.
+        servePorts(ports, set);
+        if (set.has(g_clientDescriptor)) {
+            serveClient();
+        }
+        if (set.has(g_pipeReadEnd)) {
+            serveWakeUp();
+        }
+        ports = takeNextPorts();
+        QUIL_LOG(LOG_LEVEL_INFO, "\n\n");
+    }
+}

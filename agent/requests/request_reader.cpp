@@ -1,0 +1,160 @@
+// A request is one object: its name is the connection id of the client, "msg" says what is asked,
+// "id" is the client's own number for it, and "dat" holds the rest. Whatever is missing or of the
+// wrong type counts as empty; each operation says what it does about that.
+
+#include "agent/requests/request_reader.hpp"
+
+#include <unistd.h>
+
+#include <array>
+#include <string>
+
+#include "agent/clients/client_object.hpp"
+#include "agent/messages/add_message.hpp"
+#include "agent/pushes/push_answer.hpp"
+#include "agent/requests/session_requests.hpp"
+#include "agent/support/decoder_string.hpp"
+#include "agent/support/log.hpp"
+#include "platform/pps/decoder.hpp"
+#include "platform/root/root.hpp"
+
+namespace {
+
+// One read asks for all of it, so a message of this size fills it to the last byte.
+constexpr std::size_t kRequestBytes = 8192;
+
+// Main thread only. The byte behind the request is always zero: a full buffer is still a text that
+// ends.
+std::array<char, kRequestBytes + 1> g_request{};
+
+struct Request {
+    std::string clientId;
+    std::string name;
+    std::string id;
+    std::string appId;
+};
+
+void createSession(const Request& request, pps_decoder_t& /*dat*/) {
+    QUIL_LOG(LOG_LEVEL_INFO, "createSession Called!");
+    quilCreateSession(request.appId, request.id, request.clientId);
+}
+
+void createChannel(const Request& request, pps_decoder_t& dat) {
+    const std::string url = readString(&dat, "ppgUrl");
+    QUIL_LOG(LOG_LEVEL_INFO, "createChannel Called. ppgUrl is [%s]", url.c_str());
+    quilCreateChannel(request.appId, request.id, request.clientId, url);
+}
+
+void destroyChannel(const Request& request, pps_decoder_t& /*dat*/) {
+    quilDestroyChannel(request.appId, request.id, request.clientId, nullptr);
+}
+
+void registerToLaunch(const Request& request, pps_decoder_t& dat) {
+    const std::string launchString = readString(&dat, "launchString");
+    QUIL_LOG(LOG_LEVEL_INFO, "registerToLaunch Called. launch string is [%s]",
+             launchString.c_str());
+    quilRegisterToLaunch(request.appId, request.id, request.clientId, launchString);
+}
+
+void unregisterFromLaunch(const Request& request, pps_decoder_t& /*dat*/) {
+    QUIL_LOG(LOG_LEVEL_INFO, "%s Called.", request.name.c_str());
+    quilUnregisterToLaunch(request.appId, request.id, request.clientId);
+}
+
+void acceptPush(const Request& request, pps_decoder_t& /*dat*/) {
+    QUIL_LOG(LOG_LEVEL_INFO, "%s called and Push id [%s].", request.name.c_str(),
+             request.id.c_str());
+    quilAccept(request.appId, request.id, request.clientId);
+}
+
+void rejectPush(const Request& request, pps_decoder_t& /*dat*/) {
+    QUIL_LOG(LOG_LEVEL_INFO, "%s called and Push id [%s].", request.name.c_str(),
+             request.id.c_str());
+    quilRejectPush(request.appId, request.id, request.clientId);
+}
+
+struct Operation {
+    const char* name;
+    void (*run)(const Request& request, pps_decoder_t& dat);
+};
+
+constexpr Operation kOperations[] = {
+    {"createSession", createSession},
+    {"createChannel", createChannel},
+    {"destroyChannel", destroyChannel},
+    {"registerToLaunch", registerToLaunch},
+    {"unregisterFromLaunch", unregisterFromLaunch},
+    {"acceptPush", acceptPush},
+    {"rejectPush", rejectPush},
+};
+
+void dispatch(const Request& request, pps_decoder_t& dat) {
+    for (const Operation& operation : kOperations) {
+        if (request.name == operation.name) {
+            operation.run(request, dat);
+            return;
+        }
+    }
+    QUIL_LOG(LOG_LEVEL_WARNING, "Unexpected client message received: %s", request.name.c_str());
+    addReplyMessage(RESULT_UNKNOWN_REQUEST, MESSAGE_UNKNOWN_REQUEST, request.appId, request.id,
+                    request.clientId);
+}
+
+// A client came or went. Sessions outlive their clients, so nothing follows from it.
+void logConnectionChange(const pps_decoder_t& decoder, const std::string& clientId) {
+    const unsigned flags = pps_decoder_flags(&decoder);
+    if ((flags & PPS_FLAG_DELETED) != 0) {
+        QUIL_LOG(LOG_LEVEL_INFO, "PPS_DELETE: removed client id [%s] return code [%d]",
+                 clientId.c_str(), 1);
+    } else if ((flags & PPS_FLAG_CREATED) != 0) {
+        QUIL_LOG(LOG_LEVEL_INFO, "----------------- PPS_CREATED------------------------------");
+    }
+}
+
+}  // namespace
+
+int clientPPSMessageGet() {
+    QUIL_LOG(LOG_LEVEL_INFO, "clientIf_getMsg - Reading incoming IPC request.");
+    g_request.fill('\0');
+    const int count = static_cast<int>(read(clientDescriptor(), g_request.data(), kRequestBytes));
+    if (count == -1) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "clientPPSMessageGet: Unable to read push PPS object.");
+        return -1;
+    }
+    QUIL_LOG(LOG_LEVEL_DEBUG, "clientPPSMessageGet: len %d recv: << %s >>", count,
+             g_request.data());
+    clientProcessRequest(g_request.data());
+    return count;
+}
+
+void clientProcessRequest(const char* text) {
+    pps_decoder_t decoder;
+    // Damage is not reported as such: what could not be decoded counts as empty.
+    pps_decoder_initialize(&decoder, text);
+    Request request;
+    request.clientId = pps_decoder_name(&decoder);
+    QUIL_LOG(LOG_LEVEL_DEBUG, "client id (connection id) %s", request.clientId.c_str());
+    logConnectionChange(decoder, request.clientId);
+
+    pps_decoder_push(&decoder, nullptr);
+    request.name = readString(&decoder, "msg");
+    QUIL_LOG(LOG_LEVEL_DEBUG, "msg [%s]", request.name.c_str());
+    if (request.name.empty()) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "Empty message received from [%s].", request.clientId.c_str());
+        pps_decoder_cleanup(&decoder);
+        return;
+    }
+    request.id = readString(&decoder, "id");
+    QUIL_LOG(LOG_LEVEL_DEBUG, "id [%s].", request.id.c_str());
+    pps_decoder_push(&decoder, "dat");
+    request.appId = readString(&decoder, "providerApplicationId");
+    if (request.appId.empty()) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "provider id not found!");
+        pps_decoder_cleanup(&decoder);
+        addErrorReply(RESULT_NO_APPLICATION_ID, request.name, request.appId, request.id,
+                      request.clientId);
+        return;
+    }
+    dispatch(request, decoder);
+    pps_decoder_cleanup(&decoder);
+}

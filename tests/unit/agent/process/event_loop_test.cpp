@@ -1,0 +1,485 @@
+// The running loop: on a thread of its own, against a real listening socket, with the log as its
+// trace.
+
+#include "agent/process/event_loop.hpp"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "agent/clients/client_object.hpp"
+#include "agent/sessions/data_manager.hpp"
+#include "agent/sessions/session_manager.hpp"
+#include "agent/sessions/states/session_states.hpp"
+#include "agent/support/log.hpp"
+#include "agent/support/wake_up.hpp"
+#include "tests/support/agent/clients_fixture.hpp"
+
+namespace {
+
+const std::string kWaiting = "quilAgentLoop: Waiting (select)...";
+const std::string kPush = "POST /x\r\nContent-Length: 5\r\nPush-Message-ID:m1\r\n\r\nhello";
+const std::string kNotification =
+    "@ipc.17\nmsg::pushNotification\nid::m1\ndat:json:{\"appLevelAck\":1,\"data\":\"aGVsbG8=\","
+    "\"httpHeaders\":{\"Content-Length\":\" 5\",\"Push-Message-ID\":\"m1\"}}\n";
+
+class EventLoop : public ClientsTest {
+  protected:
+    // Sessions that exist by now are the ones that it starts with.
+    void startLoop() {
+        prepareObject();
+        ASSERT_EQ(quilAgentInit(), 1);
+        replaceDescriptor();
+        // As the served object: a read without a message does not wait.
+        fcntl(clientDescriptor(), F_SETFL, O_RDWR | O_NONBLOCK);
+        QuilDataManager::getInstance();
+        clearRecordedLines();
+        std::thread loop(quilAgentLoop);
+        m_thread = loop.native_handle();
+        loop.detach();
+        ASSERT_TRUE(waitForPasses(1)) << recordedText();
+    }
+
+    // A pass counts from its wait on.
+    static int passes() { return countRecorded(5, kWaiting); }
+    static bool waitForPasses(int count) {
+        return waitUntil([=] { return passes() >= count; });
+    }
+
+    struct Listener {
+        QuilSession* session;
+        int port;
+    };
+
+    // A registered session that listens, at the descriptor asked for where one is given.
+    static Listener addListener(const std::string& appId, const std::string& clientId,
+                                int descriptor = -1) {
+        Listener made{addSession<QuilRegisterState>(appId, clientId), 0};
+        int listener = listenAnywhere(&made.port);
+        if (descriptor != -1) {
+            EXPECT_EQ(dup3(listener, descriptor, O_CLOEXEC), descriptor);
+            close(listener);
+            listener = descriptor;
+        }
+        made.session->getPort().setSocket(listener);
+        made.session->getPort().setPort(made.port);
+        return made;
+    }
+
+    static int sendPush(int port) {
+        const int sender = connectTo(port);
+        EXPECT_EQ(send(sender, kPush.data(), kPush.size(), 0), static_cast<ssize_t>(kPush.size()));
+        return sender;
+    }
+
+    static std::string receiving(const Listener& listener, const std::string& appId) {
+        return "quilAgentLoop: Port " + std::to_string(listener.port) +
+               " receiving data for App id [" + appId + "]";
+    }
+
+    // Holds the loop in the read of a push until release() is called.
+    int hold(const Listener& listener, const std::string& appId) {
+        const int sender = connectTo(listener.port);
+        EXPECT_TRUE(waitForLogged(5, receiving(listener, appId)));
+        return sender;
+    }
+    static void release(int sender) {
+        EXPECT_EQ(send(sender, kPush.data(), kPush.size(), 0), static_cast<ssize_t>(kPush.size()));
+    }
+
+    // Waits for these lines of event_loop.cpp, and no others.
+    static void expectLines(const std::string& lines) {
+        waitUntil([&] { return linesOf("event_loop.cpp") == lines; });
+        EXPECT_EQ(linesOf("event_loop.cpp"), lines);
+    }
+
+    pthread_t m_thread{};
+};
+
+std::string fds(const std::string& head, const QuilPort& port) {
+    return head + std::to_string(port.getPort()) + "] fd[" + std::to_string(port.getSocket()) +
+           "]\n";
+}
+
+}  // namespace
+
+TEST_F(EventLoop, StartShowsThePortsThenTheSimPassThenTheFirstSet) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    const QuilPort& port = listener.session->getPort();
+    expectLines(
+        "5 quilAgentLoop: All the valid ports are\n\n"
+        "6 ports->size() = 1\n" +
+        fds("5 quilAgentLoop: port [", port) +
+        "5 Entering quilAgentLoop...\n"
+        "5 quilAgentLoop: Waiting (select)...\n" +
+        fds("5 quilAgentLoop: setting rfds: port [", port));
+    EXPECT_TRUE(wasLogged(6, "processSimChange: is same sim"));
+}
+
+TEST_F(EventLoop, PushReachesTheApplicationAndTheListIsTakenAnew) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    const QuilPort& port = listener.session->getPort();
+    ASSERT_TRUE(waitUntil([&] {
+        return linesOf("event_loop.cpp")
+            .ends_with(fds("5 quilAgentLoop: setting rfds: port [", port));
+    }));
+    clearRecordedLines();
+    sendPush(listener.port);
+    EXPECT_EQ(nextReply(), kNotification);
+    expectLines("5 " + receiving(listener, "app") + "\n" +
+                fds("5 quilAgentLoop: serverIfProcessData port [", port) +
+                "5 quilAgentLoop: All the valid ports are\n\n" +
+                fds("5 quilAgentLoop 2: port[", port) +
+                "5 \n\n\n"
+                "5 quilAgentLoop: Waiting (select)...\n" +
+                fds("5 quilAgentLoop: setting rfds: port [", port));
+}
+
+TEST_F(EventLoop, ClientRequestIsReadOncePerPass) {
+    startLoop();
+    clearRecordedLines();
+    sendRequest(golden("requests_create_session.txt"));
+    EXPECT_EQ(nextReply(), golden("replies_session_created.txt"));
+    ASSERT_TRUE(waitForPasses(1));
+    EXPECT_EQ(linesOf("event_loop.cpp"),
+              "6 Client if event.\n\n"
+              "5 quilAgentLoop: All the valid ports are\n\n"
+              "5 \n\n\n"
+              "5 quilAgentLoop: Waiting (select)...\n");
+}
+
+TEST_F(EventLoop, WakeUpIsReadAndIgnored) {
+    startLoop();
+    clearRecordedLines();
+    wakeMainLoop();
+    ASSERT_TRUE(waitForPasses(1));
+    EXPECT_EQ(linesOf("event_loop.cpp"),
+              "6 Ignore\n\n"
+              "5 quilAgentLoop: All the valid ports are\n\n"
+              "5 \n\n\n"
+              "5 quilAgentLoop: Waiting (select)...\n");
+}
+
+TEST_F(EventLoop, OnePassServesPortsThenTheClientThenTheWakeUp) {
+    const Listener first = addListener("a", "@ipc.17");
+    const Listener second = addListener("b", "@ipc.17");
+    startLoop();
+    const int held = hold(first, "a");
+    sendPush(second.port);
+    sendPush(first.port);
+    sendRequest(golden("requests_client_connected.txt"));
+    wakeMainLoop();
+    clearRecordedLines();
+    release(held);
+    ASSERT_TRUE(waitForPasses(2));
+    const std::string text = linesOf("event_loop.cpp");
+    const std::size_t pass = text.find("5 " + kWaiting);
+    const std::size_t a = text.find(receiving(first, "a"), pass);
+    const std::size_t b = text.find(receiving(second, "b"), pass);
+    const std::size_t client = text.find("6 Client if event.", pass);
+    const std::size_t wakeUp = text.find("6 Ignore", pass);
+    const std::size_t next = text.find("5 quilAgentLoop: All the valid ports are", pass);
+    ASSERT_NE(a, std::string::npos) << text;
+    EXPECT_LT(a, b) << text;
+    EXPECT_LT(b, client) << text;
+    EXPECT_LT(client, wakeUp) << text;
+    EXPECT_LT(wakeUp, next) << text;
+    ASSERT_NE(next, std::string::npos) << text;
+    EXPECT_LT(next, text.find("5 " + kWaiting, pass + 1)) << text;
+}
+
+TEST_F(EventLoop, ThreeWakeUpsMakeThreePassesOfOneByte) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    const int held = hold(listener, "app");
+    wakeMainLoop();
+    wakeMainLoop();
+    wakeMainLoop();
+    clearRecordedLines();
+    release(held);
+    // The pass of the push, then one per byte; the fifth wait finds nothing.
+    ASSERT_TRUE(waitForPasses(4));
+    EXPECT_EQ(countRecorded(6, "Ignore\n"), 3) << recordedText();
+    EXPECT_FALSE(waitUntil([] { return passes() > 4; }, 0.2)) << recordedText();
+    EXPECT_EQ(countRecorded(6, "Ignore\n"), 3);
+}
+
+TEST_F(EventLoop, SeveralRequestsAreReadOnePerPass) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    const int held = hold(listener, "app");
+    sendRequest(golden("requests_client_connected.txt"));
+    sendRequest(golden("requests_client_connected.txt"));
+    clearRecordedLines();
+    release(held);
+    ASSERT_TRUE(waitForPasses(3));
+    EXPECT_EQ(countRecorded(6, "Client if event.\n"), 2) << recordedText();
+}
+
+TEST_F(EventLoop, NewPortIsWatchedAfterAWakeUp) {
+    startLoop();
+    const Listener listener = addListener("app", "@ipc.17");
+    sendPush(listener.port);
+    EXPECT_EQ(nextReply(0.1), "<nothing>");
+    wakeMainLoop();
+    EXPECT_EQ(nextReply(), kNotification);
+}
+
+TEST_F(EventLoop, NewPortIsWatchedAfterAClientRequest) {
+    startLoop();
+    const Listener listener = addListener("app", "@ipc.17");
+    sendPush(listener.port);
+    EXPECT_EQ(nextReply(0.1), "<nothing>");
+    sendRequest(golden("requests_client_connected.txt"));
+    EXPECT_EQ(nextReply(), kNotification);
+}
+
+TEST_F(EventLoop, PortOfAnUnregisteredSessionIsWatchedNoMore) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    listener.session->enterState(std::make_unique<QuilCreateState>());
+    wakeMainLoop();
+    ASSERT_TRUE(waitForPasses(2));
+    clearRecordedLines();
+    wakeMainLoop();
+    ASSERT_TRUE(waitForPasses(1));
+    wakeMainLoop();
+    ASSERT_TRUE(waitForPasses(2));
+    EXPECT_EQ(recordedText().find("setting rfds"), std::string::npos) << recordedText();
+}
+
+TEST_F(EventLoop, PortThatStoppedDuringTheWaitIsNotServed) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    clearRecordedLines();
+    // The wait still has the descriptor, and sees it readable; the port no longer does.
+    listener.session->getPort().setSocket(-1);
+    sendPush(listener.port);
+    ASSERT_TRUE(waitForPasses(1));
+    EXPECT_EQ(recordedText().find("receiving data"), std::string::npos) << recordedText();
+    sendRequest(golden("requests_create_session.txt"));
+    EXPECT_EQ(nextReply(), golden("replies_session_created.txt"));
+}
+
+TEST_F(EventLoop, PortAtDescriptor255IsWatched) {
+    const Listener listener = addListener("app", "@ipc.17", 255);
+    startLoop();
+    sendPush(listener.port);
+    EXPECT_EQ(nextReply(), kNotification);
+}
+
+TEST_F(EventLoop, PortAtDescriptor256IsShownButSkipped) {
+    const Listener listener = addListener("app", "@ipc.17", 256);
+    startLoop();
+    EXPECT_TRUE(waitForLogged(
+        5, "quilAgentLoop: setting rfds: port [" + std::to_string(listener.port) + "] fd[256]"))
+        << recordedText();
+    sendPush(listener.port);
+    EXPECT_EQ(nextReply(0.2), "<nothing>");
+    EXPECT_EQ(passes(), 1);
+    sendRequest(golden("requests_create_session.txt"));
+    EXPECT_EQ(nextReply(), golden("replies_session_created.txt"));
+}
+
+TEST_F(EventLoop, PortAtDescriptor0IsSkipped) {
+    const Listener listener = addListener("app", "@ipc.17", 0);
+    startLoop();
+    sendPush(listener.port);
+    EXPECT_EQ(nextReply(0.2), "<nothing>");
+    EXPECT_EQ(passes(), 1);
+}
+
+TEST_F(EventLoop, PortThatDoesNotListenIsSkippedAndNoError) {
+    addSession<QuilRegisterState>("app", "@ipc.17")->getPort().setPort(5000);
+    startLoop();
+    EXPECT_TRUE(wasLogged(5, "quilAgentLoop: port [5000] fd[-1]")) << recordedText();
+    EXPECT_TRUE(waitForLogged(5, "quilAgentLoop: setting rfds: port [5000] fd[-1]"));
+    sendRequest(golden("requests_create_session.txt"));
+    EXPECT_EQ(nextReply(), golden("replies_session_created.txt"));
+    EXPECT_EQ(recordedText().find("Select error"), std::string::npos) << recordedText();
+}
+
+// A push waits on the listening socket, and the processor has nothing to do with it.
+TEST_F(EventLoop, PortThatWaitsForItsApplicationCostsNoPasses) {
+    const Listener listener = addListener("app", "");
+    startLoop();
+    sendPush(listener.port);
+    ASSERT_TRUE(waitForPasses(2));
+    EXPECT_TRUE(wasLogged(3, "serverIfProcessData: getClientObjectId is empty")) << recordedText();
+    EXPECT_FALSE(waitUntil([] { return passes() > 2; }, 0.3)) << recordedText();
+    EXPECT_EQ(countRecorded(5, receiving(listener, "app")), 1);
+}
+
+TEST_F(EventLoop, PortThatWaitedIsServedOnceItsApplicationIsThere) {
+    const Listener listener = addListener("com.example.news", "");
+    startLoop();
+    sendPush(listener.port);
+    ASSERT_TRUE(waitForPasses(2));
+    sendRequest(golden("requests_create_session.txt"));
+    const std::string first = nextReply();
+    const std::string second = nextReply();
+    EXPECT_TRUE((first == golden("replies_session_created.txt") && second == kNotification) ||
+                (second == golden("replies_session_created.txt") && first == kNotification))
+        << first << second;
+}
+
+TEST_F(EventLoop, OtherPortsAreServedWhileOneWaitsForItsApplication) {
+    const Listener waiting = addListener("a", "");
+    const Listener other = addListener("b", "@ipc.17");
+    startLoop();
+    sendPush(waiting.port);
+    ASSERT_TRUE(waitForPasses(2));
+    sendPush(other.port);
+    EXPECT_EQ(nextReply(), kNotification);
+}
+
+TEST_F(EventLoop, InterruptedSelectIsLoggedAndSurvived) {
+    const Listener listener = addListener("app", "@ipc.17");
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
+    startLoop();
+    // The first pass says that it waits a little before it does.
+    ASSERT_TRUE(waitUntil([this] {
+        pthread_kill(m_thread, SIGUSR1);
+        return wasLogged(3, "quilAgentLoop: Select error [4] [Interrupted system call]");
+    })) << recordedText();
+    // The set stays as it was built: everything in it is tried, and has nothing to give.
+    ASSERT_TRUE(waitForLogged(
+        3,
+        "serverIfProcessData: Accept failed with errno[11] error[Resource temporarily "
+        "unavailable]"))
+        << recordedText();
+    ASSERT_TRUE(waitForLogged(3, "clientPPSMessageGet: Unable to read push PPS object."));
+    ASSERT_TRUE(waitForLogged(6, "Ignore\n"));
+    sendPush(listener.port);
+    EXPECT_EQ(nextReply(), kNotification);
+}
+
+TEST_F(EventLoop, SelectOnAClosedDescriptorIsLoggedAndSurvived) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    const int number = listener.session->getPort().getSocket();
+    const int spare = fcntl(number, F_DUPFD_CLOEXEC, 3);
+    close(number);
+    wakeMainLoop();
+    EXPECT_TRUE(waitForLogged(3, "quilAgentLoop: Select error [9] [Bad file descriptor]"))
+        << recordedText();
+    ASSERT_EQ(dup3(spare, number, O_CLOEXEC), number);
+    sendPush(listener.port);
+    EXPECT_EQ(nextReply(), kNotification);
+}
+
+// The object service is gone: its descriptor is readable for ever, and every read fails.
+TEST_F(EventLoop, FailingReadOfTheClientObjectCostsLittle) {
+    startLoop();
+    const int folder = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);  // reads fail with EISDIR
+    ASSERT_NE(folder, -1);
+    ASSERT_NE(dup3(folder, clientDescriptor(), O_CLOEXEC), -1);
+    wakeMainLoop();
+    ASSERT_TRUE(waitForLogged(3, "clientPPSMessageGet: Unable to read push PPS object."))
+        << recordedText();
+    const int before = passes();
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_TRUE(waitForPasses(before + 4));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(290));
+}
+
+TEST_F(EventLoop, EmptyReadOfTheClientObjectDoesNotPause) {
+    startLoop();
+    shutdown(m_client, SHUT_RDWR);
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_TRUE(waitForPasses(60));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+}
+
+TEST_F(EventLoop, ExceptionWhileAPushIsReadIsLoggedAndSurvived) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    clearRecordedLines();
+    {
+        const FailingAllocations noPush(15360, 20000);
+        sendPush(listener.port);
+        ASSERT_TRUE(waitForLogged(
+            3, "quilAgentLoop: exception occurred when trying to serverIfProcessData"));
+        ASSERT_TRUE(waitForPasses(1));
+    }
+    EXPECT_EQ(nextReply(0), "<nothing>");
+    EXPECT_TRUE(wasLogged(5, "quilAgentLoop: serverIfProcessData port [" +
+                                 std::to_string(listener.port) + "] fd[" +
+                                 std::to_string(listener.session->getPort().getSocket()) + "]"))
+        << recordedText();
+    sendPush(listener.port);
+    EXPECT_EQ(nextReply(), kNotification);
+}
+
+TEST_F(EventLoop, ExceptionWhileARequestIsProcessedIsLoggedAndSurvived) {
+    startLoop();
+    const std::string text = "@ipc.17\nmsg::createSession\nid::" + std::string(6000, 'x');
+    {
+        const FailingAllocations noCopyOfTheText(6000, 8300);
+        sendRequest(text);
+        ASSERT_TRUE(waitForLogged(
+            3, "quilAgentLoop: exception occurred when trying to process a client request"));
+    }
+    sendRequest(golden("requests_create_session.txt"));
+    EXPECT_EQ(nextReply(), golden("replies_session_created.txt"));
+}
+
+TEST_F(EventLoop, ExceptionWhileTheListIsTakenIsLoggedAndTheNextPassHasItAgain) {
+    for (int i = 0; i < 36; ++i) {
+        addSession<QuilRegisterState>("z" + std::to_string(i), "")->getPort().setPort(5000);
+    }
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    {
+        const FailingAllocations noCopyOfTheList(37 * sizeof(void*), 37 * sizeof(void*));
+        wakeMainLoop();
+        ASSERT_TRUE(
+            waitForLogged(3, "quilAgentLoop: exception occurred when trying to get all ports"));
+        ASSERT_TRUE(waitForPasses(2));
+    }
+    wakeMainLoop();
+    sendPush(listener.port);
+    EXPECT_EQ(nextReply(), kNotification);
+}
+
+TEST_F(EventLoop, EchoOfAnIdleLoopIsComplete) {
+    writeFile("/echo", "");
+    const int terminal = dup(1);
+    bufferLogEcho();
+    const int file = open(path("/echo").c_str(), O_WRONLY | O_CLOEXEC);
+    ASSERT_EQ(dup2(file, 1), 1);
+    startLoop();
+    ASSERT_TRUE(waitUntil([this] { return readFile("/echo").find(kWaiting) != std::string::npos; }))
+        << readFile("/echo");
+    // Once more, as the handler thread may have shown the first one along with its own lines.
+    wakeMainLoop();
+    EXPECT_TRUE(waitUntil([this] {
+        const std::string echo = readFile("/echo");
+        return echo.find(kWaiting) != echo.rfind(kWaiting);
+    })) << readFile("/echo");
+    dup2(terminal, 1);
+}
+
+TEST_F(EventLoop, WakeUpsBeyondWhatThePipeHoldsFailWithALineAndNeverBlock) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    const int held = hold(listener, "app");
+    for (int i = 0; i < 70000 && !wasLogged(6, "Failed to write pipe!!\n"); i += 1000) {
+        for (int j = 0; j < 1000; ++j) {
+            wakeMainLoop();
+        }
+    }
+    EXPECT_TRUE(wasLogged(6, "Failed to write pipe!!\n"));
+    release(held);
+    EXPECT_EQ(nextReply(), kNotification);
+}

@@ -1,0 +1,110 @@
+// A session "app" of client "@ipc.1" that listens on a port of its own, and what the listener makes
+// of the connections to it.
+
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/configuration/config_manager.hpp"
+#include "agent/connections/connection.hpp"
+#include "agent/messages/message_manager.hpp"
+#include "agent/messages/push_message.hpp"
+#include "agent/pushes/push_intake.hpp"
+#include "tests/support/agent/server_fixture.hpp"
+#include "tests/support/recorded_log.hpp"
+
+// A push of 65 bytes, 60 of them its header block.
+inline const std::string kExample =
+    "POST /x HTTP/1.1\r\nContent-Length: 5\r\nPush-Message-ID: m1\r\n\r\nhello";
+
+class PushListener : public ::testing::Test {
+  protected:
+    explicit PushListener(const std::string& configuration = "push-timeout 20\n")
+        : m_root(configuration) {
+        QuilConfigManager::getInstance();
+        m_session = addSession("app", "@ipc.1");
+        m_session->getPort().setPort(m_reserved.number());
+        m_session->listenOnPort();
+        clearRecordedLines();
+    }
+    ~PushListener() override {
+        while (isQueued()) {
+            takePush();
+        }
+    }
+
+    int portNumber() const { return m_reserved.number(); }
+    int listener() const { return m_session->getPort().getSocket(); }
+    bool hasWaitingConnection(double seconds) const {
+        pollfd watched = {listener(), POLLIN, 0};
+        return poll(&watched, 1, static_cast<int>(seconds * 1000)) == 1;
+    }
+    // As the event loop does it: once the listening socket is readable.
+    void process() {
+        ASSERT_TRUE(hasWaitingConnection(10)) << "nobody connected";
+        serverIfProcessData(&m_session->getPort());
+    }
+    // Processes a connection; once `line` (level 5) has been logged, `then` runs beside it.
+    template <typename Then>
+    void processAnd(const std::string& line, Then then) {
+        std::thread beside([&line, &then] {
+            if (waitForLogged(5, line)) {
+                then();
+            }
+        });
+        process();
+        beside.join();
+    }
+
+    bool isQueued() const {
+        return countRecorded(6, "QuilMessageManager::push: return_code = 1") > m_taken;
+    }
+    // The oldest push in the queue, null when there is none. Its connection is closed with the
+    // test.
+    std::unique_ptr<QuilPushMessage> takePush() {
+        if (!isQueued()) {
+            return nullptr;
+        }
+        ++m_taken;
+        const std::unique_ptr<QuilMessageNode> node = QuilMessageManager::getInstance()->pop();
+        EXPECT_EQ(node->getType(), 5);
+        auto* push = dynamic_cast<QuilPushMessage*>(node->getMessage());
+        if (push == nullptr) {
+            return nullptr;
+        }
+        if (push->getSocket() != -1) {
+            m_kept.push_back(std::make_unique<Kept>(push->getSocket()));
+        }
+        return std::make_unique<QuilPushMessage>(*push);
+    }
+    // The data part of a push as base64, or "error CODE".
+    static std::string encoded(QuilPushMessage* push) {
+        push->createData();
+        return push->getErrorCode() == 0 ? push->getData()
+                                         : "error " + std::to_string(push->getErrorCode());
+    }
+
+    ServerRoot m_root;
+    ReservedPort m_reserved;
+    QuilSession* m_session = nullptr;
+
+  private:
+    struct Kept {
+        explicit Kept(int number) : socket(number) {}
+        ~Kept() { close(socket); }
+        Kept(const Kept&) = delete;
+        Kept& operator=(const Kept&) = delete;
+        int socket;
+    };
+
+    int m_taken = 0;
+    std::vector<std::unique_ptr<Kept>> m_kept;
+};
