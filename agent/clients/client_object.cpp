@@ -28,6 +28,7 @@ std::atomic<int> g_clientDescriptor{-1};
 
 void makeFolder() {
     const std::string folder = platformPath(kFolder);
+    flushLogEcho();  // the object service may be slow to answer, here and below
     // An existing folder is no error, and a missing one shows when the object is opened.
     static_cast<void>(mkdir(folder.c_str(), kFolderMode));
     if (chmod(folder.c_str(), kFolderMode) == 0) {
@@ -45,6 +46,7 @@ int clientIfInit() {
     makeFolder();
     const std::string path = std::string(kFolder) + kObjectName;
     const std::string realPath = platformPath(path);
+    flushLogEcho();
     const int descriptor =
         open((realPath + kServerSuffix).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kObjectMode);
     g_clientDescriptor = descriptor;

@@ -45,6 +45,7 @@ void sendMessage(std::unique_ptr<QuilBaseMessage> message) {
     const bool isToBeWritten = addResult(&encoder, *message);
     pps_encoder_end_object(&encoder);
     if (isToBeWritten) {
+        flushLogEcho();  // the object service may be slow to take it
         const ssize_t written =
             write(clientDescriptor(), pps_encoder_buffer(&encoder), pps_encoder_length(&encoder));
         QUIL_LOG(LOG_LEVEL_INFO, "Wrote %d bytes to pps.", static_cast<int>(written));

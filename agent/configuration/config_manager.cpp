@@ -6,12 +6,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 
+#include "agent/support/high_descriptor.hpp"
 #include "agent/support/log.hpp"
 #include "platform/pps/ppsparse.hpp"
 #include "platform/root/root.hpp"
@@ -29,6 +31,9 @@ constexpr const char* kDefaultProxyHost = "127.0.0.1";
 constexpr int kDefaultProxyPort = 287;
 constexpr int kDefaultPushTimeoutSeconds = 30;
 constexpr int kDefaultHttpTimeoutSeconds = 0;
+constexpr int kHighestPort = 65535;
+// libcurl counts time in milliseconds and refuses what an int of them cannot hold.
+constexpr int kLongestTimeoutSeconds = INT_MAX / 1000;
 
 // Parses from *cursor on. True when `attribute` was found; else the cursor stands at the incomplete
 // last line, or at the end.
@@ -48,6 +53,30 @@ bool findAttribute(const char** cursor, const char* end, const std::string& attr
     }
 }
 
+// Reads an open object until the attribute turns up. "" when it does not.
+std::string findInObject(int descriptor, const char* path, const std::string& attribute) {
+    QUIL_LOG(LOG_LEVEL_INFO, "looking for [%s]", attribute.c_str());
+    char buffer[kObjectBufferBytes];
+    std::size_t tail = 0;  // bytes at the start of the buffer that no line feed has ended yet
+    for (;;) {
+        flushLogEcho();
+        const ssize_t count = read(descriptor, buffer + tail, sizeof buffer - 1 - tail);
+        QUIL_LOG(LOG_LEVEL_INFO, "Read [%s] returns [%d] bytes", path, static_cast<int>(count));
+        if (count <= 0) {
+            QUIL_LOG(LOG_LEVEL_INFO, "Read [%s] errno[%d] error[%s]", path, errno, strerror(errno));
+            return "";
+        }
+        const char* cursor = buffer;
+        const char* end = buffer + tail + static_cast<std::size_t>(count);
+        std::string value;
+        if (findAttribute(&cursor, end, attribute, &value)) {
+            return value;
+        }
+        tail = static_cast<std::size_t>(end - cursor);
+        std::memmove(buffer, cursor, tail);
+    }
+}
+
 }  // namespace
 
 QuilConfigManager* QuilConfigManager::getInstance() {
@@ -63,6 +92,9 @@ QuilConfigManager* QuilConfigManager::getInstance() {
 
 QuilConfigManager::QuilConfigManager() {
     readConfigFile();
+    boundValue("proxy-port", kHighestPort);
+    boundValue("http-timeout", kLongestTimeoutSeconds);
+    boundValue("push-timeout", kLongestTimeoutSeconds);
     const std::string proxyHost = getValueOr("proxy-host", kDefaultProxyHost);
     m_proxyHost = std::make_unique<char[]>(proxyHost.size() + 1);
     std::memcpy(m_proxyHost.get(), proxyHost.c_str(), proxyHost.size() + 1);
@@ -72,6 +104,16 @@ QuilConfigManager::QuilConfigManager() {
 }
 
 QuilConfigManager::~QuilConfigManager() = default;
+
+void QuilConfigManager::boundValue(const std::string& key, int highest) {
+    const int value = getIntValue(key, 0);
+    const int bounded = std::clamp(value, 0, highest);
+    if (value != bounded) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "QuilConfigManager: %s %s is out of range, %d is used",
+                 key.c_str(), getValue(key).c_str(), bounded);
+        setValue(key, std::to_string(bounded));
+    }
+}
 
 bool QuilConfigManager::readConfigFile() {
     std::ifstream file(platformPath(kConfigFile));
@@ -227,29 +269,14 @@ std::string QuilConfigManager::getDeviceModel() {
 std::string QuilConfigManager::readPpsAttribute(const std::string& objectPath,
                                                 const std::string& attribute) {
     const char* path = objectPath.c_str();
+    flushLogEcho();  // the object service may be slow to answer
     const int descriptor = open(platformPath(objectPath).c_str(), O_RDONLY | O_CLOEXEC);
     QUIL_LOG(LOG_LEVEL_INFO, "Open [%s] returns fd[%d]", path, descriptor);
     if (descriptor == -1) {
         QUIL_LOG(LOG_LEVEL_INFO, "Open [%s] errno[%d] error[%s]", path, errno, strerror(errno));
         return "";
     }
-    QUIL_LOG(LOG_LEVEL_INFO, "looking for [%s]", attribute.c_str());
-    char buffer[kObjectBufferBytes];
-    std::size_t tail = 0;  // bytes at the start of the buffer that no line feed has ended yet
-    for (;;) {
-        const ssize_t count = read(descriptor, buffer + tail, sizeof buffer - 1 - tail);
-        QUIL_LOG(LOG_LEVEL_INFO, "Read [%s] returns [%d] bytes", path, static_cast<int>(count));
-        if (count <= 0) {
-            QUIL_LOG(LOG_LEVEL_INFO, "Read [%s] errno[%d] error[%s]", path, errno, strerror(errno));
-            return "";
-        }
-        const char* cursor = buffer;
-        const char* end = buffer + tail + static_cast<std::size_t>(count);
-        std::string value;
-        if (findAttribute(&cursor, end, attribute, &value)) {
-            return value;
-        }
-        tail = static_cast<std::size_t>(end - cursor);
-        std::memmove(buffer, cursor, tail);
-    }
+    std::string value = findInObject(descriptor, path, attribute);
+    moveToHighDescriptor(descriptor);
+    return value;
 }

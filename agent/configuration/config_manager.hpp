@@ -59,15 +59,16 @@ class QuilConfigManager {
     std::string getDeviceModel();
 
     // The value of one attribute of an object as it stands there, or "". Every call leaves one
-    // descriptor open. Kept on purpose: each value is read successfully at most once, and closing
-    // would change which descriptors the process has; it also means that an attribute that stays
-    // missing costs a descriptor per attempt.
+    // descriptor open, with a high number. Kept on purpose: each value is read successfully at most
+    // once; it also means that an attribute that stays missing costs a descriptor per attempt.
     static std::string readPpsAttribute(const std::string& objectPath,
                                         const std::string& attribute);
 
   private:
     QuilConfigManager();
     bool readConfigFile();
+    // A number that is not within 0 and `highest` is replaced by the nearest that is.
+    void boundValue(const std::string& key, int highest);
 
     std::map<std::string, std::string> m_values GUARDED_BY(m_mutex);
     mutable QuilMutex m_mutex;

@@ -27,6 +27,7 @@ void sendAcknowledgement(int socket) {
     char buffer[kAcknowledgementBytes] = {};
     char when[32] = {};
     const std::time_t now = std::time(nullptr);
+    tzset();  // ctime_r alone would stay with the time zone of the first call
     ctime_r(&now, when);
     std::snprintf(buffer, sizeof buffer, "%s%s%s", kAcknowledgementHead, when, kAcknowledgementEnd);
     const std::size_t length = std::strlen(buffer);

@@ -5,13 +5,14 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
 #include "agent/configuration/config_manager.hpp"
+#include "agent/connections/owned_socket.hpp"
 #include "agent/connections/socket_address.hpp"
+#include "agent/support/high_descriptor.hpp"
 #include "agent/support/log.hpp"
 #include "platform/transport/transport.hpp"
 
@@ -20,8 +21,9 @@ namespace {
 constexpr int kBacklog = 5;
 constexpr int kHighestPort = 65535;
 
-// Binds and listens. False when it failed; then the socket is closed, except where noted.
-bool openListener(int socket, int port) {
+// Binds and listens. False when it failed; then the socket is still its owner's to close, except
+// where noted.
+bool openListener(OwnedSocket& socket, int port) {
     const QuilConfigManager& config = *QuilConfigManager::getInstance();
     const std::string transport = config.getTransport();
     const std::string host = config.getListenAddress();
@@ -33,19 +35,18 @@ bool openListener(int socket, int port) {
     if (address == nullptr) {
         QUIL_LOG(LOG_LEVEL_ERROR, "Failed to create %s server sockaddr: address='%s:%d'",
                  transport.c_str(), host.c_str(), port);
-        close(socket);
         return false;
     }
-    if (transportBind(socket, address.get(), length) != 0) {
+    if (transportBind(socket.get(), address.get(), length) != 0) {
         QUIL_LOG(LOG_LEVEL_ERROR, "Failed to bind %s server socket: address='%s:%d', error='%s'",
                  transport.c_str(), host.c_str(), port, strerror(errno));
-        close(socket);
         return false;
     }
-    if (listen(socket, kBacklog) != 0) {
-        // The bound socket is left as it is. Kept on purpose: the port stays taken, so that nobody
-        // else can receive pushes on it.
+    if (listen(socket.get(), kBacklog) != 0) {
+        // The bound socket is left as it is, under a high number. Kept on purpose: the port stays
+        // taken, so that nobody else can receive pushes on it.
         QUIL_LOG(LOG_LEVEL_WARNING, "listen socket error");
+        moveToHighDescriptor(socket.release());
         return false;
     }
     return true;
@@ -55,13 +56,13 @@ bool openListener(int socket, int port) {
 
 int serverIfInit(int port) {
     QUIL_LOG(LOG_LEVEL_DEBUG, "serverIfInit - Opening PPS file and sending register request.");
-    const int socket = transportSocket(TRANSPORT_FAMILY, SOCK_STREAM, IPPROTO_TCP);
-    if (socket == -1) {
+    OwnedSocket socket(transportSocket(TRANSPORT_FAMILY, SOCK_STREAM, IPPROTO_TCP));
+    if (socket.get() == -1) {
         QUIL_LOG(LOG_LEVEL_ERROR, "Failed to create kvtp server socket: errno [%d] error [%s]",
                  errno, strerror(errno));
     } else if (openListener(socket, port)) {
         QUIL_LOG(LOG_LEVEL_DEBUG, "serverIfInit - Exit");
-        return socket;
+        return socket.release();
     }
     QUIL_LOG(LOG_LEVEL_ERROR, "Error opening port %d", port);
     QUIL_LOG(LOG_LEVEL_DEBUG, "serverIfInit - Exit");

@@ -13,6 +13,10 @@ class QuilMessageFactory {
   public:
     static QuilMessageFactory* getInstance();
 
+    virtual ~QuilMessageFactory() = default;
+    QuilMessageFactory(const QuilMessageFactory&) = delete;
+    QuilMessageFactory& operator=(const QuilMessageFactory&) = delete;
+
     // "createSession" 1, "createChannel" 2, "destroyChannel" 3, every other name 10.
     int getMessageType(const std::string& requestName) const;
 

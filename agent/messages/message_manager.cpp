@@ -1,5 +1,5 @@
 // One condition, signalled once per node. The reader tests for emptiness after every wake, so
-// spurious wakes are harmless.
+// spurious wakes are harmless. Nothing is logged or flushed under the lock: it is a leaf.
 
 #include "agent/messages/message_manager.hpp"
 
@@ -39,39 +39,62 @@ int QuilMessageManager::push(std::unique_ptr<QuilMessageNode> node) {
         QUIL_LOG(LOG_LEVEL_WARNING, "QuilMessageManager::push -- attempt to add NULL message node");
         return 0;
     }
-    int result = 1;
-    {
-        const QuilLock lock(m_mutex);
-        try {
-            m_nodes.push_back(std::move(node));
-            pthread_cond_signal(&m_condition);
-        } catch (...) {
-            QUIL_LOG(LOG_LEVEL_WARNING,
-                     "QuilMessageManager::push: exception occurred when adding message node [%d]",
-                     node->getType());
-            result = 0;
-        }
-    }
-    if (result == 0) {
+    if (!append(&node)) {
+        QUIL_LOG(LOG_LEVEL_WARNING,
+                 "QuilMessageManager::push: exception occurred when adding message node [%d]",
+                 node->getType());
         closeConnectionOf(*node);
     }
+    const int result = node == nullptr ? 1 : 0;
     QUIL_LOG(LOG_LEVEL_DEBUG, "QuilMessageManager::push: return_code = %d", result);
     return result;
 }
 
+bool QuilMessageManager::append(std::unique_ptr<QuilMessageNode>* node) {
+    const QuilLock lock(m_mutex);
+    try {
+        m_nodes.push_back(std::move(*node));
+    } catch (...) {
+        return false;
+    }
+    pthread_cond_signal(&m_condition);
+    return true;
+}
+
 std::unique_ptr<QuilMessageNode> QuilMessageManager::pop() {
     QUIL_LOG(LOG_LEVEL_DEBUG, "QuilMessageManager::pop called.\n");
-    const QuilLock lock(m_mutex);
-    while (m_nodes.empty()) {
+    int size = 0;
+    std::unique_ptr<QuilMessageNode> node = take(&size);
+    while (node == nullptr) {
         flushLogEcho();
-        const int result = pthread_cond_wait(&m_condition, m_mutex.native());
-        QUIL_LOG(LOG_LEVEL_DEBUG, "QuilMessageManager::pop: done pthread_cond_wait rc[%d]", result);
-        if (result != 0) {
-            QUIL_LOG(LOG_LEVEL_ERROR, "pthread_cond_wait: rc[%d]", result);
+        if (const std::optional<int> result = wait()) {
+            QUIL_LOG(LOG_LEVEL_DEBUG, "QuilMessageManager::pop: done pthread_cond_wait rc[%d]",
+                     *result);
+            if (*result != 0) {
+                QUIL_LOG(LOG_LEVEL_ERROR, "pthread_cond_wait: rc[%d]", *result);
+            }
         }
+        node = take(&size);
     }
-    QUIL_LOG(LOG_LEVEL_INFO, "pop: size of queue %d\n", static_cast<int>(m_nodes.size()));
+    QUIL_LOG(LOG_LEVEL_INFO, "pop: size of queue %d\n", size);
+    return node;
+}
+
+std::unique_ptr<QuilMessageNode> QuilMessageManager::take(int* size) {
+    const QuilLock lock(m_mutex);
+    *size = static_cast<int>(m_nodes.size());
+    if (m_nodes.empty()) {
+        return nullptr;
+    }
     std::unique_ptr<QuilMessageNode> node = std::move(m_nodes.front());
     m_nodes.pop_front();
     return node;
+}
+
+std::optional<int> QuilMessageManager::wait() {
+    const QuilLock lock(m_mutex);
+    if (!m_nodes.empty()) {
+        return std::nullopt;  // it came since take() looked, and its signal reached nobody
+    }
+    return pthread_cond_wait(&m_condition, m_mutex.native());
 }

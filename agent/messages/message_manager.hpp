@@ -6,6 +6,7 @@
 
 #include <deque>
 #include <memory>
+#include <optional>
 
 #include "agent/messages/message_node.hpp"
 #include "agent/support/locks.hpp"
@@ -32,6 +33,12 @@ class QuilMessageManager {
 
   private:
     QuilMessageManager();
+    // False without memory, then the node stays the caller's.
+    bool append(std::unique_ptr<QuilMessageNode>* node);
+    // The oldest node, null when there is none; and how many there were.
+    std::unique_ptr<QuilMessageNode> take(int* size);
+    // Waits for a signal, unless there is a node. The result of the wait if there was one.
+    std::optional<int> wait();
 
     std::deque<std::unique_ptr<QuilMessageNode>> m_nodes GUARDED_BY(m_mutex);
     QuilMutex m_mutex;

@@ -155,7 +155,7 @@ void QuilPushMessage::endHeaderBlock(int position) {
     m_dataLength = m_payloadLength + m_bytesNotKept - position;
     QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: len[%d] Data portion [%s] ", m_dataLength,
              m_payload.data() + position);
-    QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: content length[%d] data length[%d] data position[%d]",
+    QUIL_LOG(LOG_LEVEL_DEBUG, "content length[%d] data length[%d] data position[%d]",
              m_contentLength, m_dataLength, m_dataPosition);
 }
 

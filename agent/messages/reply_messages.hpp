@@ -3,9 +3,18 @@
 
 #pragma once
 
+#include <climits>
 #include <string>
 
 #include "agent/messages/base_message.hpp"
+
+// What a deregistration remembers of the moment when it was asked for.
+struct DeregistrationOrigin {
+    // Channels that the application had asked for by then (QuilSession::getChannelRequests); as
+    // many as there can be where nobody counted.
+    int channelRequests = INT_MAX;
+    bool isSimChange = false;  // a changed SIM began it
+};
 
 // Answer to "createSession".
 class QuilCreateSessionCompleteMessage : public QuilBaseMessage {
@@ -35,6 +44,12 @@ class QuilDestroyChannelCompleteMessage : public QuilBaseMessage {
     QuilDestroyChannelCompleteMessage(const std::string& appId, const std::string& id,
                                       const std::string& clientId);
     bool hasData() const override { return false; }
+
+    const DeregistrationOrigin& getOrigin() const { return m_origin; }
+    void setOrigin(const DeregistrationOrigin& origin) { m_origin = origin; }
+
+  private:
+    DeregistrationOrigin m_origin;
 };
 
 // Answer to "registerToLaunch" and "unregisterFromLaunch"; has no callback name.
@@ -57,6 +72,11 @@ class QuilServerRegMessage : public QuilBaseMessage {
     bool isRegister() const { return m_isRegister; }
     void setRegister(bool isRegister) { m_isRegister = isRegister; }
 
+    // Of a deregistration.
+    const DeregistrationOrigin& getOrigin() const { return m_origin; }
+    void setOrigin(const DeregistrationOrigin& origin) { m_origin = origin; }
+
   private:
+    DeregistrationOrigin m_origin;
     bool m_isRegister = true;
 };

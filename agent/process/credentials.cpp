@@ -18,9 +18,10 @@ namespace {
 // Reads a number at *at and moves *at behind it. False with EINVAL when it is no 32-bit id.
 bool readId(const char** at, std::uint32_t* id) {
     char* end = nullptr;
-    const long number = std::strtol(*at, &end, 0);
+    // Wider than a long, which holds no 32-bit id on every processor.
+    const long long number = std::strtoll(*at, &end, 0);
     *at = end;
-    if (number < 0 || number > static_cast<long>(UINT32_MAX)) {
+    if (number < 0 || number > static_cast<long long>(UINT32_MAX)) {
         errno = EINVAL;
         return false;
     }

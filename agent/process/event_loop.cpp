@@ -136,40 +136,38 @@ void serveWakeUp() {
     takeWakeUp();
 }
 
-// The ports of all sessions, shown by `logPorts`.
+// Puts the ports of all sessions into `ports`, shown by `logPorts`. After an exception the list is
+// the one before: a loop that watched nothing would not come back by itself.
 template <typename LogPorts>
-std::vector<QuilPort*> takePorts(const char* exceptionText, LogPorts logPorts) {
+void takePorts(std::vector<QuilPort*>* ports, const char* exceptionText, LogPorts logPorts) {
     QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: All the valid ports are\n");
-    std::vector<QuilPort*> ports;
     try {
-        ports = g_sessions->getAllPorts();
-        logPorts(ports);
+        *ports = g_sessions->getAllPorts();
+        logPorts(*ports);
     } catch (...) {
         QUIL_LOG(LOG_LEVEL_WARNING, "%s", exceptionText);
     }
-    return ports;
 }
 
-std::vector<QuilPort*> takeFirstPorts() {
-    return takePorts("quilAgentLoop: exception occurred when trying to get all ports\n",
-                     [](const std::vector<QuilPort*>& ports) {
-                         QUIL_LOG(LOG_LEVEL_DEBUG, "ports->size() = %d",
-                                  static_cast<int>(ports.size()));
-                         for (const QuilPort* port : ports) {
-                             QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: port [%d] fd[%d]",
-                                      port->getPort(), port->getSocket());
-                         }
-                     });
+void takeFirstPorts(std::vector<QuilPort*>* taken) {
+    takePorts(taken, "quilAgentLoop: exception occurred when trying to get all ports\n",
+              [](const std::vector<QuilPort*>& ports) {
+                  QUIL_LOG(LOG_LEVEL_DEBUG, "ports->size() = %d", static_cast<int>(ports.size()));
+                  for (const QuilPort* port : ports) {
+                      QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: port [%d] fd[%d]", port->getPort(),
+                               port->getSocket());
+                  }
+              });
 }
 
-std::vector<QuilPort*> takeNextPorts() {
-    return takePorts("quilAgentLoop: exception occurred when trying to get all ports",
-                     [](const std::vector<QuilPort*>& ports) {
-                         for (const QuilPort* port : ports) {
-                             QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop 2: port[%d] fd[%d]",
-                                      port->getPort(), port->getSocket());
-                         }
-                     });
+void takeNextPorts(std::vector<QuilPort*>* taken) {
+    takePorts(taken, "quilAgentLoop: exception occurred when trying to get all ports",
+              [](const std::vector<QuilPort*>& ports) {
+                  for (const QuilPort* port : ports) {
+                      QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop 2: port[%d] fd[%d]", port->getPort(),
+                               port->getSocket());
+                  }
+              });
 }
 
 }  // namespace
@@ -196,7 +194,8 @@ void quilAgentLoop() {
     // Also when quilAgentInit failed on the way to it.
     g_sessions = QuilSessionManager::getInstance();
     g_pipeReadEnd = openWakeUp();
-    std::vector<QuilPort*> ports = takeFirstPorts();
+    std::vector<QuilPort*> ports;
+    takeFirstPorts(&ports);
     if (g_sessions->processSimChange(quilDestroyChannel) == 0) {
         QUIL_LOG(LOG_LEVEL_ERROR, "QuilAgent: process SIM Change failed!");
         return;
@@ -209,7 +208,8 @@ void quilAgentLoop() {
         }
         waitForEvents(&set);
         // Pushes first, then the client, then the wake-up, and only then the new list: a request
-        // that frees a port cannot take it away from a push that was already there.
+        // that frees a port cannot take it away from the one push that this pass found there. What
+        // waits behind that push falls with the port.
         servePorts(ports, set);
         if (set.has(g_clientDescriptor)) {
             serveClient();
@@ -217,7 +217,7 @@ void quilAgentLoop() {
         if (set.has(g_pipeReadEnd)) {
             serveWakeUp();
         }
-        ports = takeNextPorts();
+        takeNextPorts(&ports);
         QUIL_LOG(LOG_LEVEL_INFO, "\n\n");
     }
 }

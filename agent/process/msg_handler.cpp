@@ -42,17 +42,6 @@ void retain(std::unique_ptr<QuilMessageNode> node) {
     next = (next + 1) % kUndispatchedNodesKept;
 }
 
-// Does `work` on a node. When it throws, nobody has taken over the connection of a push in it.
-template <typename Work>
-void closingConnectionOnFailure(const QuilMessageNode& node, Work work) {
-    try {
-        work();
-    } catch (...) {
-        closeConnectionOf(node);
-        throw;
-    }
-}
-
 void handleRegistration(QuilBaseMessage* message, bool isRegister) {
     auto* request = dynamic_cast<QuilServerRegMessage*>(message);
     if (request == nullptr) {
@@ -67,13 +56,12 @@ void handleRegistration(QuilBaseMessage* message, bool isRegister) {
     }
 }
 
-void handlePush(const QuilMessageNode& node, std::unique_ptr<QuilBaseMessage> copy) {
-    std::unique_ptr<QuilPushMessage> push(dynamic_cast<QuilPushMessage*>(copy.get()));
-    if (push == nullptr) {
+void handlePush(std::unique_ptr<QuilBaseMessage> copy) {
+    // Another class of message under a push's number is nothing that could be delivered.
+    if (dynamic_cast<QuilPushMessage*>(copy.get()) == nullptr) {
         return;
     }
-    static_cast<void>(copy.release());  // now `push`
-    closingConnectionOnFailure(node, [&push] { push->createData(); });
+    std::unique_ptr<QuilPushMessage> push(static_cast<QuilPushMessage*>(copy.release()));
     pushNotification(std::move(push));
 }
 
@@ -88,7 +76,7 @@ void dispatch(const QuilMessageNode& node, std::unique_ptr<QuilBaseMessage> copy
             processDestroyChannelCallback(std::move(copy));
             break;
         case MESSAGE_PUSH:
-            handlePush(node, std::move(copy));
+            handlePush(std::move(copy));
             break;
         case MESSAGE_SERVER_REGISTER:
             handleRegistration(node.getMessage(), true);
@@ -101,19 +89,36 @@ void dispatch(const QuilMessageNode& node, std::unique_ptr<QuilBaseMessage> copy
     }
 }
 
+// A copy of the node's message, ready to be dispatched; null when the node cannot be copied. Throws
+// without memory.
+std::unique_ptr<QuilBaseMessage> takeCopy(const QuilMessageNode& node) {
+    std::unique_ptr<QuilBaseMessage> copy = QuilMessageFactory::getInstance()->copyMessage(&node);
+    if (copy == nullptr) {
+        return nullptr;
+    }
+    QUIL_LOG(LOG_LEVEL_INFO, "app id[%s] clientId[%s]", copy->getName().c_str(),
+             copy->getClientId().c_str());
+    if (auto* push = dynamic_cast<QuilPushMessage*>(copy.get())) {
+        push->createData();
+    }
+    return copy;
+}
+
 // False when the node cannot be copied, and so was not dispatched.
 bool handle(const QuilMessageNode& node) {
     { const QuilLock lock(handlerLock()); }
     QUIL_LOG(LOG_LEVEL_INFO, "%d received", node.getType());
     std::unique_ptr<QuilBaseMessage> copy;
-    closingConnectionOnFailure(
-        node, [&] { copy = QuilMessageFactory::getInstance()->copyMessage(&node); });
+    try {
+        copy = takeCopy(node);
+    } catch (...) {
+        closeConnectionOf(node);  // nobody has taken it over
+        throw;
+    }
     if (copy == nullptr) {
         QUIL_LOG(LOG_LEVEL_WARNING, "QuilMessageFactory::copyMessage returns NULL");
         return false;
     }
-    QUIL_LOG(LOG_LEVEL_INFO, "app id[%s] clientId[%s]", copy->getName().c_str(),
-             copy->getClientId().c_str());
     dispatch(node, std::move(copy));
     return true;
 }
@@ -123,16 +128,15 @@ bool handle(const QuilMessageNode& node) {
     pthread_setname_np(pthread_self(), "MSG HANDLER");
     for (;;) {
         std::unique_ptr<QuilMessageNode> node = QuilMessageManager::getInstance()->pop();
-        bool isHandled = true;
+        const int type = node->getType();
         try {
-            isHandled = handle(*node);
+            if (!handle(*node)) {
+                retain(std::move(node));
+                continue;
+            }
         } catch (...) {
             QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]",
-                     node->getType());
-        }
-        if (!isHandled) {
-            retain(std::move(node));
-            continue;
+                     type);
         }
         const QuilLock lock(handlerLock());
         node.reset();

@@ -17,42 +17,25 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <thread>
 #include <utility>
 
 #include "agent/configuration/config_manager.hpp"
+#include "agent/connections/owned_socket.hpp"
 #include "agent/messages/message_manager.hpp"
 #include "agent/messages/push_message.hpp"
 #include "agent/sessions/session_manager.hpp"
+#include "agent/support/high_descriptor.hpp"
 #include "agent/support/log.hpp"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kFirstHighDescriptor = 256;
 constexpr std::chrono::milliseconds kPauseAfterShortage{100};
-
-// Owns an accepted socket until the push that it brought takes it over.
-class Connection {
-  public:
-    explicit Connection(int socket) : m_socket(socket) {}
-    ~Connection() {
-        if (m_socket != -1) {
-            ::close(m_socket);
-        }
-    }
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
-
-    int get() const { return m_socket; }
-    int release() { return std::exchange(m_socket, -1); }
-
-  private:
-    int m_socket;
-};
 
 // Until when a push has to be complete.
 class Deadline {
@@ -75,7 +58,7 @@ class Deadline {
         flushLogEcho();
         // Without a limit the read itself waits.
         return !m_isLimited ||
-               poll(&watched, 1, static_cast<int>(std::min<long>(left, 1L << 30))) != 0;
+               poll(&watched, 1, static_cast<int>(std::min<std::int64_t>(left, 1 << 30))) != 0;
     }
 
   private:
@@ -85,25 +68,23 @@ class Deadline {
 
 using Buffer = std::array<char, PUSH_PAYLOAD_BYTES>;
 
-// Accepts a connection. -1 when that failed, which is logged.
-int acceptConnection(int listener) {
-    const int socket = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (socket == -1) {
-        const int error = errno;
+// Accepts a connection on the session's port. -1 when there is none, which is logged unless the
+// session has stopped listening meanwhile.
+int acceptConnection(QuilSession& session) {
+    const int socket = session.acceptOnPort();
+    if (socket != -1) {
+        return moveToHighDescriptor(socket);
+    }
+    const int error = errno;
+    if (error != 0) {
         QUIL_LOG(LOG_LEVEL_WARNING, "serverIfProcessData: Accept failed with errno[%d] error[%s]",
                  error, strerror(error));
-        if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
-            // The connection still waits, and the next pass would fail in the same way at once.
-            std::this_thread::sleep_for(kPauseAfterShortage);
-        }
-        return -1;
     }
-    const int high = fcntl(socket, F_DUPFD_CLOEXEC, kFirstHighDescriptor);
-    if (high == -1) {
-        return socket;
+    if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
+        // The connection still waits, and the next pass would fail in the same way at once.
+        std::this_thread::sleep_for(kPauseAfterShortage);
     }
-    close(socket);
-    return high;
+    return -1;
 }
 
 // One read. False when the time was up first.
@@ -160,7 +141,7 @@ ReadResult readPush(int socket, const std::string& appId, const std::string& cli
     }
 }
 
-void closeAfterPush(Connection* connection) {
+void closeAfterPush(OwnedSocket* connection) {
     const int result = close(connection->release());
     QUIL_LOG(LOG_LEVEL_DEBUG, "close new socket ret. [%d]", result);
     if (result == -1) {
@@ -179,11 +160,11 @@ int readBehindPush(int socket, int lastCount, QuilPushMessage* push) {
     Buffer buffer;
     const int count = static_cast<int>(recv(socket, buffer.data(), buffer.size(), 0));
     QUIL_LOG(LOG_LEVEL_DEBUG, "serverIfProcessData 2: recved [%d] bytes of data", count);
-    const bool isComplete =
-        push->getContentLength() >= 1 && push->getDataLength() >= push->getContentLength();
-    if (count > 0 && push->isPayloadFull() && !isComplete) {
-        // One read took all it could, and there was more: the push is too large, and is refused,
-        // not cut.
+    const bool isShort =
+        push->getContentLength() >= 1 && push->getDataLength() < push->getContentLength();
+    if (count > 0 && push->isPayloadFull() && isShort) {
+        // The reads took all that can be kept, and what was announced goes on: the push is too
+        // large, and is refused, not cut.
         push->setPayload(buffer.data(), count);
     }
     return count;
@@ -202,7 +183,7 @@ void serverIfProcessData(QuilPort* port) {
                  port->getPort());
         return;
     }
-    const QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId(appId);
+    QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId(appId);
     if (session == nullptr) {
         QUIL_LOG(LOG_LEVEL_WARNING, "serverIfProcessData: session not found for app id [%s]",
                  appId.c_str());
@@ -214,7 +195,7 @@ void serverIfProcessData(QuilPort* port) {
         port->setWaitingForClient(true);
         return;
     }
-    Connection connection(acceptConnection(port->getSocket()));
+    OwnedSocket connection(acceptConnection(*session));
     if (connection.get() == -1) {
         return;
     }

@@ -63,20 +63,32 @@ bool isHttp(const char* url) {
     return result;
 }
 
-void setOptions(CURL* handle, const char* url, HttpBuffer* headers, HttpBuffer* body) {
-    curl_easy_setopt(handle, CURLOPT_URL, url);
+// The code of the first option that libcurl refused, which would otherwise be left at its default:
+// the request must not go out then.
+CURLcode setOptions(CURL* handle, const char* url, HttpBuffer* headers, HttpBuffer* body) {
+    CURLcode result = CURLE_OK;
+    const auto set = [handle, &result](CURLoption option, auto value) {
+        const CURLcode code = curl_easy_setopt(handle, option, value);
+        if (code != CURLE_OK) {
+            QUIL_LOG(LOG_LEVEL_WARNING, "httpGet: option [%d] refused [%s]",
+                     static_cast<int>(option), curl_easy_strerror(code));
+            result = result == CURLE_OK ? code : result;
+        }
+    };
+    set(CURLOPT_URL, url);
     if (g_proxyHost != nullptr && g_proxyHost[0] != '\0' && g_proxyPort > 0) {
         QUIL_LOG(LOG_LEVEL_INFO, "Proxy used [Host: %s][Port: %d]", g_proxyHost, g_proxyPort);
-        curl_easy_setopt(handle, CURLOPT_PROXY, g_proxyHost);
-        curl_easy_setopt(handle, CURLOPT_PROXYPORT, static_cast<long>(g_proxyPort));
+        set(CURLOPT_PROXY, g_proxyHost);
+        set(CURLOPT_PROXYPORT, static_cast<long>(g_proxyPort));
     }
     if (g_timeoutSeconds > 0) {
-        curl_easy_setopt(handle, CURLOPT_TIMEOUT, static_cast<long>(g_timeoutSeconds));
+        set(CURLOPT_TIMEOUT, static_cast<long>(g_timeoutSeconds));
     }
-    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, curlHeaderWrite);
-    curl_easy_setopt(handle, CURLOPT_HEADERDATA, headers);
-    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, curlBodyWrite);
-    curl_easy_setopt(handle, CURLOPT_WRITEDATA, body);
+    set(CURLOPT_HEADERFUNCTION, curlHeaderWrite);
+    set(CURLOPT_HEADERDATA, headers);
+    set(CURLOPT_WRITEFUNCTION, curlBodyWrite);
+    set(CURLOPT_WRITEDATA, body);
+    return result;
 }
 
 // Moves the contents of both buffers into a response; null without memory, then the buffers keep
@@ -142,9 +154,11 @@ int httpGet(const char* url, long* httpStatus, HttpResponse** response) {
     httpBufferInit(&headers, sizeof(HttpHeaderField));
     httpBufferInit(&body, 1);
     CURL* handle = curl_easy_init();
-    setOptions(handle, url, &headers, &body);
+    CURLcode result = setOptions(handle, url, &headers, &body);
     flushLogEcho();  // the request may take long
-    const CURLcode result = curl_easy_perform(handle);
+    if (result == CURLE_OK) {
+        result = curl_easy_perform(handle);
+    }
     if (result == CURLE_OK) {
         curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, httpStatus);
         *response = takeResponse(&headers, &body);

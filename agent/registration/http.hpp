@@ -47,9 +47,9 @@ void httpSetTimeout(int seconds);
 
 // Fetches a URL. Gives libcurl's result code; 0 means that an answer arrived, whatever its status.
 // Only then `httpStatus` and `response` are written; `response` may be null even then, when memory
-// ran out. Bodies beyond 1 MiB and header lines beyond 1000 are cut off silently. A URL of another
-// scheme than http and https is refused with libcurl's code for an unsupported protocol. One thread
-// at a time.
+// ran out. Nothing is sent when libcurl refuses a setting. Bodies beyond 1 MiB and header lines
+// beyond 1000 are cut off silently. A URL of another scheme than http and https is refused with
+// libcurl's code for an unsupported protocol. One thread at a time.
 int httpGet(const char* url, long* httpStatus, HttpResponse** response);
 
 // The first field of that name, whatever the case of its letters; null for none.

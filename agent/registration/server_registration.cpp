@@ -19,6 +19,7 @@ constexpr const char* kDeregisterPath = "/mss/PD_subDereg?serviceid=";
 constexpr const char* kPortHeader = "vex-device-ovra-port";
 constexpr std::uint32_t kLongestAnswerBytes = 8191;
 constexpr long kHttpOk = 200;
+constexpr int kHttpUrlMalformed = 3;  // libcurl's code for it
 
 // Return codes of the server that mean success.
 constexpr int kServerAccepted = 200;
@@ -97,7 +98,9 @@ int processRequest(const std::string& url, std::string* response, int* port) {
     QUIL_LOG(LOG_LEVEL_DEBUG, "processRequest: url[%s]...1", url.c_str());
     long status = 0;
     HttpResponse* answer = nullptr;
-    const int result = httpGet(url.c_str(), &status, &answer);
+    // libcurl would ask for what stands in front of a zero byte, which is something else.
+    const bool isWhole = url.find('\0') == std::string::npos;
+    const int result = isWhole ? httpGet(url.c_str(), &status, &answer) : kHttpUrlMalformed;
     const HttpResponsePointer owner(answer);
     QUIL_LOG(LOG_LEVEL_DEBUG, "processRequest: rc [%d] http_status [%lu]", result,
              static_cast<unsigned long>(status));

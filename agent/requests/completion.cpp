@@ -13,6 +13,15 @@
 #include "agent/support/log.hpp"
 #include "agent/support/wake_up.hpp"
 
+namespace {
+
+DeregistrationOrigin originOf(const QuilBaseMessage& message) {
+    const auto* completion = dynamic_cast<const QuilDestroyChannelCompleteMessage*>(&message);
+    return completion == nullptr ? DeregistrationOrigin{} : completion->getOrigin();
+}
+
+}  // namespace
+
 void sendCallbackResponse(std::unique_ptr<QuilBaseMessage> message) {
     const std::string appId = message->getName();
     if (QuilSessionManager::getInstance()->getSessionByAppId(appId) == nullptr) {
@@ -38,7 +47,7 @@ void addCreateChannelCompletedMessage(QuilServerRegMessage& request) {
     } else {
         QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId(appId);
         if (session != nullptr) {
-            session->enterState(std::make_unique<QuilRegisterState>());
+            session->enterState(makeState<QuilRegisterState>());
             const std::string pin = QuilConfigManager::getInstance()->getDevicePin();
             completion->setToken(pin);
             session->setToken(pin);
@@ -62,8 +71,11 @@ void addCreateChannelCompletedMessage(QuilServerRegMessage& request) {
 }
 
 void addDestroyChannelCompletedMessage(const QuilServerRegMessage& request) {
-    addReplyMessage(request.getErrorCode(), MESSAGE_DESTROY_CHANNEL_COMPLETE, request.getName(),
-                    request.getId(), request.getClientId());
+    auto completion = std::make_unique<QuilDestroyChannelCompleteMessage>(
+        request.getName(), request.getId(), request.getClientId());
+    completion->setOrigin(request.getOrigin());
+    addMessage(request.getErrorCode(), MESSAGE_DESTROY_CHANNEL_COMPLETE, request.getName(),
+               request.getId(), request.getClientId(), std::move(completion));
 }
 
 void processDestroyChannelCallback(std::unique_ptr<QuilBaseMessage> message) {
@@ -78,7 +90,10 @@ void processDestroyChannelCallback(std::unique_ptr<QuilBaseMessage> message) {
         sendMessage(std::move(message));
         return;
     }
-    const bool isSimChanged = session->isSimChanged();
+    const DeregistrationOrigin origin = originOf(*message);
+    // A session of another SIM may have a channel of its own again by now, but its application
+    // still has to hear what became of the old one.
+    const bool isSimChanged = session->isSimChanged() || origin.isSimChange;
     QUIL_LOG(LOG_LEVEL_DEBUG, "processDestroyChannelCallback: is_sim_changed [%d]",
              isSimChanged ? 1 : 0);
     if (isSimChanged) {
@@ -86,14 +101,16 @@ void processDestroyChannelCallback(std::unique_ptr<QuilBaseMessage> message) {
     }
     const int port = session->getPort().getPort();
     const int socket = session->getPort().getSocket();
+    bool isOutdated = session->hasNewerChannelThan(origin.channelRequests);
     if (message->getErrorCode() == RESULT_OK) {
-        session->enterState(std::make_unique<QuilDeleteState>());
-        session->stopListenOnPort();
+        isOutdated = !session->endChannel(origin.channelRequests);
     }
     sendMessage(std::move(message));
     QUIL_LOG(LOG_LEVEL_INFO,
              "processDestroyChannelCallback: destroy Channel: app id[%s] port number[%d] "
              "socket/fd [%d] isSimChange[%d]",
              appId.c_str(), port, socket, isSimChanged ? 1 : 0);
-    cleanup();
+    if (!isOutdated) {
+        cleanup();
+    }
 }

@@ -21,6 +21,7 @@ void addCreateChannelCompletedMessage(QuilServerRegMessage& request);
 // After a deregistration: queues the destroy-channel completion with its result.
 void addDestroyChannelCompletedMessage(const QuilServerRegMessage& request);
 
-// Ends a channel: on success the session goes to Delete and stops listening. The application hears
-// "onDestroyChannelComplete", or "onSimChange" when that is why it ended.
+// Ends a channel: on success the session goes to Delete and stops listening, unless the application
+// has asked for a channel again since it asked for the end of this one: that channel stands. The
+// application hears "onDestroyChannelComplete", or "onSimChange" when that is why it ended.
 void processDestroyChannelCallback(std::unique_ptr<QuilBaseMessage> message);

@@ -24,9 +24,10 @@ QuilSession* findSession(const std::string& appId) {
 void revertToCreateState(QuilSession& session) {
     session.stopListenOnPort();
     QUIL_LOG(LOG_LEVEL_INFO, "Registered state, revert back to Create state.");
-    session.enterState(std::make_unique<QuilCreateState>());
-    if (session.getPort().getSocket() != -1) {
-        // It was in Terminate, where stopping does nothing.
+    session.enterState(makeState<QuilCreateState>());
+    if (session.hasPort() || session.getPort().getSocket() != -1) {
+        // It was in Terminate, where stopping does nothing. Also when it could not listen: a port
+        // of the registration before must not be saved with the next one.
         session.stopListenOnPort();
     }
     cleanup();
@@ -70,6 +71,7 @@ void quilCreateChannel(const std::string& appId, const std::string& id, const st
         addReplyMessage(RESULT_EMPTY_PPG_URL, MESSAGE_CREATE_CHANNEL_COMPLETE, appId, id, clientId);
         return;
     }
+    session->countChannelRequest();
     if (session->isRegistered()) {
         revertToCreateState(*session);
     }
@@ -103,6 +105,8 @@ void quilDestroyChannel(const std::string& appId, const std::string& id,
         std::make_unique<QuilServerRegMessage>(appId, id, clientId, session->getPpgUrl());
     request->setRegister(false);
     request->setMessageType(MESSAGE_SERVER_DEREGISTER);
+    request->setOrigin({.channelRequests = session->getChannelRequests(),
+                        .isSimChange = session->getStateType() == STATE_SIM_CHANGE});
     addMessage(RESULT_OK, MESSAGE_SERVER_DEREGISTER, appId, id, clientId, std::move(request));
 }
 

@@ -51,6 +51,7 @@ QuilDataManager::QuilDataManager() : m_path(std::string(kFolder) + kObjectName) 
 
 void QuilDataManager::setupPpsHandle() {
     const std::string realPath = platformPath(m_path);
+    flushLogEcho();  // the object service may be slow to answer, here and below
     m_handle = open(realPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kObjectMode);
     QUIL_LOG(LOG_LEVEL_INFO,
              "QuilDataManager::setupPpsHandle: open PPS file[%s] errno[%d] handle[%d]",
@@ -73,6 +74,7 @@ void QuilDataManager::setupPpsHandle() {
 
 bool QuilDataManager::readObject() {
     char buffer[kLoadBytes + 1];
+    flushLogEcho();
     const ssize_t count = read(m_handle, buffer, kLoadBytes);
     if (count <= 0) {
         return true;
@@ -171,6 +173,7 @@ int QuilDataManager::saveSessions() {
                      "QuilDataManager::save: %d bytes exceed the %d that can be loaded",
                      static_cast<int>(length), static_cast<int>(kLoadBytes));
         }
+        flushLogEcho();
         const ssize_t written = write(m_handle, pps_encoder_buffer(&m_encoder), length);
         QUIL_LOG(LOG_LEVEL_INFO, "Save: Wrote %d bytes to pps.", static_cast<int>(written));
     }

@@ -13,6 +13,7 @@
 #include "agent/connections/listening_socket.hpp"
 #include "agent/sessions/states/session_states.hpp"
 #include "agent/support/decoder_string.hpp"
+#include "agent/support/high_descriptor.hpp"
 #include "agent/support/log.hpp"
 
 namespace {
@@ -144,27 +145,26 @@ void QuilSession::processEvent(int event) {
     }
 }
 
-bool QuilSession::hasStateType(int type) const {
+int QuilSession::getStateType() const {
     const Lock lock(m_lock);
-    return m_state != nullptr && m_state->getStateType() == type;
+    return m_state == nullptr ? STATE_NONE : m_state->getStateType();
 }
 
 bool QuilSession::isCreated() const {
-    return hasStateType(STATE_CREATE);
+    return getStateType() == STATE_CREATE;
 }
 
 bool QuilSession::isDeleted() const {
-    return hasStateType(STATE_DELETE);
+    return getStateType() == STATE_DELETE;
 }
 
 bool QuilSession::isRegistered() const {
-    const Lock lock(m_lock);
-    return hasStateType(STATE_REGISTER) || hasStateType(STATE_TERMINATE) ||
-           hasStateType(STATE_SIM_CHANGE);
+    const int type = getStateType();
+    return type == STATE_REGISTER || type == STATE_TERMINATE || type == STATE_SIM_CHANGE;
 }
 
 bool QuilSession::isTerminated() const {
-    return hasStateType(STATE_TERMINATE);
+    return getStateType() == STATE_TERMINATE;
 }
 
 bool QuilSession::isSimChanged() const {
@@ -185,9 +185,14 @@ void QuilSession::listenOnPort() {
     if (port < 1 || m_port.getSocket() != -1) {
         return;
     }
-    m_port.setSocket(serverIfInit(port));
-    QUIL_LOG(LOG_LEVEL_DEBUG, "QuilSession::listenOnPort: after: port {%d] fd[%d]", port,
-             m_port.getSocket());
+    const int socket = serverIfInit(port);
+    m_port.setSocket(socket);
+    QUIL_LOG(LOG_LEVEL_DEBUG, "QuilSession::listenOnPort: after: port {%d] fd[%d]", port, socket);
+    if (socket >= FIRST_HIGH_DESCRIPTOR) {
+        QUIL_LOG(LOG_LEVEL_WARNING,
+                 "QuilSession::listenOnPort: port[%d] fd[%d] is beyond what can be watched", port,
+                 socket);
+    }
 }
 
 void QuilSession::listenOn(int port) {
@@ -205,6 +210,7 @@ void QuilSession::stopListenOnPort() {
         return;
     }
     const int socket = m_port.getSocket();
+    m_port.setSocket(-1);  // before it is shut down, so that the loop lets it be from now on
     errno = 0;
     if (socket > 0) {
         const int result = shutdown(socket, SHUT_RD);
@@ -218,6 +224,40 @@ void QuilSession::stopListenOnPort() {
         }
     }
     resetPort();
+}
+
+int QuilSession::acceptOnPort() {
+    const Lock lock(m_lock);
+    if (m_port.getSocket() == -1) {
+        errno = 0;
+        return -1;
+    }
+    return accept4(m_port.getSocket(), nullptr, nullptr, SOCK_CLOEXEC);
+}
+
+int QuilSession::getChannelRequests() const {
+    const Lock lock(m_lock);
+    return m_channelRequests;
+}
+
+void QuilSession::countChannelRequest() {
+    const Lock lock(m_lock);
+    ++m_channelRequests;
+}
+
+bool QuilSession::hasNewerChannelThan(int channelRequests) const {
+    const Lock lock(m_lock);
+    return m_channelRequests > channelRequests;
+}
+
+bool QuilSession::endChannel(int channelRequests) {
+    const Lock lock(m_lock);
+    if (hasNewerChannelThan(channelRequests)) {
+        return false;
+    }
+    enterState(makeState<QuilDeleteState>());
+    stopListenOnPort();
+    return true;
 }
 
 void QuilSession::resetPort() {

@@ -67,6 +67,8 @@ class QuilSession {
     // nothing.
     void processEvent(int event);
 
+    // Type number of the state (QuilStateType), STATE_NONE without one.
+    int getStateType() const;
     bool isCreated() const;
     bool isDeleted() const;
     bool isRegistered() const;  // in Register, Terminate or SimChange
@@ -82,6 +84,19 @@ class QuilSession {
     void listenOn(int port);
     // Closes the listening socket and forgets the port. Does nothing in state Terminate.
     void stopListenOnPort();
+    // Accepts a connection on the listening socket, without waiting. The descriptor, which the
+    // caller owns, or -1 with errno; errno is 0 when the session does not listen.
+    int acceptOnPort();
+
+    // How many channels have been asked for so far. A deregistration remembers the number of its
+    // moment, so that it does not end a channel that was asked for after it.
+    int getChannelRequests() const;
+    void countChannelRequest();
+    // Whether a channel has been asked for since there were `channelRequests` of them.
+    bool hasNewerChannelThan(int channelRequests) const;
+    // Ends the channel: the state Delete, and no listening any more. Does nothing when a newer one
+    // has been asked for. Gives whether it did.
+    bool endChannel(int channelRequests);
 
     // Keeps an accepted connection under a push id and takes ownership of the descriptor. 1 when
     // stored. 0 when not: with a descriptor below 1, which is left alone; or when the id is already
@@ -100,7 +115,6 @@ class QuilSession {
     void save(pps_encoder_t* encoder) const;
 
   private:
-    bool hasStateType(int type) const;
     void resetPort();
 
     mutable QuilRecursiveMutex m_lock;
@@ -110,6 +124,7 @@ class QuilSession {
     std::string m_launchString GUARDED_BY(m_lock);
     std::string m_token GUARDED_BY(m_lock);
     std::unique_ptr<QuilBaseState> m_state GUARDED_BY(m_lock);
+    int m_channelRequests GUARDED_BY(m_lock) = 0;
     std::map<std::string, std::shared_ptr<QuilPushSocket>> m_pushSockets
         GUARDED_BY(m_pushSocketLock);
     // Size of the map, for lines that are logged without its lock.

@@ -277,16 +277,17 @@ int QuilSessionManager::processSimChange(const DestroyChannel& destroyChannel) {
 std::vector<QuilPort*> QuilSessionManager::getAllPorts() {
     const Lock lock(m_lock);
     try {
-        m_ports.clear();
+        std::vector<QuilPort*> ports;
         for (const auto& entry : m_sessions) {
             QuilSession& session = *entry.second;
             QuilPort& port = session.getPort();
             QUIL_LOG(LOG_LEVEL_DEBUG, "app id [%s] port[%d] socket[%d]", entry.first.c_str(),
                      port.getPort(), port.getSocket());
             if (session.isRegistered() && session.hasPort()) {
-                m_ports.push_back(&port);
+                ports.push_back(&port);
             }
         }
+        m_ports.swap(ports);
     } catch (...) {
         QUIL_LOG(LOG_LEVEL_WARNING, "exception occurred when trying to get all ports.");
     }

@@ -70,8 +70,8 @@ class QuilSessionManager {
                                               const std::string& clientId, QuilSession* session)>;
     int processSimChange(const DestroyChannel& destroyChannel);
 
-    // The ports of all sessions that are registered and have one. The pointers are valid as long as
-    // the sessions.
+    // The ports of all sessions that are registered and have one; without memory for a new list,
+    // the one before. The pointers are valid as long as the sessions.
     std::vector<QuilPort*> getAllPorts();
 
   private:

@@ -4,9 +4,10 @@
 #include "agent/support/decimal.hpp"
 
 #include <climits>
+#include <cstdint>
 
 int leadingDecimal(std::string_view text) {
-    long number = 0;
+    std::int64_t number = 0;
     for (const char digit : text) {
         if (digit < '0' || digit > '9') {
             break;

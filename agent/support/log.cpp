@@ -53,9 +53,13 @@ __attribute__((noinline, format(printf, 4, 0))) void emit(int level, const char*
 
 }  // namespace
 
+bool isLogged(int level) {
+    return level <= g_verbosity;
+}
+
 void logMessage(int level, const char* sourcePath, int line, const char* format, ...) {
     const int savedErrno = errno;
-    if (level > g_verbosity) {
+    if (!isLogged(level)) {
         return;
     }
     if (hasStackForText()) {

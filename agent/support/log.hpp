@@ -17,8 +17,17 @@ enum QuilLogLevel {
     LOG_LEVEL_DEBUG = 6      // detail
 };
 
-// Logs at `level` on behalf of the calling line. Arguments as for printf.
-#define QUIL_LOG(level, ...) logMessage(level, __FILE__, __LINE__, __VA_ARGS__)
+// Logs at `level` on behalf of the calling line. Arguments as for printf; they are not evaluated
+// for a line that is not emitted, so they must not do anything.
+#define QUIL_LOG(level, ...)                                    \
+    do {                                                        \
+        if (isLogged(level)) {                                  \
+            logMessage(level, __FILE__, __LINE__, __VA_ARGS__); \
+        }                                                       \
+    } while (false)
+
+// Whether lines of that level are emitted. Any thread.
+bool isLogged(int level);
 
 // Filters, formats (text beyond 4095 bytes is cut), sends to the system log and echoes. With a null
 // `sourcePath` the line has no file and number: "QUIL: text". Safe on any thread. A thread with

@@ -183,3 +183,50 @@ TEST_F(AgentRegistration, DeregistrationWithoutCodeTells10110Or10108) {
     EXPECT_EQ(destroyWith({"--first-body", "hello"}), 10110);
     EXPECT_EQ(destroyWith({"--second-body", "hello"}), 10108);
 }
+
+// The application does not wait for the end of the old channel.
+TEST_F(AgentRegistration, ChannelAskedForRightBehindADestroyStands) {
+    startServer({"--delay", "0.2"});
+    ASSERT_GT(createChannel(*m_client), 0);
+    m_client->request("destroyChannel", "d", kApp);
+    m_client->request("createChannel", "c", kApp, "\"ppgUrl\":\"" + ppgUrl() + "\"");
+    std::string heard;
+    for (int i = 0; i < 2; ++i) {
+        const Reply reply = m_client->next();
+        EXPECT_EQ(reply.err, 0);
+        heard += reply.msg + " ";
+    }
+    EXPECT_NE(heard.find("onCreateChannelComplete"), std::string::npos) << heard;
+    EXPECT_NE(heard.find("onDestroyChannelComplete"), std::string::npos) << heard;
+    // What the application was told is so: there is a port, it is saved, and pushes arrive.
+    const int port = portOf(kApp);
+    ASSERT_GT(port, 0);
+    EXPECT_TRUE(waitUntil([&] { return isListening(port); }));
+    EXPECT_TRUE(waitUntil([&] {
+        return readObject("/pps/services/push/quilagent").find(kApp) != std::string::npos;
+    }));
+    const PushSender sender(port);
+    sender.send(makePush("p", "x"));
+    EXPECT_EQ(m_client->next().id, "p");
+}
+
+// Each of them costs the agent a descriptor; they must not take the numbers of listening sockets.
+TEST_F(AgentRegistration, MissingIdentityDoesNotTakeTheListeningSocketsAway) {
+    writeObject("/pps/services/deviceproperties", "-scmbundle\n");
+    killAgent();
+    ASSERT_TRUE(startAgent());
+    m_client = connect();
+    m_client->request("createSession", "s", kApp);
+    m_client->next();
+    startServer();
+    int port = 0;
+    for (int i = 0; i < 130; ++i) {
+        m_client->request("createChannel", "c" + std::to_string(i), kApp,
+                          "\"ppgUrl\":\"" + ppgUrl() + "\"");
+        ASSERT_EQ(m_client->next().token, kPin) << i;
+        port = portOf(kApp);
+    }
+    const PushSender sender(port);
+    sender.send(makePush("p", "x"));
+    EXPECT_EQ(m_client->next().id, "p");
+}

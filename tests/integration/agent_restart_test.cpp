@@ -150,3 +150,30 @@ TEST_F(AgentRestart, AgentSurvivesTheDeathOfTheObjectServiceWithoutBurningTime) 
     killAgent();
     ASSERT_TRUE(m_ppsd->start());
 }
+
+// The deregistration of the old channel is still under way when the application, told of nothing
+// yet, asks for a new one.
+TEST_F(AgentRestart, ChannelAskedForDuringASimChangeStands) {
+    startServer({"--delay", "0.5"});
+    setSim("262019999999999");
+    ASSERT_TRUE(startAgent());
+    const auto other = connect();
+    const auto client = connect();
+    client->request("createSession", "s", kApp);
+    client->request("createChannel", "c", kApp, "\"ppgUrl\":\"" + ppgUrl() + "\"");
+    std::string token;
+    bool isTold = false;
+    for (int i = 0; i < 3; ++i) {
+        const Reply reply = client->next();
+        isTold = isTold || reply.msg == "onSimChange";
+        token += reply.msg == "onCreateChannelComplete" ? reply.token : "";
+        EXPECT_NE(reply.msg, "onDestroyChannelComplete");
+    }
+    EXPECT_TRUE(isTold);
+    EXPECT_EQ(token, kPin);
+    EXPECT_EQ(other->next().text, "@ipc\nmsg::onSimChange\nid::\n");
+    EXPECT_TRUE(isListening(portOf(kApp)));
+    EXPECT_TRUE(waitUntil([&] {
+        return readObject("/pps/services/push/quilagent").find(kApp) != std::string::npos;
+    }));
+}

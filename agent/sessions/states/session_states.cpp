@@ -3,17 +3,13 @@
 
 #include "agent/sessions/states/session_states.hpp"
 
-#include <new>
-
 #include "agent/sessions/session.hpp"
 
 namespace {
 
-// Moves the session on to a new State. Out of memory counts as no next state, which is logged.
 template <typename State>
 void moveTo(const QuilBaseState* current, QuilSession& session) {
-    QuilBaseState::changeState(current, session,
-                               std::unique_ptr<QuilBaseState>(new (std::nothrow) State()));
+    QuilBaseState::changeState(current, session, makeState<State>());
 }
 
 }  // namespace

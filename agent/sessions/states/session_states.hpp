@@ -18,7 +18,16 @@
 
 #pragma once
 
+#include <memory>
+#include <new>
+
 #include "agent/sessions/states/base_state.hpp"
+
+// A new state; null without memory, which a transition logs as no next state.
+template <typename State>
+std::unique_ptr<QuilBaseState> makeState() {
+    return std::unique_ptr<QuilBaseState>(new (std::nothrow) State());
+}
 
 class QuilIdleState : public QuilBaseState {
   public:

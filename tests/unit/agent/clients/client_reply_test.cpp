@@ -2,16 +2,21 @@
 
 #include "agent/clients/client_reply.hpp"
 
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "agent/clients/client_object.hpp"
 #include "agent/messages/message_factory.hpp"
 #include "agent/messages/push_message.hpp"
 #include "agent/messages/reply_messages.hpp"
 #include "tests/support/agent/clients_fixture.hpp"
+#include "tests/support/agent/process_fixture.hpp"
+#include "tests/support/wait_until.hpp"
 
 namespace {
 
@@ -253,4 +258,18 @@ TEST(ClientReplyWithoutObject, WriteFailsWithALine) {
     ASSERT_EQ(clientDescriptor(), -1);
     sendMessage(std::make_unique<QuilResponseMessage>("app", "1", "@ipc.17"));
     EXPECT_TRUE(wasLogged(5, "Wrote -1 bytes to pps.")) << recordedText();
+}
+
+// An object service that does not take it holds the thread up; what came before is to be seen.
+TEST_F(ClientReply, EchoIsWrittenOutBeforeTheReply) {
+    const CapturedOutput captured;
+    std::printf("before the reply");
+    ASSERT_EQ(captured.written(), "") << "the echo is not held back";
+    const std::string filling(4096, 'x');
+    while (send(clientDescriptor(), filling.data(), filling.size(), MSG_DONTWAIT) > 0) {
+    }
+    std::thread replying([] { sendMessage(make<QuilCreateSessionCompleteMessage>(0)); });
+    EXPECT_TRUE(waitUntil([&] { return !captured.written().empty(); }));
+    repliesSoFar();
+    replying.join();
 }

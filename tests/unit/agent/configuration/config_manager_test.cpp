@@ -133,17 +133,36 @@ TEST_F(Config, NumberEndsAtTheFirstOtherCharacter) {
 }
 
 TEST_F(Config, NumbersMayHaveBlanksAndASignInFront) {
-    QuilConfigManager& config = with("proxy-port   +81\npush-timeout -3\n");
+    QuilConfigManager& config = with("proxy-port   +81\nother -3\n");
     EXPECT_EQ(config.getProxyPort(), 81);
-    EXPECT_EQ(config.getPushTimeout(), -3);
+    EXPECT_EQ(config.getIntValue("other", 0), -3);
 }
 
-TEST_F(Config, NumbersOutOfRangeAreTakenToTheNearestEnd) {
-    QuilConfigManager& config = with(
-        "proxy-port 99999999999999999999\npush-timeout -4294967295\nhttp-timeout 2147483648\n");
-    EXPECT_EQ(config.getProxyPort(), 2147483647);
-    EXPECT_EQ(config.getPushTimeout(), -2147483647 - 1);
-    EXPECT_EQ(config.getHttpTimeout(), 2147483647);
+TEST_F(Config, NumbersBeyondAnIntAreTakenToTheNearestEnd) {
+    QuilConfigManager& config = with("high 99999999999999999999\nlow -99999999999999999999\n");
+    EXPECT_EQ(config.getIntValue("high", 0), 2147483647);
+    EXPECT_EQ(config.getIntValue("low", 0), -2147483647 - 1);
+}
+
+TEST_F(Config, NumbersThatCannotBeUsedAreBoundedAndNamed) {
+    QuilConfigManager& config = with("proxy-port 70000\npush-timeout -3\nhttp-timeout 3000000\n");
+    EXPECT_EQ(config.getProxyPort(), 65535);
+    EXPECT_EQ(config.getPushTimeout(), 0);
+    EXPECT_EQ(config.getHttpTimeout(), 2147483);
+    for (const char* line : {"proxy-port 70000 is out of range, 65535 is used",
+                             "push-timeout -3 is out of range, 0 is used",
+                             "http-timeout 3000000 is out of range, 2147483 is used"}) {
+        EXPECT_TRUE(wasLogged(3, std::string("QuilConfigManager: ") + line)) << recordedText();
+    }
+}
+
+TEST_F(Config, LargestUsableNumbersAreTakenWithoutALine) {
+    QuilConfigManager& config =
+        with("proxy-port 65535\npush-timeout 2147483\nhttp-timeout 2147483\n");
+    EXPECT_EQ(config.getProxyPort(), 65535);
+    EXPECT_EQ(config.getPushTimeout(), 2147483);
+    EXPECT_EQ(config.getHttpTimeout(), 2147483);
+    EXPECT_EQ(recordedText().find("out of range"), std::string::npos) << recordedText();
 }
 
 TEST_F(Config, HexadecimalIsNoDecimalNumber) {

@@ -1,11 +1,15 @@
 // The queue between the threads: order, waiting, refusals.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <future>
 #include <memory>
 #include <string>
 #include <thread>
@@ -224,4 +228,40 @@ TEST_F(Queue, TwoWritersLoseNothingAndKeepTheirOrder) {
     one.join();
     two.join();
     EXPECT_EQ(nextOfA + nextOfB, 2 * kEach);
+}
+
+// Standard output that nobody reads holds up whoever writes it, and nobody else.
+TEST(QueueEcho, ReaderThatIsHeldUpByTheEchoDoesNotHoldUpPush) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const int output = dup(STDOUT_FILENO);
+    fcntl(ends[1], F_SETFL, O_NONBLOCK);
+    const std::string filling(4096, 'x');
+    while (write(ends[1], filling.data(), filling.size()) > 0) {
+    }
+    fcntl(ends[1], F_SETFL, 0);
+    std::fflush(stdout);
+    dup2(ends[1], STDOUT_FILENO);
+    std::printf("something to show");
+    std::thread reader([] { QuilMessageManager::getInstance()->pop(); });
+    // Lines of this verbosity alone are shown, and push has none.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // until it is held up
+    auto pushed = std::async(std::launch::async, [] {
+        return QuilMessageManager::getInstance()->push(
+            std::make_unique<QuilMessageNode>(4, nullptr));
+    });
+    const bool isDone = pushed.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    // Let go, whatever came of it.
+    std::thread drain([&] {
+        std::string bytes(65536, '\0');
+        while (read(ends[0], bytes.data(), bytes.size()) > 0) {
+        }
+    });
+    reader.join();
+    std::fflush(stdout);
+    dup2(output, STDOUT_FILENO);
+    close(ends[1]);
+    drain.join();
+    EXPECT_TRUE(isDone);
+    EXPECT_EQ(pushed.get(), 1);
 }

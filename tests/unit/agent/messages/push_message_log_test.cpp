@@ -47,7 +47,7 @@ TEST_F(PushMessage, ReceivingIsLoggedStepByStep) {
               "6 parsePayload: Got new line so header is done.\n\n"
               "6 header done [1]\n\n"
               "6 parsePayload: len[1] Data portion [d] \n"
-              "6 parsePayload: content length[1] data length[1] data position[48]\n"
+              "6 content length[1] data length[1] data position[48]\n"
               "6 QuilPushMessage::parsePayload: number of headers: 3 currentPos[45]\n"
               "6 parsePayload: name [A] value[1]\n\n"
               "6 parsePayload: name [Content-Length] value[1]\n\n"

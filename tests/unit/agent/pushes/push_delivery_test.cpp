@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <new>
 #include <string>
 
 #include "agent/sessions/session_manager.hpp"
@@ -169,4 +170,24 @@ TEST_F(PushDelivery, SecondPushOfOneIdForAnUnregisteredSessionLeavesTheFirstAlon
     pushNotification(makePush(second));
     EXPECT_EQ(readToEnd(secondSender), "");
     EXPECT_TRUE(isQuiet(firstSender));
+}
+
+// Between the reader and the session nobody else knows the connection.
+TEST_F(PushDelivery, PushThatMemoryRunsOutForIsClosed) {
+    constexpr std::size_t kCopyBytes = 3001;
+    const std::string longName(kCopyBytes - 1, 'x');
+    for (const bool isClientLong : {false, true}) {
+        addSession<QuilRegisterState>(isClientLong ? "short" : longName,
+                                      isClientLong ? longName : "@ipc.17");
+        int accepted = -1;
+        const int sender = openConnection(&accepted);
+        auto push = std::make_unique<QuilPushMessage>(isClientLong ? "short" : longName, "@ipc.17");
+        push->setSocket(accepted);
+        {
+            const FailingAllocations noCopies(kCopyBytes, kCopyBytes);
+            EXPECT_THROW(pushNotification(std::move(push)), std::bad_alloc);
+        }
+        EXPECT_EQ(readToEnd(sender), "");
+        EXPECT_EQ(fcntl(accepted, F_GETFD), -1);
+    }
 }

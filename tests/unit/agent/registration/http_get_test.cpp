@@ -289,3 +289,23 @@ TEST_F(HttpGet, LogsNothingWithoutAProxy) {
     EXPECT_EQ(getBytes(""), CURLE_GOT_NOTHING);
     EXPECT_EQ(recordedText(), "");
 }
+
+// libcurl counts in milliseconds and refuses more of them than an int holds; it would then wait for
+// ever.
+TEST_F(HttpGet, RefusedSettingIsLoggedAndNothingIsSent) {
+    std::atomic<int> requests{0};
+    const RawServer server([&requests](int connection) {
+        ++requests;
+        sendBytes(connection, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+    });
+    httpSetTimeout(3000000);
+    EXPECT_EQ(get(server.url()), CURLE_BAD_FUNCTION_ARGUMENT);
+    EXPECT_EQ(requests, 0);
+    EXPECT_TRUE(wasLogged(3,
+                          "httpGet: option [13] refused [A libcurl function was given a bad "
+                          "argument]"))
+        << recordedText();
+    httpSetTimeout(2147483);
+    EXPECT_EQ(get(server.url()), CURLE_OK);
+    EXPECT_EQ(requests, 1);
+}

@@ -295,3 +295,17 @@ TEST_F(ServerRegistration, RegistrationLeavesNoDescriptorButTheListener) {
     registerChannel();
     EXPECT_EQ(lowestFreeDescriptor(), before);
 }
+
+// What stands in front of the zero byte would be another application's URL.
+TEST_F(ServerRegistration, ZeroByteInIdOrUrlIsAnUnreachableServer) {
+    const std::string zero(1, '\0');
+    for (const bool isInId : {true, false}) {
+        const std::string appId = isInId ? "app" + zero + "x" : "app";
+        addSession(appId, "@ipc.1");
+        QuilServerRegMessage message(appId, "7", "@ipc.1",
+                                     isInId ? m_server.url() : m_server.url() + zero);
+        processServerRegister(message);
+        EXPECT_EQ(message.getErrorCode(), 10103);
+    }
+    EXPECT_EQ(m_server.asked(), "");
+}

@@ -8,11 +8,14 @@
 #include <memory>
 #include <string>
 
+#include "agent/messages/message_factory.hpp"
+#include "agent/messages/message_manager.hpp"
 #include "agent/sessions/cleanup.hpp"
 #include "agent/sessions/data_manager.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/sessions/states/session_states.hpp"
 #include "tests/support/agent/clients_fixture.hpp"
+#include "tests/support/loopback.hpp"
 
 namespace {
 
@@ -242,6 +245,73 @@ TEST_F(Completion, FailedDestroyOfAnotherSimIsReportedAsSimChangeWithItsCode) {
     processDestroyChannelCallback(makeDestroyed(10103));
     EXPECT_EQ(nextReply(), "@ipc.17\nmsg::onSimChange\nid::1\nerr:n:10103\n");
     EXPECT_TRUE(session->isSimChanged());
+}
+
+// Asked for in this order: the end of a channel, then a channel.
+TEST_F(Completion, ChannelAskedForLaterThanADeregistrationStands) {
+    QuilSession* session = addSession<QuilRegisterState>("app", "@ipc.17");
+    DeregistrationOrigin origin;
+    origin.channelRequests = session->getChannelRequests();
+    session->countChannelRequest();
+    int port = 0;
+    const int listener = listenAnywhere(&port);
+    session->getPort().setSocket(listener);
+    session->getPort().setPort(port);
+    for (const int code : {0, 10103}) {
+        auto message = std::make_unique<QuilDestroyChannelCompleteMessage>("app", "1", "@ipc.17");
+        message->setErrorCode(code);
+        message->setOrigin(origin);
+        clearRecordedLines();
+        processDestroyChannelCallback(std::move(message));
+        EXPECT_TRUE(session->isRegistered());
+        EXPECT_EQ(session->getPort().getSocket(), listener);
+        EXPECT_TRUE(isListening(port));
+        EXPECT_EQ(nextReply(), golden(code == 0 ? "replies_channel_destroyed.txt"
+                                                : "replies_channel_destroy_server_failure.txt"));
+        EXPECT_EQ(wakeUps(), "");
+        EXPECT_EQ(linesOf("cleanup.cpp"), "");
+    }
+}
+
+TEST_F(Completion, SimChangeIsToldAlsoWhenTheSessionHasANewChannel) {
+    QuilSession* session = addSession<QuilRegisterState>("app", "@ipc.17");
+    DeregistrationOrigin origin;
+    origin.channelRequests = session->getChannelRequests();
+    origin.isSimChange = true;
+    session->countChannelRequest();
+    auto message = std::make_unique<QuilDestroyChannelCompleteMessage>("app", "", "");
+    message->setOrigin(origin);
+    processDestroyChannelCallback(std::move(message));
+    EXPECT_EQ(nextReply(), golden("replies_sim_changed.txt"));
+    EXPECT_TRUE(session->isRegistered());
+    EXPECT_TRUE(wasLogged(6, "processDestroyChannelCallback: is_sim_changed [1]"));
+}
+
+TEST_F(Completion, DeregistrationKeepsWhereItComesFrom) {
+    QuilServerRegMessage request = makeRequest(0);
+    request.setOrigin({.channelRequests = 3, .isSimChange = true});
+    addDestroyChannelCompletedMessage(request);
+    const std::unique_ptr<QuilMessageNode> node = QuilMessageManager::getInstance()->pop();
+    const auto copy = QuilMessageFactory::getInstance()->copyMessage(node.get());
+    const auto* completion = dynamic_cast<QuilDestroyChannelCompleteMessage*>(copy.get());
+    ASSERT_NE(completion, nullptr);
+    EXPECT_EQ(completion->getOrigin().channelRequests, 3);
+    EXPECT_TRUE(completion->getOrigin().isSimChange);
+}
+
+// A state that cannot be made is told by its line; the completion goes on.
+TEST_F(Completion, RegistrationWithoutMemoryForTheStateLeavesTheStateAndSaysSo) {
+    QuilSession* session = addSession("app", "@ipc.17");
+    QuilServerRegMessage request = makeRequest(0);
+    {
+        const FailingAllocations noStates(sizeof(QuilRegisterState), sizeof(QuilRegisterState));
+        addCreateChannelCompletedMessage(request);
+    }
+    EXPECT_TRUE(session->isCreated());
+    EXPECT_TRUE(wasLogged(
+        3, "Provider id [app]: problem transition from current state [?] to next state[?]"))
+        << recordedText();
+    EXPECT_EQ(drainQueue(), "type=2 app=app id=1 client=@ipc.17 err=0 token=2a3b\n");
 }
 
 TEST_F(Completion, DestroyOfAVanishedSessionIs500AndNothingElse) {

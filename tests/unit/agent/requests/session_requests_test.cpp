@@ -8,6 +8,8 @@
 #include <memory>
 #include <string>
 
+#include "agent/messages/message_manager.hpp"
+#include "agent/messages/reply_messages.hpp"
 #include "agent/sessions/data_manager.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/sessions/states/session_states.hpp"
@@ -319,4 +321,43 @@ TEST_F(SessionRequests, UnregisterFromLaunchWithoutSessionIs10100UnderTheRegiste
     EXPECT_EQ(linesOf("session_requests.cpp"),
               "6 quilRegisterToLaunch Called app id [app]\n\n"
               "3 quilRegisterToLaunch: session for app id [app] not found.\n\n");
+}
+
+// Its saved port was taken when the agent started, so it never listened; without a registration
+// that port must not be saved again.
+TEST_F(SessionRequests, CreateChannelForgetsAPortThatCouldNotBeOpened) {
+    QuilSession* session = addSession<QuilTerminateState>("app", "@ipc.17");
+    session->getPort().setPort(5000);
+    ASSERT_EQ(session->getPort().getSocket(), -1);
+    quilCreateChannel("app", "1", "@ipc.17", "http://h");
+    EXPECT_TRUE(session->isCreated());
+    EXPECT_EQ(session->getPort().getPort(), -1);
+}
+
+TEST_F(SessionRequests, DestroyRemembersHowManyChannelsWereAskedForAndWhetherTheSimBeganIt) {
+    addSession<QuilRegisterState>("app", "@ipc.17");
+    addSession<QuilSimChangeState>("sim", "");
+    quilDestroyChannel("app", "1", "@ipc.17", nullptr);
+    quilCreateChannel("app", "2", "@ipc.17", "http://h");
+    quilDestroyChannel("sim", "", "", nullptr);
+    QuilMessageManager* queue = QuilMessageManager::getInstance();
+    const auto originOf = [queue] {
+        const std::unique_ptr<QuilMessageNode> node = queue->pop();
+        return dynamic_cast<QuilServerRegMessage&>(*node->getMessage()).getOrigin();
+    };
+    const DeregistrationOrigin asked = originOf();
+    originOf();
+    const DeregistrationOrigin bySim = originOf();
+    EXPECT_FALSE(asked.isSimChange);
+    EXPECT_TRUE(bySim.isSimChange);
+    QuilSessionManager* sessions = QuilSessionManager::getInstance();
+    EXPECT_TRUE(sessions->getSessionByAppId("app")->hasNewerChannelThan(asked.channelRequests));
+    EXPECT_FALSE(sessions->getSessionByAppId("sim")->hasNewerChannelThan(bySim.channelRequests));
+}
+
+TEST_F(SessionRequests, RefusedCreateChannelIsNoNewerChannel) {
+    QuilSession* session = addSession<QuilRegisterState>("app", "@ipc.17");
+    const int before = session->getChannelRequests();
+    quilCreateChannel("app", "2", "@ipc.17", "");
+    EXPECT_FALSE(session->hasNewerChannelThan(before));
 }

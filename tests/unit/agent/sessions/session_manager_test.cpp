@@ -596,3 +596,20 @@ TEST_F(SessionManager, OutOfMemoryWhileListingPortsIsLogged) {
     EXPECT_TRUE(memory.hasFailed());
     EXPECT_TRUE(wasLogged(3, "exception occurred when trying to get all ports.")) << recordedText();
 }
+
+// A loop that watched nothing would not come back by itself.
+TEST_F(SessionManager, PortsWithoutMemoryForANewListAreTheOnesBefore) {
+    add("a", "@ipc.1", STATE_REGISTER, 4711);
+    ASSERT_EQ(m_manager.getAllPorts().size(), 1U);
+    add("b", "@ipc.2", STATE_REGISTER, 4712);
+    {
+        // The list grows by one pointer, then to two, then it is copied.
+        const ScarceMemory scarce(2 * sizeof(QuilPort*));
+        const std::vector<QuilPort*> ports = m_manager.getAllPorts();
+        ASSERT_TRUE(scarce.hasFailed());
+        ASSERT_EQ(ports.size(), 1U);
+        EXPECT_EQ(ports[0]->getName(), "a");
+    }
+    EXPECT_TRUE(wasLogged(3, "exception occurred when trying to get all ports."));
+    EXPECT_EQ(m_manager.getAllPorts().size(), 2U);
+}

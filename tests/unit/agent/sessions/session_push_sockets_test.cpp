@@ -250,6 +250,22 @@ TEST_F(PushSockets, AcknowledgementTellsTheLocalTime) {
     EXPECT_NEAR(behindUtc, 5.5 * 3600, 10);
 }
 
+TEST_F(PushSockets, AcknowledgementFollowsAChangedTimeZone) {
+    std::string hours;
+    for (const char* zone : {"XYZ-3", "XYZ-9"}) {
+        setenv("TZ", zone, 1);
+        Connected connection;
+        keep("p1", &connection);
+        m_session.acknowledgePush("p1", true);
+        const std::string bytes = connection.readUntilClosed();
+        ASSERT_EQ(bytes.size(), 72U) << bytes;
+        hours += bytes.substr(45 + 11, 2) + " ";
+    }
+    const int before = std::stoi(hours);
+    const int after = std::stoi(hours.substr(3));
+    EXPECT_EQ((after - before + 24) % 24, 6) << hours;
+}
+
 TEST_F(PushSockets, AcknowledgementArrivesOverTcp) {
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     ASSERT_TRUE(bindLoopback(listener));

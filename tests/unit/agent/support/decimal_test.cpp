@@ -27,6 +27,7 @@ TEST(Decimal, OverflowClamps) {
     EXPECT_EQ(leadingDecimal("2147483647"), INT_MAX);
     EXPECT_EQ(leadingDecimal("2147483648"), INT_MAX);
     EXPECT_EQ(leadingDecimal("99999999999999999999999999"), INT_MAX);
+    EXPECT_EQ(leadingDecimal("4294971697"), INT_MAX) << "4401 and 2 to the power of 32";
 }
 
 TEST(Decimal, LeadingBlanksCanBeSkipped) {

@@ -154,6 +154,14 @@ TEST(Log, SuppressedLineIsNotEchoed) {
     EXPECT_EQ(output.take(), "");
 }
 
+TEST(Log, ArgumentsOfASuppressedLineAreNotEvaluated) {
+    int evaluated = 0;
+    QUIL_LOG(LOG_LEVEL_DEBUG, "%d", ++evaluated);
+    EXPECT_EQ(evaluated, 0);
+    QUIL_LOG(LOG_LEVEL_INFO, "%d", ++evaluated);
+    EXPECT_EQ(evaluated, 1);
+}
+
 TEST(Log, SuppressedLineIsNotFormatted) {
     int written = -1;
     logMessage(6, "b.cpp", 3, "text%n", &written);

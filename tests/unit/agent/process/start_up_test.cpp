@@ -6,6 +6,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,6 +30,7 @@ struct Setting {
     bool isDevHidden = false;      // an empty /dev
     int output = -1;               // standard output; a file of the test when -1
     bool isOrdinary = false;       // an ordinary user, also when the test is root's
+    std::string preloaded = {};    // name of a library of tests/support/preload
 };
 
 bool hideDev() {
@@ -169,6 +171,18 @@ class Startup : public ::testing::Test {
         if (setting.isOrdinary && !becomeOrdinaryUser()) {
             _exit(77);
         }
+        if (!setting.preloaded.empty()) {
+            const std::string folder =
+                std::filesystem::path(programPath()).parent_path().parent_path() / "lib";
+            setenv("LD_PRELOAD", (folder + "/quil_preload_" + setting.preloaded + ".so").c_str(),
+                   1);
+            const char* options = getenv("ASAN_OPTIONS");
+            setenv("ASAN_OPTIONS",
+                   (std::string(options == nullptr ? "" : options) +
+                    ":verify_asan_link_order=0:alloc_dealloc_mismatch=0")
+                       .c_str(),
+                   1);
+        }
         std::signal(SIGPIPE, SIG_DFL);
         std::vector<char*> argv;
         for (const std::string& word : words) {
@@ -215,7 +229,7 @@ TEST_F(Startup, UnknownOptionBehindGoodOnesShowsTheUsage) {
 TEST_F(Startup, UnknownUserFailsWithAnInvalidArgument) {
     m_root.makeQuietPlatform();
     EXPECT_EQ(run({"-U", "no-such-user"}), 1);
-    EXPECT_EQ(linesOf(output(), {"main.cpp"}),
+    EXPECT_EQ(linesOf(output(), {"start_up.cpp"}),
               "Initialize Configuration Manager - done.\n"
               "Failed to set credentials: Invalid user/group spec[no-such-user] errno[22] "
               "error[Invalid argument]\n");
@@ -289,7 +303,7 @@ TEST_F(Startup, LinesOfTheStartStandInTheirOrder) {
     m_root.write("/etc/quilagent.conf", "name Agent\nversion 9\nproxy-host h\n");
     m_root.makePlatformWithoutClientObject();
     EXPECT_EQ(run({"-v", "-U", ownUser()}), 0);
-    EXPECT_EQ(linesOf(output(), {"main.cpp", "event_loop.cpp"}),
+    EXPECT_EQ(linesOf(output(), {"start_up.cpp", "event_loop.cpp"}),
               "Initialize Configuration Manager - done.\n"
               "Agent 9\n"
               "Device PIN [2a3b] OS Version [10.3] Device Model [Model 9] IMSI[302720000000001]\n"
@@ -531,4 +545,59 @@ TEST_F(Startup, TwoThreadsRunAndTheSecondHasItsName) {
         return all.find("quilagent\n") == 0 && all.ends_with("MSG HANDLER\n");
     };
     EXPECT_TRUE(waitUntil(hasBoth)) << names();
+}
+
+// The other threads run until the very end; a library taken down under them crashes the process.
+TEST_F(Startup, EndingLoopLeavesTheLibrariesAlone) {
+    m_root.makePlatformWithoutClientObject();
+    EXPECT_EQ(run({"-U", ownUser()}, {.preloaded = "taken_down"}), 0);
+    EXPECT_EQ(errors().find("libraries were taken down"), std::string::npos) << errors();
+    EXPECT_NE(output().find("QuilAgent: invalid client file descriptor -1\n"), std::string::npos)
+        << "the last lines are shown all the same";
+}
+
+// Whatever allocation it is that fails, there is an end or a start, never a crash, and the lines up
+// to it are shown.
+TEST_F(Startup, WantOfMemoryEndsTheStartWithItsReason) {
+    m_root.makePlatformWithoutClientObject();
+    m_root.write("/etc/quilagent.conf",
+                 "transport with a value that is too long for a small string\n");
+    int survived = 0;
+    int refused = 0;
+    for (int number = 1; survived < 3; ++number) {
+        ASSERT_LT(number, 2000) << "the start never gets by with all its memory";
+        setenv("QUIL_FAILING_NEW", std::to_string(number).c_str(), 1);
+        const int status = run({"-v", "-v", "-U", ownUser()}, {.preloaded = "failing_new"});
+        ASSERT_TRUE(status == 0 || status == 1) << number << ": " << status << "\n" << errors();
+        const std::string text = output();
+        if (status == 1) {
+            ++refused;
+            survived = 0;
+            // A session manager that cannot be made is the one failure without a line of its own.
+            const bool isSessionManager =
+                text.substr(0, text.size() - 1).rfind('\n') < text.rfind("Device PIN [");
+            ASSERT_TRUE(text.find("The agent gives up: ") != std::string::npos ||
+                        text.find(" failed.") != std::string::npos || isSessionManager)
+                << number << "\n"
+                << text;
+        } else if (text.find("exception") == std::string::npos) {
+            ++survived;  // three in a row: the number is beyond the last allocation
+        } else {
+            survived = 0;
+        }
+    }
+    unsetenv("QUIL_FAILING_NEW");
+    EXPECT_GT(refused, 10);
+}
+
+// An object service that does not answer holds the start up; what came before is to be seen.
+TEST_F(Startup, LinesAreShownBeforeAnObjectThatDoesNotOpenIsWaitedFor) {
+    m_root.makeQuietPlatform();
+    const std::string sim = m_root.at("/pps/services/cellular/uicc/card0/status_private");
+    std::filesystem::remove(sim);
+    ASSERT_EQ(mkfifo(sim.c_str(), 0600), 0);  // opening it waits for somebody who writes
+    start({"-U", ownUser()});
+    EXPECT_TRUE(waitUntil([this] {
+        return output().find("Cannot open input file /etc/quilagent.conf.") != std::string::npos;
+    })) << output();
 }

@@ -1,4 +1,4 @@
-// Start-up step by step, with the level of each line: main itself, run in a child process of the
+// Start-up step by step, with the level of each line, run in a child process of the
 // test. What cannot be made to fail otherwise is told to fail here.
 
 #include <gtest/gtest.h>
@@ -11,13 +11,12 @@
 #include <vector>
 
 #include "agent/configuration/config_manager.hpp"
+#include "agent/process/start_up.hpp"
 #include "agent/sessions/data_manager.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/support/log.hpp"
 #include "tests/support/agent/process_fixture.hpp"
 #include "tests/support/recorded_log.hpp"
-
-int quilagentMain(int argc, char** argv);  // the program's main
 
 namespace {
 
@@ -56,7 +55,7 @@ Outcome runMain(std::vector<std::string> words, Missing missing = Missing::Nothi
             argv.push_back(word.data());
         }
         argv.push_back(nullptr);
-        const int status = quilagentMain(static_cast<int>(words.size()), argv.data());
+        const int status = runAgent(static_cast<int>(words.size()), argv.data());
         reportLog();
         _exit(status);
     }
