@@ -6,8 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "quilclient/push_client.hpp"
-#include "quilclient/request.hpp"
+#include "quilclient/push.hpp"
+#include "quilclient/result.hpp"
+#include "quilclient/verb.hpp"
 
 namespace quilclient {
 

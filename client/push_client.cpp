@@ -27,6 +27,12 @@ Result guarded(Work work) noexcept {
 
 }  // namespace
 
+// A class of the header's own, so that the header names nothing of what is behind it.
+class PushClient::Impl : public PushClientImpl {
+  public:
+    using PushClientImpl::PushClientImpl;
+};
+
 PushClient::PushClient(Config config, Handlers handlers)
     : m_impl(std::make_unique<Impl>(std::move(config), std::move(handlers))) {}
 PushClient::~PushClient() = default;

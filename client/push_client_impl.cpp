@@ -36,7 +36,7 @@ Result checkConfig(const Config& config) {
 
 }  // namespace
 
-PushClient::Impl::Impl(Config config, Handlers handlers)
+PushClientImpl::PushClientImpl(Config config, Handlers handlers)
     : m_config(std::move(config)),
       m_handlers(std::move(handlers)),
       m_configCheck(checkConfig(m_config)),
@@ -50,7 +50,7 @@ PushClient::Impl::Impl(Config config, Handlers handlers)
     }
 }
 
-PushClient::Impl::~Impl() {
+PushClientImpl::~PushClientImpl() {
     m_connection.close();
     for (const int descriptor : {m_poll, m_wake}) {
         if (descriptor >= 0) {
@@ -59,7 +59,7 @@ PushClient::Impl::~Impl() {
     }
 }
 
-Result PushClient::Impl::watch(int descriptor) {
+Result PushClientImpl::watch(int descriptor) {
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.fd = descriptor;
@@ -71,7 +71,7 @@ Result PushClient::Impl::watch(int descriptor) {
 
 // --- The loop ------------------------------------------------------------------------------------
 
-Result PushClient::Impl::run() {
+Result PushClientImpl::run() {
     while (!m_isStopped.exchange(false)) {
         Result result = dispatch();
         if (!result.ok()) {
@@ -87,7 +87,7 @@ Result PushClient::Impl::run() {
     return {};
 }
 
-Result PushClient::Impl::wait() {
+Result PushClientImpl::wait() {
     const auto pause = std::min(untilDue(), kLongestWait);
     pollfd entry{m_poll, POLLIN, 0};
     if (poll(&entry, 1, static_cast<int>(pause.count())) < 0 && errno != EINTR) {
@@ -96,7 +96,7 @@ Result PushClient::Impl::wait() {
     return {};
 }
 
-void PushClient::Impl::stop() noexcept {
+void PushClientImpl::stop() noexcept {
     const int savedErrno = errno;
     m_isStopped = true;
     // A full counter (EAGAIN) wakes as well as a new count, so the result does not matter.
@@ -104,7 +104,7 @@ void PushClient::Impl::stop() noexcept {
     errno = savedErrno;
 }
 
-milliseconds PushClient::Impl::untilDue() const {
+milliseconds PushClientImpl::untilDue() const {
     std::optional<Clock::time_point> first = m_due;
     const auto consider = [&first](Clock::time_point time) {
         first = first ? std::min(*first, time) : time;
@@ -124,7 +124,7 @@ milliseconds PushClient::Impl::untilDue() const {
     return std::max(std::chrono::ceil<milliseconds>(*first - Clock::now()), milliseconds(0));
 }
 
-Result PushClient::Impl::dispatch() {
+Result PushClientImpl::dispatch() {
     if (!m_configCheck.ok()) {
         return m_configCheck;
     }
@@ -148,7 +148,7 @@ Result PushClient::Impl::dispatch() {
     return m_failure;
 }
 
-void PushClient::Impl::stepDue() {
+void PushClientImpl::stepDue() {
     if (m_lost || !m_due || Clock::now() < *m_due) {
         return;
     }
@@ -163,7 +163,7 @@ void PushClient::Impl::stepDue() {
 
 // --- Connecting ----------------------------------------------------------------------------------
 
-void PushClient::Impl::connect() {
+void PushClientImpl::connect() {
     Result result = m_connection.open(m_config.open);
     if (result.ok()) {
         result = watch(m_connection.descriptor());
@@ -177,7 +177,7 @@ void PushClient::Impl::connect() {
     tellConnection({});
 }
 
-void PushClient::Impl::disconnect(const Result& reason) {
+void PushClientImpl::disconnect(const Result& reason) {
     m_connection.close();
     m_phase = Phase::Away;
     m_due = Clock::now() + m_reconnect.next();
@@ -190,7 +190,7 @@ void PushClient::Impl::disconnect(const Result& reason) {
     }
 }
 
-void PushClient::Impl::tellConnection(const Result& result) {
+void PushClientImpl::tellConnection(const Result& result) {
     if (result.code != m_lastConnectionCode) {
         m_lastConnectionCode = result.code;
         call(m_handlers.onConnection, result);
@@ -199,7 +199,7 @@ void PushClient::Impl::tellConnection(const Result& result) {
 
 // --- Requests ------------------------------------------------------------------------------------
 
-Result PushClient::Impl::request(Verb verb, const std::string& argument) {
+Result PushClientImpl::request(Verb verb, const std::string& argument) {
     if (!m_connection.isOpen() || m_lost) {
         return resultOf(kNotConnected);
     }
@@ -220,32 +220,32 @@ Result PushClient::Impl::request(Verb verb, const std::string& argument) {
 }
 
 // A request of the client's own making, whose failure takes the usual way of its outcome.
-void PushClient::Impl::ask(Verb verb, const std::string& argument) {
+void PushClientImpl::ask(Verb verb, const std::string& argument) {
     const Result result = request(verb, argument);
     if (!result.ok() && !m_lost) {
         handleOutcome(verb, result, "");
     }
 }
 
-bool PushClient::Impl::isPending(Verb verb) const {
+bool PushClientImpl::isPending(Verb verb) const {
     return std::any_of(m_pending.begin(), m_pending.end(),
                        [verb](const auto& entry) { return entry.second.verb == verb; });
 }
 
-void PushClient::Impl::retryChannel(const Result& reason) {
+void PushClientImpl::retryChannel(const Result& reason) {
     m_phase = Phase::Retry;
     m_due = Clock::now() + m_channelRetry.next();
     call(m_handlers.onChannel, reason, std::string());
 }
 
-void PushClient::Impl::applyLaunchWish() {
+void PushClientImpl::applyLaunchWish() {
     if (m_launchWish) {
         ask(m_launchWish->empty() ? Verb::UnregisterFromLaunch : Verb::RegisterToLaunch,
             *m_launchWish);
     }
 }
 
-void PushClient::Impl::expirePending() {
+void PushClientImpl::expirePending() {
     const auto now = Clock::now();
     for (auto entry = m_pending.begin(); entry != m_pending.end();) {
         if (now < entry->second.deadline) {
@@ -261,7 +261,7 @@ void PushClient::Impl::expirePending() {
 
 // --- What comes ----------------------------------------------------------------------------------
 
-void PushClient::Impl::receive() {
+void PushClientImpl::receive() {
     std::vector<std::string> messages;
     const Result result = m_connection.receive(&messages);
     for (const std::string& text : messages) {
@@ -272,7 +272,7 @@ void PushClient::Impl::receive() {
     }
 }
 
-void PushClient::Impl::handleMessage(const std::string& text) {
+void PushClientImpl::handleMessage(const std::string& text) {
     Incoming incoming = decodeMessage(text);
     if (!incoming.damage.empty()) {
         notice(incoming.damage);
@@ -286,7 +286,7 @@ void PushClient::Impl::handleMessage(const std::string& text) {
     }
 }
 
-void PushClient::Impl::handleReply(const Incoming& incoming) {
+void PushClientImpl::handleReply(const Incoming& incoming) {
     const auto found = m_pending.find(incoming.id);
     if (found == m_pending.end()) {
         notice("an answer to no open request came: msg '" + incoming.message + "', id '" +
@@ -298,7 +298,7 @@ void PushClient::Impl::handleReply(const Incoming& incoming) {
     handleOutcome(verb, outcomeOf(verb, incoming), incoming.token);
 }
 
-void PushClient::Impl::handleOutcome(Verb verb, const Result& outcome, const std::string& token) {
+void PushClientImpl::handleOutcome(Verb verb, const Result& outcome, const std::string& token) {
     switch (verb) {
         case Verb::CreateSession:
             if (!outcome.ok()) {
@@ -328,7 +328,7 @@ void PushClient::Impl::handleOutcome(Verb verb, const Result& outcome, const std
     }
 }
 
-void PushClient::Impl::handleChannelOutcome(const Result& outcome, const std::string& token) {
+void PushClientImpl::handleChannelOutcome(const Result& outcome, const std::string& token) {
     if (std::exchange(m_isDestroyDue, false)) {
         m_phase = Phase::NoChannel;
         if (outcome.code == kEmptyToken) {
@@ -345,7 +345,7 @@ void PushClient::Impl::handleChannelOutcome(const Result& outcome, const std::st
     }
 }
 
-void PushClient::Impl::handlePush(Incoming& incoming) {
+void PushClientImpl::handlePush(Incoming& incoming) {
     if (!incoming.damage.empty()) {
         // Nobody will ever answer what the application never saw.
         if (incoming.push.senderWaits) {
@@ -374,7 +374,7 @@ void PushClient::Impl::handlePush(Incoming& incoming) {
     }
 }
 
-void PushClient::Impl::handleSimChange() {
+void PushClientImpl::handleSimChange() {
     const bool wasReady = m_phase == Phase::Ready;
     call(m_handlers.onSimChange);
     if (wasReady && m_phase == Phase::Ready) {
@@ -383,12 +383,12 @@ void PushClient::Impl::handleSimChange() {
     }
 }
 
-void PushClient::Impl::notice(const std::string& words) {
+void PushClientImpl::notice(const std::string& words) {
     call(m_handlers.onNotice, words);
 }
 
 template <typename Handler, typename... Arguments>
-auto PushClient::Impl::call(const Handler& handler, const Arguments&... arguments)
+auto PushClientImpl::call(const Handler& handler, const Arguments&... arguments)
     -> decltype(handler(arguments...)) {
     if (!handler) {
         return;
@@ -404,11 +404,11 @@ auto PushClient::Impl::call(const Handler& handler, const Arguments&... argument
 
 // --- What the application asks for ---------------------------------------------------------------
 
-Result PushClient::Impl::answerPush(Verb verb, const std::string& id) {
+Result PushClientImpl::answerPush(Verb verb, const std::string& id) {
     return request(verb, id);
 }
 
-Result PushClient::Impl::wishLaunch(std::string launchString) {
+Result PushClientImpl::wishLaunch(std::string launchString) {
     if (!launchString.empty()) {
         std::string text;
         Result check = encodeRequest({Verb::RegisterToLaunch, m_config.appId, launchString},
@@ -429,7 +429,7 @@ Result PushClient::Impl::wishLaunch(std::string launchString) {
 // The agent works off a destroyChannel in two steps, with room for other requests between them.
 // Sent while a createChannel is under way, or followed by one at once, they would undo each other
 // in the wrong order; so each waits for the other's answer.
-Result PushClient::Impl::destroyChannel() {
+Result PushClientImpl::destroyChannel() {
     const bool hasSession =
         m_phase == Phase::Channel || m_phase == Phase::Ready || m_phase == Phase::Retry;
     if (!hasSession) {
@@ -445,7 +445,7 @@ Result PushClient::Impl::destroyChannel() {
     return request(Verb::DestroyChannel, "");
 }
 
-Result PushClient::Impl::createChannel() {
+Result PushClientImpl::createChannel() {
     m_wantsChannel = true;
     if (m_phase != Phase::NoChannel || isPending(Verb::DestroyChannel)) {
         return {};  // the line of life, or the answer to destroyChannel, leads there by itself

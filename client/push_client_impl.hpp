@@ -14,14 +14,14 @@
 #include "client/connection.hpp"
 #include "client/messages.hpp"
 #include "client/recent_ids.hpp"
-#include "quilclient/push_client.hpp"
+#include "quilclient/config.hpp"
 
 namespace quilclient {
 
-class PushClient::Impl {
+class PushClientImpl {
   public:
-    Impl(Config config, Handlers handlers);
-    ~Impl();
+    PushClientImpl(Config config, Handlers handlers);
+    ~PushClientImpl();
 
     Result run();
     Result dispatch();

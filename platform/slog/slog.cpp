@@ -36,7 +36,7 @@ void openOnce() {
 }  // namespace
 
 void slogf(std::uint32_t /*code*/, int severity, const char* format, ...) {
-    // Not on the stack: this must still work for a caller who is nearly out of it.
+    // Not on the stack, of which syslog(3) takes enough by itself.
     static thread_local char line[kLineBytes];
     va_list arguments;
     va_start(arguments, format);

@@ -12,8 +12,13 @@
 // Here, and only here, text is made safe for a log: trailing line feeds are dropped and every other
 // control byte becomes a blank, so that no pushed or requested text can forge a line.
 //
-// A machine without a log socket loses nothing but the log. May be called on any thread; allocates
-// nothing itself and uses little stack (the line is built in memory of the thread's own); errno may
-// change.
+// A machine without a log socket loses nothing but the log; one whose log daemon does not read
+// makes the caller wait. May be called on any thread; errno may change.
+//
+// What a line costs: it is built in memory of the thread's own, so that this function itself
+// allocates nothing and needs little stack. vsnprintf(3) and syslog(3) do: those of glibc 2.36 on
+// x86-64 take the stack to 3.9 KiB, read the time zone at the first line of the process, for which
+// they allocate, and allocate at every line of more than about a thousand bytes. So this is no call
+// for a thread that is nearly out of stack, nor for a signal handler.
 void slogf(std::uint32_t code, int severity, const char* format, ...)
     __attribute__((format(printf, 3, 4)));

@@ -75,20 +75,70 @@ bool becomeIpv6(int socket) {
     return done;
 }
 
+// TCP can be bound to a broadcast address, although no connection can ever come to it. Which
+// addresses are such the kernel tells to a datagram socket that is connected to one without having
+// asked for broadcasts; nothing is sent. Without a descriptor to spare it cannot be asked: then
+// only the general broadcast address counts.
+bool isBroadcast(in_addr host) {
+    if (host.s_addr == htonl(INADDR_BROADCAST)) {
+        return true;
+    }
+    const int probe = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (probe == -1) {
+        return false;
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr = host;
+    address.sin_port = htons(9);  // any but 0
+    const bool isRefused =
+        connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
+        errno == EACCES;
+    close(probe);
+    return isRefused;
+}
+
+int bindToIpv4(int socket, in_addr host, std::uint16_t port) {
+    if (IN_MULTICAST(ntohl(host.s_addr)) || isBroadcast(host)) {
+        errno = EADDRNOTAVAIL;
+        return -1;
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr = host;
+    address.sin_port = htons(port);
+    return bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+}
+
+int bindToIpv6(int socket, const in6_addr& host, std::uint16_t port) {
+    if (IN6_IS_ADDR_V4MAPPED(&host)) {
+        in_addr inside{};
+        std::memcpy(&inside, &host.s6_addr[12], sizeof inside);
+        return bindToIpv4(socket, inside, port);
+    }
+    // A link-local address says nothing without its interface, for which the block has no place.
+    if (IN6_IS_ADDR_MULTICAST(&host) || IN6_IS_ADDR_LINKLOCAL(&host)) {
+        errno = EADDRNOTAVAIL;
+        return -1;
+    }
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = host;
+    address.sin6_port = htons(port);
+    return becomeIpv6(socket)
+               ? bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address)
+               : -1;
+}
+
 int bindTo(int socket, const Endpoint& endpoint) {
     const std::string host = endpoint.host == "localhost" ? "127.0.0.1" : endpoint.host;
-    sockaddr_in v4{};
-    if (inet_pton(AF_INET, host.c_str(), &v4.sin_addr) == 1) {
-        v4.sin_family = AF_INET;
-        v4.sin_port = htons(endpoint.port);
-        return bind(socket, reinterpret_cast<const sockaddr*>(&v4), sizeof v4);
+    in_addr v4{};
+    if (inet_pton(AF_INET, host.c_str(), &v4) == 1) {
+        return bindToIpv4(socket, v4, endpoint.port);
     }
-    sockaddr_in6 v6{};
-    if (inet_pton(AF_INET6, host.c_str(), &v6.sin6_addr) == 1) {
-        v6.sin6_family = AF_INET6;
-        v6.sin6_port = htons(endpoint.port);
-        return becomeIpv6(socket) ? bind(socket, reinterpret_cast<const sockaddr*>(&v6), sizeof v6)
-                                  : -1;
+    in6_addr v6{};
+    if (inet_pton(AF_INET6, host.c_str(), &v6) == 1) {
+        return bindToIpv6(socket, v6, endpoint.port);
     }
     errno = EADDRNOTAVAIL;
     return -1;

@@ -12,6 +12,7 @@
 #include <cstdlib>
 
 #include "ppsd/fuse/mount_point.hpp"
+#include "ppsd/fuse/operation_table.hpp"
 
 namespace {
 

@@ -1,11 +1,12 @@
 // The functions that the library calls, each a line that finds its object and passes the request
 // on.
 
+#include "ppsd/fuse/operation_table.hpp"
+
 #include <fcntl.h>
 
 #include <cerrno>
 
-#include "ppsd/fuse/operations.hpp"
 #include "ppsd/store/limits.hpp"
 
 namespace {

@@ -63,6 +63,3 @@ class Operations {
     std::unordered_map<std::uint64_t, Listing> m_listings;
     std::uint64_t m_nextListing = 1;
 };
-
-// The functions to give to fuse_session_new, with an Operations as the user data.
-fuse_lowlevel_ops operationTable();

@@ -1,11 +1,12 @@
 // The configuration as the agent reads it: one name and value a line, split at the first blank,
 // nothing trimmed, no comments; a line of more than 255 characters ends the reading.
 
+#include "tools/quilctl/configuration.hpp"
+
 #include <algorithm>
 #include <fstream>
 
 #include "platform/root/root.hpp"
-#include "tools/quilctl/configuration.hpp"
 
 namespace {
 

@@ -2,10 +2,18 @@
 
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <vector>
 
-#include "tools/quilctl/status_facts.hpp"
+// A running agent.
+struct AgentProcess {
+    pid_t pid = 0;
+    uid_t user = 0;
+    gid_t group = 0;
+    std::vector<gid_t> groups;  // supplementary ones
+};
 
 // A TCP socket of this machine.
 struct TcpSocket {

@@ -13,8 +13,6 @@
 
 #include "platform/pps/decoder.hpp"
 #include "platform/root/root.hpp"
-#include "tools/quilctl/configuration.hpp"
-#include "tools/quilctl/proc.hpp"
 
 namespace {
 

@@ -5,33 +5,13 @@
 
 #include <sys/types.h>
 
-#include <cstdint>
-#include <optional>
+#include <cstddef>
 #include <string>
 #include <vector>
 
 #include "tools/common/object_service.hpp"
-
-struct AgentProcess {
-    pid_t pid = 0;
-    uid_t user = 0;
-    gid_t group = 0;
-    std::vector<gid_t> groups;  // supplementary ones
-};
-
-// One key of the configuration in force.
-struct Setting {
-    std::string key;
-    std::string value;
-    std::string source;  // "line 3", or "default"
-};
-
-struct Configuration {
-    std::vector<Setting> settings;  // all keys that the agent reads
-    std::vector<std::string>
-        problems;  // lines of the file that are not what they seem; why, in words
-    bool isFileRead = false;
-};
+#include "tools/quilctl/configuration.hpp"
+#include "tools/quilctl/proc.hpp"
 
 // One value of the device's identity.
 struct IdentityValue {
@@ -81,6 +61,3 @@ struct StatusFacts {
 constexpr std::size_t kLoadableBytes = 15359;
 
 StatusFacts collectFacts();
-
-// The value in force of a key, from facts.
-std::string settingOf(const Configuration& configuration, const std::string& key);

@@ -8,24 +8,9 @@
 #include <string>
 
 #include "quilclient/result.hpp"
+#include "quilclient/verb.hpp"
 
 namespace quilclient {
-
-enum class Verb {
-    CreateSession,         // pushes of the application then go to the connection that asked
-    CreateChannel,         // argument: the URL of the push server
-    DestroyChannel,        // no argument
-    RegisterToLaunch,      // argument: the launch string
-    UnregisterFromLaunch,  // no argument
-    AcceptPush,            // argument: the push id
-    RejectPush             // argument: the push id
-};
-
-struct Request {
-    Verb verb = Verb::CreateSession;
-    std::string appId;
-    std::string argument;
-};
 
 struct Reply {
     Result result;

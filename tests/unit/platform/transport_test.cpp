@@ -5,7 +5,9 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <ifaddrs.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,6 +15,7 @@
 #include <cstring>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -40,8 +43,51 @@ class Transport : public ::testing::Test {
         return transportBind(m_socket, bytes.data(), bytes.size()) == 0 ? 0 : errno;
     }
 
+    // The IPv4 address and port that the socket has, "(not IPv4)" where it is of another family.
+    std::string addressOfSocket() {
+        sockaddr_in address{};
+        socklen_t size = sizeof address;
+        getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &size);
+        return address.sin_family == AF_INET ? textOf(address) : "(not IPv4)";
+    }
+
+    static std::string textOf(const sockaddr_in& address) {
+        char text[INET_ADDRSTRLEN];
+        return std::string(inet_ntop(AF_INET, &address.sin_addr, text, sizeof text)) +
+               (address.sin_port == 0 ? "" : " bound");
+    }
+
     int m_socket;
 };
+
+// The broadcast address of every network that this machine is in.
+std::vector<std::string> broadcastAddresses() {
+    std::vector<std::string> found;
+    ifaddrs* first = nullptr;
+    EXPECT_EQ(getifaddrs(&first), 0);
+    for (const ifaddrs* entry = first; entry != nullptr; entry = entry->ifa_next) {
+        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) {
+            continue;
+        }
+        sockaddr_in address{};
+        sockaddr_in mask{};
+        std::memcpy(&address, entry->ifa_addr, sizeof address);
+        std::memcpy(&mask, entry->ifa_netmask, sizeof mask);
+        address.sin_addr.s_addr |= ~mask.sin_addr.s_addr;
+        if (ntohl(~mask.sin_addr.s_addr) > 1) {  // networks of one or two addresses have none
+            char text[INET_ADDRSTRLEN];
+            found.emplace_back(inet_ntop(AF_INET, &address.sin_addr, text, sizeof text));
+        }
+    }
+    freeifaddrs(first);
+    return found;
+}
+
+int lowestFreeDescriptor() {
+    const int found = dup(STDERR_FILENO);
+    close(found);
+    return found;
+}
 
 }  // namespace
 
@@ -147,6 +193,83 @@ TEST_F(Transport, NamesAndForeignAddressesAreNotAvailable) {
     EXPECT_EQ(bindTo(block("example.invalid", 0)), EADDRNOTAVAIL);
     EXPECT_EQ(bindTo(block("", 0)), EADDRNOTAVAIL);
     EXPECT_EQ(bindTo(block("192.0.2.1", 0)), EADDRNOTAVAIL);
+}
+
+TEST_F(Transport, MulticastAddressesAreNotAvailable) {
+    for (const char* host : {"224.0.0.1", "239.255.1.2", "ff02::1", "ff0e::1234"}) {
+        EXPECT_EQ(bindTo(block(host, 0)), EADDRNOTAVAIL) << host;
+    }
+}
+
+TEST_F(Transport, BroadcastAddressesAreNotAvailable) {
+    std::vector<std::string> hosts = broadcastAddresses();
+    ASSERT_FALSE(hosts.empty()) << "this machine has no network, not even a loopback one";
+    hosts.emplace_back("255.255.255.255");
+    for (const std::string& host : hosts) {
+        EXPECT_EQ(bindTo(block(host, 0)), EADDRNOTAVAIL) << host;
+    }
+}
+
+TEST_F(Transport, RefusedSocketCanStillBeBoundAndNoDescriptorIsLeft) {
+    const int nextFree = lowestFreeDescriptor();
+    for (const char* host : {"224.0.0.1", "255.255.255.255", "ff02::1", "fe80::1", "192.0.2.1"}) {
+        EXPECT_EQ(bindTo(block(host, 0)), EADDRNOTAVAIL) << host;
+    }
+    EXPECT_EQ(lowestFreeDescriptor(), nextFree);
+    EXPECT_EQ(addressOfSocket(), "0.0.0.0") << "it is bound already";
+    EXPECT_EQ(bindTo(block("127.0.0.1", 0)), 0);
+    EXPECT_EQ(addressOfSocket(), "127.0.0.1 bound");
+}
+
+TEST_F(Transport, AnyLoopbackAddressCanBeBound) {
+    EXPECT_EQ(bindTo(block("127.1.2.3", 0)), 0);
+    EXPECT_EQ(addressOfSocket(), "127.1.2.3 bound");
+}
+
+TEST_F(Transport, BindsWithoutADescriptorToSpare) {
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    rlimit none = before;
+    none.rlim_cur = static_cast<rlim_t>(lowestFreeDescriptor());
+    setrlimit(RLIMIT_NOFILE, &none);
+    const int error = bindTo(block("127.0.0.1", 0));
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(error, 0);
+}
+
+TEST_F(Transport, Ipv4AddressInIpv6NotationIsThatIpv4Address) {
+    EXPECT_EQ(bindTo(block("::ffff:127.0.0.1", 0)), 0);
+    EXPECT_EQ(addressOfSocket(), "127.0.0.1 bound");
+}
+
+TEST_F(Transport, ForeignIpv4AddressInIpv6NotationIsNotAvailable) {
+    for (const char* host : {"::ffff:192.0.2.1", "::ffff:224.0.0.1", "::ffff:255.255.255.255"}) {
+        EXPECT_EQ(bindTo(block(host, 0)), EADDRNOTAVAIL) << host;
+    }
+}
+
+// Such an address is complete only with the name of a network interface, which the block has no
+// place for.
+TEST_F(Transport, LinkLocalIpv6AddressIsNotAvailable) {
+    EXPECT_EQ(bindTo(block("fe80::1", 0)), EADDRNOTAVAIL);
+}
+
+TEST_F(Transport, OnlyListeningKeepsOthersWhoReuseAddressesOffAPort) {
+    ASSERT_EQ(bindTo(block("127.0.0.1", 0)), 0);
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &size);
+    const std::string bytes = block("127.0.0.1", ntohs(address.sin_port));
+    const int second = transportSocket(187, SOCK_STREAM, 6);
+    EXPECT_EQ(transportBind(second, bytes.data(), bytes.size()), 0) << std::strerror(errno);
+    EXPECT_EQ(listen(second, 5), 0) << std::strerror(errno);
+    EXPECT_EQ(listen(m_socket, 5), -1);
+    EXPECT_EQ(errno, EADDRINUSE);
+    const int third = transportSocket(187, SOCK_STREAM, 6);
+    EXPECT_EQ(transportBind(third, bytes.data(), bytes.size()), -1);
+    EXPECT_EQ(errno, EADDRINUSE);
+    close(third);
+    close(second);
 }
 
 TEST_F(Transport, LengthsThatDoNotAddUpAreInvalid) {
