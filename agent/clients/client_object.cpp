@@ -39,6 +39,19 @@ void makeFolder() {
     }
 }
 
+// Says in words what stands where the object should be, if something does: a shell that wrote to it
+// while the agent was away leaves an object of its own there, and no start gets past that.
+void logObstacle(const std::string& path) {
+    struct stat status {};
+    if (stat(platformPath(path).c_str(), &status) == 0 && status.st_uid != geteuid()) {
+        QUIL_LOG(
+            LOG_LEVEL_ERROR,
+            "clientIfInit: %s belongs to user %d and is in the way of user %d. Remove it, then "
+            "start again.",
+            path.c_str(), static_cast<int>(status.st_uid), static_cast<int>(geteuid()));
+    }
+}
+
 }  // namespace
 
 int clientIfInit() {
@@ -54,11 +67,13 @@ int clientIfInit() {
         QUIL_LOG(LOG_LEVEL_ERROR, "Error opening %s for RW errno[%d] error[%s].", path.c_str(),
                  errno, strerror(errno));
         std::perror(path.c_str());
+        logObstacle(path);
         return -1;
     }
     if (chmod(realPath.c_str(), kObjectMode) != 0) {
         QUIL_LOG(LOG_LEVEL_ERROR, "Error chmod [%s] errno[%d] error[%s]", path.c_str(), errno,
                  strerror(errno));
+        logObstacle(path);
         return -1;
     }
     QUIL_LOG(LOG_LEVEL_DEBUG, "chmod [%s] done", path.c_str());

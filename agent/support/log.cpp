@@ -1,5 +1,5 @@
-// The text is built once, in a buffer on the caller's stack: no shared state, no allocation, any
-// thread. That buffer is large for a small stack, which is why the room left is measured first.
+// The text is built once, in a buffer on the caller's stack: no shared state, any thread. That
+// buffer is large for a small stack, which is why the room left is measured first.
 
 #include "agent/support/log.hpp"
 

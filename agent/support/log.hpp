@@ -1,8 +1,10 @@
 // The one logging call of the agent.
 //
 // A line goes to the system log and is echoed on standard output as "QUIL:file.cpp(LINE): text".
-// Lines above the process-wide verbosity cost one comparison. Nothing here allocates, and errno is
-// the same after a line as before it, so that a caller may log and then still report errno.
+// Lines above the process-wide verbosity cost one comparison. errno is the same after a line as
+// before it, so that a caller may log and then still report errno.
+//
+// Nothing in this unit allocates; what it calls may: see slogf for what a line costs there.
 //
 // Texts that end in a line feed give a blank line on standard output; that is accepted.
 
@@ -31,7 +33,9 @@ bool isLogged(int level);
 
 // Filters, formats (text beyond 4095 bytes is cut), sends to the system log and echoes. With a null
 // `sourcePath` the line has no file and number: "QUIL: text". Safe on any thread. A thread with
-// 4224 bytes of stack or fewer left gets a fixed line of its own instead.
+// 4224 bytes of stack or fewer left gets a fixed line of its own instead. Kept on purpose, although
+// the formatter and the system logger need some kilobytes of stack more than that: the bound is for
+// the text's own buffer, and threads of this process have megabytes.
 void logMessage(int level, const char* sourcePath, int line, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 

@@ -1,5 +1,7 @@
 // The life of a channel on the real stack, from request to last byte.
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -185,4 +187,25 @@ TEST_F(AgentLife, AgentRunsAsTheUserThatItWasGiven) {
     }
     const std::string user = geteuid() == 0 ? "65534" : std::to_string(geteuid());
     EXPECT_EQ(line, "Uid:\t" + user + "\t" + user + "\t" + user + "\t" + user);
+}
+
+// As a shell leaves it there that wrote to the object while the agent was away.
+TEST_F(AgentLife, StartSaysWhatIsInTheWayOfTheClientObject) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root's object is in the way of another user";
+    }
+    m_client.reset();
+    killAgent();
+    writeObject("/pps/services/push/ipc", "x::y\n");
+    std::filesystem::permissions(m_ppsd->path("/services/push/ipc"),
+                                 std::filesystem::perms::owner_read);
+    const std::size_t before = agentLog().size();
+    startAgent();
+    EXPECT_EQ(m_agent.wait(), 0) << "the agent runs on";
+    EXPECT_NE(
+        agentLog().find("clientIfInit: /pps/services/push/ipc belongs to user 0 and is in the "
+                        "way of user 65534. Remove it, then start again.",
+                        before),
+        std::string::npos)
+        << agentLog().substr(before);
 }

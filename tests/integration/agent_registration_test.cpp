@@ -212,7 +212,8 @@ TEST_F(AgentRegistration, ChannelAskedForRightBehindADestroyStands) {
 
 // Each of them costs the agent a descriptor; they must not take the numbers of listening sockets.
 TEST_F(AgentRegistration, MissingIdentityDoesNotTakeTheListeningSocketsAway) {
-    writeObject("/pps/services/deviceproperties", "-scmbundle\n");
+    writeObject("/pps/services/deviceproperties", "");
+    writeObject("/pps/system/nvram/deviceinfo", "PIN::0x" + std::string(kPin) + "\n");
     killAgent();
     ASSERT_TRUE(startAgent());
     m_client = connect();

@@ -11,13 +11,17 @@
 
 #include <cerrno>
 #include <memory>
+#include <new>
 #include <string>
+#include <vector>
 
 #include "agent/configuration/config_manager.hpp"
 #include "agent/connections/connection.hpp"
 #include "agent/connections/listening_socket.hpp"
+#include "agent/connections/owned_socket.hpp"
 #include "tests/support/agent/server_fixture.hpp"
 #include "tests/support/recorded_log.hpp"
+#include "tests/support/scarce_memory.hpp"
 
 namespace {
 
@@ -208,6 +212,32 @@ TEST_F(Listen, FailureOfListenItselfLeavesTheBoundSocketOpen) {
     EXPECT_EQ(lowestFreeDescriptor(), next);
     EXPECT_EQ(linesOf("listening_socket.cpp"), failureLines("3 listen socket error\n", number()));
     close(bound);
+}
+
+TEST_F(Listen, WantOfMemoryLeavesNoDescriptor) {
+    QuilConfigManager::getInstance()->setValue("transport", std::string(3000, 'x'));
+    const int before = lowestFreeDescriptor();
+    {
+        const ScarceMemory scarce(3001, 1);  // the second copy of that value
+        EXPECT_THROW(serverIfInit(m_port.number()), std::bad_alloc);
+        ASSERT_TRUE(scarce.hasFailed());
+    }
+    EXPECT_EQ(lowestFreeDescriptor(), before);
+}
+
+TEST_F(Listen, SessionSaysWhenItsSocketCannotBeWatched) {
+    std::vector<std::unique_ptr<OwnedSocket>> lowNumbers;
+    while (lowestFreeDescriptor() < 256) {
+        lowNumbers.push_back(std::make_unique<OwnedSocket>(::open("/dev/null", O_RDONLY)));
+    }
+    QuilSession* session = addSession("app", "@ipc.1");
+    session->getPort().setPort(m_port.number());
+    session->listenOnPort();
+    const int socket = session->getPort().getSocket();
+    ASSERT_GE(socket, 256);
+    EXPECT_TRUE(wasLogged(3, "QuilSession::listenOnPort: port[" + number() + "] fd[" +
+                                 std::to_string(socket) + "] is beyond what can be watched"))
+        << recordedText();
 }
 
 TEST_F(Listen, SessionMayTryAgainAfterAFailure) {

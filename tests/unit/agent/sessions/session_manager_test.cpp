@@ -601,9 +601,9 @@ TEST_F(SessionManager, OutOfMemoryWhileListingPortsIsLogged) {
 TEST_F(SessionManager, PortsWithoutMemoryForANewListAreTheOnesBefore) {
     add("a", "@ipc.1", STATE_REGISTER, 4711);
     ASSERT_EQ(m_manager.getAllPorts().size(), 1U);
-    add("b", "@ipc.2", STATE_REGISTER, 4712);
+    add("0", "@ipc.2", STATE_REGISTER, 4712);
     {
-        // The list grows by one pointer, then to two, then it is copied.
+        // The new list begins with "0" and finds no room for "a".
         const ScarceMemory scarce(2 * sizeof(QuilPort*));
         const std::vector<QuilPort*> ports = m_manager.getAllPorts();
         ASSERT_TRUE(scarce.hasFailed());
