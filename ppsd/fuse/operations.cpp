@@ -338,7 +338,10 @@ void Operations::readDirectory(fuse_req_t request, std::size_t size, off_t offse
     const Listing& listing = m_listings.at(handle);
     std::string buffer(size, '\0');
     std::size_t used = 0;
-    for (auto i = static_cast<std::size_t>(offset); i < listing.size(); ++i) {
+    // The offset is the reader's, and may be wider than a size.
+    const bool isBehind = static_cast<std::uint64_t>(offset) >= listing.size();
+    for (auto i = isBehind ? listing.size() : static_cast<std::size_t>(offset); i < listing.size();
+         ++i) {
         struct stat status {};
         status.st_ino = listing[i].number;
         status.st_mode = listing[i].isDirectory ? S_IFDIR : S_IFREG;
