@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "agent/messages/base_message.hpp"
-#include "agent/messages/http_header.hpp"
+#include "agent/messages/push_header.hpp"
 
 // Bytes that one push may have in all, header lines included. One read of the listener asks for as
 // many.

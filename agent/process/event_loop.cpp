@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "agent/clients/client_object.hpp"
-#include "agent/process/msg_handler.hpp"
+#include "agent/process/handler_thread.hpp"
 #include "agent/pushes/push_intake.hpp"
 #include "agent/requests/request_reader.hpp"
 #include "agent/requests/session_requests.hpp"

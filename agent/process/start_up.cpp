@@ -20,7 +20,7 @@
 #include "agent/process/credentials.hpp"
 #include "agent/process/event_loop.hpp"
 #include "agent/registration/http.hpp"
-#include "agent/sessions/data_manager.hpp"
+#include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/support/log.hpp"
 

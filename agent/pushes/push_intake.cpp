@@ -25,7 +25,7 @@
 
 #include "agent/configuration/config_manager.hpp"
 #include "agent/connections/owned_socket.hpp"
-#include "agent/messages/message_manager.hpp"
+#include "agent/messages/message_queue.hpp"
 #include "agent/messages/push_message.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/support/high_descriptor.hpp"

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "agent/clients/client_object.hpp"
-#include "agent/messages/add_message.hpp"
+#include "agent/messages/enqueue.hpp"
 #include "agent/pushes/push_answer.hpp"
 #include "agent/requests/session_requests.hpp"
 #include "agent/support/decoder_string.hpp"

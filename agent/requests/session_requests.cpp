@@ -6,10 +6,10 @@
 #include <memory>
 
 #include "agent/clients/client_reply.hpp"
-#include "agent/messages/add_message.hpp"
+#include "agent/messages/enqueue.hpp"
 #include "agent/messages/reply_messages.hpp"
-#include "agent/sessions/cleanup.hpp"
-#include "agent/sessions/data_manager.hpp"
+#include "agent/sessions/save_and_wake.hpp"
+#include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/sessions/states/session_states.hpp"
 #include "agent/support/log.hpp"

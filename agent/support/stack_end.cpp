@@ -85,5 +85,5 @@ std::uintptr_t findStackEnd() {
     }
     rlimit limit{};
     const bool isLimited = getrlimit(RLIMIT_STACK, &limit) == 0 && limit.rlim_cur < stack.high;
-    return isLimited ? stack.high - limit.rlim_cur : 0;
+    return isLimited ? stack.high - static_cast<std::uintptr_t>(limit.rlim_cur) : 0;
 }

@@ -17,7 +17,7 @@
 #include <thread>
 
 #include "agent/clients/client_object.hpp"
-#include "agent/messages/message_manager.hpp"
+#include "agent/messages/message_queue.hpp"
 #include "agent/messages/push_message.hpp"
 #include "agent/messages/reply_messages.hpp"
 #include "agent/requests/request_reader.hpp"

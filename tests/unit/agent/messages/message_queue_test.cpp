@@ -16,7 +16,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "agent/messages/message_manager.hpp"
+#include "agent/messages/message_queue.hpp"
 #include "agent/messages/push_message.hpp"
 #include "agent/messages/reply_messages.hpp"
 #include "tests/support/agent/sessions_fixture.hpp"

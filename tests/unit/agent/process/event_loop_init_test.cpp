@@ -13,7 +13,7 @@
 
 #include "agent/clients/client_object.hpp"
 #include "agent/process/event_loop.hpp"
-#include "agent/sessions/data_manager.hpp"
+#include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/sessions/states/session_states.hpp"
 #include "agent/support/wake_up.hpp"

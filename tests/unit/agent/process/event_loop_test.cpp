@@ -14,7 +14,7 @@
 #include <thread>
 
 #include "agent/clients/client_object.hpp"
-#include "agent/sessions/data_manager.hpp"
+#include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/sessions/states/session_states.hpp"
 #include "agent/support/log.hpp"

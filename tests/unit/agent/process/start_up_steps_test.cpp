@@ -12,7 +12,7 @@
 
 #include "agent/configuration/config_manager.hpp"
 #include "agent/process/start_up.hpp"
-#include "agent/sessions/data_manager.hpp"
+#include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/support/log.hpp"
 #include "tests/support/agent/process_fixture.hpp"

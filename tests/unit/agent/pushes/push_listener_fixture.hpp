@@ -15,7 +15,7 @@
 
 #include "agent/configuration/config_manager.hpp"
 #include "agent/connections/connection.hpp"
-#include "agent/messages/message_manager.hpp"
+#include "agent/messages/message_queue.hpp"
 #include "agent/messages/push_message.hpp"
 #include "agent/pushes/push_intake.hpp"
 #include "tests/support/agent/server_fixture.hpp"

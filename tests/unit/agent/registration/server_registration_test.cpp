@@ -8,7 +8,7 @@
 #include <string>
 
 #include "agent/registration/http.hpp"
-#include "agent/sessions/data_manager.hpp"
+#include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "tests/support/agent/server_fixture.hpp"
 #include "tests/support/recorded_log.hpp"

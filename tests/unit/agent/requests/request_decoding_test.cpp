@@ -7,9 +7,9 @@
 #include <tuple>
 #include <vector>
 
-#include "agent/process/msg_handler.hpp"
+#include "agent/process/handler_thread.hpp"
 #include "agent/requests/request_reader.hpp"
-#include "agent/sessions/data_manager.hpp"
+#include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/sessions/states/session_states.hpp"
 #include "tests/support/agent/clients_fixture.hpp"

@@ -8,9 +8,9 @@
 #include <memory>
 #include <string>
 
-#include "agent/messages/message_manager.hpp"
+#include "agent/messages/message_queue.hpp"
 #include "agent/messages/reply_messages.hpp"
-#include "agent/sessions/data_manager.hpp"
+#include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/sessions/states/session_states.hpp"
 #include "tests/support/agent/clients_fixture.hpp"
@@ -110,7 +110,7 @@ TEST_F(SessionRequests, CreateChannelStoresTheUrlAndQueuesTheRegistration) {
     EXPECT_EQ(stateOf(*session), "Create");
     EXPECT_EQ(drainQueue(), "type=7 app=app id=1 client=@ipc.17 err=0 url=http://h register\n");
     EXPECT_EQ(linesOf("session_requests.cpp"), "6 quilCreateChannel Called with app http://h\n\n");
-    EXPECT_EQ(linesOf("add_message.cpp"),
+    EXPECT_EQ(linesOf("enqueue.cpp"),
               "5 addMessage: msg type[7] provider id[app] errorCode[0]\n"
               "5 addMessage: for provider app id[app] error[0] done.\n");
 }

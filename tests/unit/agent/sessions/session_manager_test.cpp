@@ -10,10 +10,10 @@
 #include <thread>
 #include <type_traits>
 
-#include "agent/messages/message_manager.hpp"
+#include "agent/messages/message_queue.hpp"
 #include "agent/messages/reply_messages.hpp"
 #include "agent/requests/session_requests.hpp"
-#include "agent/sessions/data_manager.hpp"
+#include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/states/session_states.hpp"
 #include "tests/support/agent/sessions_fixture.hpp"
 #include "tests/support/recorded_log.hpp"

@@ -1,12 +1,12 @@
 // The one place that wraps a message for the queue; pushes alone, whose connection travels along,
 // are queued by whoever read them.
 
-#include "agent/messages/add_message.hpp"
+#include "agent/messages/enqueue.hpp"
 
 #include <utility>
 
 #include "agent/messages/message_factory.hpp"
-#include "agent/messages/message_manager.hpp"
+#include "agent/messages/message_queue.hpp"
 #include "agent/support/log.hpp"
 
 void addMessage(int errorCode, int type, const std::string& appId, const std::string& id,

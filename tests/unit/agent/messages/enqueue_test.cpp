@@ -1,6 +1,6 @@
 // Queueing messages for the message handler thread.
 
-#include "agent/messages/add_message.hpp"
+#include "agent/messages/enqueue.hpp"
 
 #include <memory>
 #include <string>
@@ -23,7 +23,7 @@ std::unique_ptr<QuilBaseMessage> makeDestroyed(int code) {
 TEST_F(AddMessage, QueuesTheMessageThatItIsGivenAndLogsBeforeAndAfter) {
     addMessage(0, 7, "app", "1", "@ipc.17",
                std::make_unique<QuilServerRegMessage>("app", "1", "@ipc.17", "http://h"));
-    EXPECT_EQ(linesOf("add_message.cpp"),
+    EXPECT_EQ(linesOf("enqueue.cpp"),
               "5 addMessage: msg type[7] provider id[app] errorCode[0]\n"
               "5 addMessage: for provider app id[app] error[0] done.\n");
     EXPECT_EQ(drainQueue(), "type=7 app=app id=1 client=@ipc.17 err=0 url=http://h register\n");
@@ -46,8 +46,8 @@ TEST_F(AddMessage, OfATypeWithoutAReplyStopsSilently) {
     for (const int type : {0, 5, 6, 7, 8, 11, -1}) {
         clearRecordedLines();
         addMessage(5, type, "app", "1", "@ipc.17", nullptr);
-        EXPECT_EQ(linesOf("add_message.cpp"), "5 addMessage: msg type[" + std::to_string(type) +
-                                                  "] provider id[app] errorCode[5]\n");
+        EXPECT_EQ(linesOf("enqueue.cpp"), "5 addMessage: msg type[" + std::to_string(type) +
+                                              "] provider id[app] errorCode[5]\n");
     }
     EXPECT_EQ(drainQueue(), "");
 }

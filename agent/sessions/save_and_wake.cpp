@@ -1,8 +1,8 @@
 // The loop first: it must not go on watching a socket that is closed while the save takes its time.
 
-#include "agent/sessions/cleanup.hpp"
+#include "agent/sessions/save_and_wake.hpp"
 
-#include "agent/sessions/data_manager.hpp"
+#include "agent/sessions/saved_sessions.hpp"
 #include "agent/support/log.hpp"
 #include "agent/support/wake_up.hpp"
 

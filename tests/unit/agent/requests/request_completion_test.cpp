@@ -1,6 +1,6 @@
 // Finishing what requests began.
 
-#include "agent/requests/completion.hpp"
+#include "agent/requests/request_completion.hpp"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -9,9 +9,9 @@
 #include <string>
 
 #include "agent/messages/message_factory.hpp"
-#include "agent/messages/message_manager.hpp"
-#include "agent/sessions/cleanup.hpp"
-#include "agent/sessions/data_manager.hpp"
+#include "agent/messages/message_queue.hpp"
+#include "agent/sessions/save_and_wake.hpp"
+#include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/sessions/states/session_states.hpp"
 #include "tests/support/agent/clients_fixture.hpp"
@@ -76,7 +76,7 @@ TEST_F(Completion, ReplyForAKnownApplicationKeepsItsCode) {
     message->setErrorCode(10101);
     sendCallbackResponse(std::move(message));
     EXPECT_EQ(nextReply(), golden("replies_launch_empty_string.txt"));
-    EXPECT_EQ(linesOf({"completion.cpp", "add_message.cpp", "cleanup.cpp"}),
+    EXPECT_EQ(linesOf({"request_completion.cpp", "enqueue.cpp", "save_and_wake.cpp"}),
               "6 : Sending data back to app id[app] client id[@ipc.17] err[10101]\n");
 }
 
@@ -87,7 +87,7 @@ TEST_F(Completion, ReplyForAnUnknownApplicationIs500WhateverItWas) {
         message->setErrorCode(code);
         sendCallbackResponse(std::move(message));
         EXPECT_EQ(nextReply(), golden("replies_session_not_created.txt"));
-        EXPECT_EQ(linesOf({"completion.cpp", "add_message.cpp", "cleanup.cpp"}),
+        EXPECT_EQ(linesOf({"request_completion.cpp", "enqueue.cpp", "save_and_wake.cpp"}),
                   "3 Cannot find [app] in session map. Existing error [" + std::to_string(code) +
                       "]\n"
                       "6 onCreateSessionComplete: Sending data back to app id[app] client "
@@ -106,7 +106,7 @@ TEST_F(Completion, RegisteredChannelGivesTheTokenSavesAndWakesTheLoop) {
     EXPECT_EQ(request.getErrorCode(), 0);
     EXPECT_EQ(wakeUps(), "a");
     EXPECT_EQ(drainQueue(), "type=2 app=app id=1 client=@ipc.17 err=0 token=2a3b\n");
-    EXPECT_EQ(linesOf({"completion.cpp", "add_message.cpp", "cleanup.cpp"}),
+    EXPECT_EQ(linesOf({"request_completion.cpp", "enqueue.cpp", "save_and_wake.cpp"}),
               "6 addCreateChannelCompletedMessage: provider app id [app]\n"
               "5 addMessage: msg type[2] provider id[app] errorCode[0]\n"
               "5 addMessage: for provider app id[app] error[0] done.\n"
@@ -163,7 +163,7 @@ TEST_F(Completion, RegistrationOfAVanishedSessionMarksTheRequestAndStillReplies)
     EXPECT_EQ(request.getErrorCode(), 10100);
     EXPECT_EQ(wakeUps(), "a");
     EXPECT_EQ(drainQueue(), "type=2 app=app id=1 client=@ipc.17 err=0 token=\n");
-    EXPECT_EQ(linesOf({"completion.cpp", "add_message.cpp", "cleanup.cpp"}),
+    EXPECT_EQ(linesOf({"request_completion.cpp", "enqueue.cpp", "save_and_wake.cpp"}),
               "6 addCreateChannelCompletedMessage: provider app id [app]\n"
               "3 addCreateChannelCompletedMessage: provider App Id[app] not found\n"
               "5 addMessage: msg type[2] provider id[app] errorCode[0]\n"
@@ -193,7 +193,7 @@ TEST_F(Completion, DestroyedChannelStopsListeningRepliesAndCleansUp) {
     EXPECT_EQ(nextReply(), golden("replies_channel_destroyed.txt"));
     EXPECT_EQ(wakeUps(), "a");
     // The line tells of the port and socket that there were.
-    EXPECT_EQ(linesOf({"completion.cpp", "add_message.cpp", "cleanup.cpp"}),
+    EXPECT_EQ(linesOf({"request_completion.cpp", "enqueue.cpp", "save_and_wake.cpp"}),
               "6 processDestroyChannelCallback: app id [app] error code [0]\n"
               "6 processDestroyChannelCallback: is_sim_changed [0]\n"
               "5 processDestroyChannelCallback: destroy Channel: app id[app] port number[" +
@@ -269,7 +269,7 @@ TEST_F(Completion, ChannelAskedForLaterThanADeregistrationStands) {
         EXPECT_EQ(nextReply(), golden(code == 0 ? "replies_channel_destroyed.txt"
                                                 : "replies_channel_destroy_server_failure.txt"));
         EXPECT_EQ(wakeUps(), "");
-        EXPECT_EQ(linesOf("cleanup.cpp"), "");
+        EXPECT_EQ(linesOf("save_and_wake.cpp"), "");
     }
 }
 
@@ -319,7 +319,7 @@ TEST_F(Completion, DestroyOfAVanishedSessionIs500AndNothingElse) {
         clearRecordedLines();
         processDestroyChannelCallback(makeDestroyed(code));
         EXPECT_EQ(nextReply(), golden("replies_channel_destroy_no_app_id.txt"));
-        EXPECT_EQ(linesOf({"completion.cpp", "add_message.cpp", "cleanup.cpp"}),
+        EXPECT_EQ(linesOf({"request_completion.cpp", "enqueue.cpp", "save_and_wake.cpp"}),
                   "6 processDestroyChannelCallback: app id [app] error code [" +
                       std::to_string(code) +
                       "]\n"
@@ -332,7 +332,7 @@ TEST_F(Completion, DestroyOfAVanishedSessionIs500AndNothingElse) {
 TEST_F(Completion, CleanupWakesTheLoopBeforeItSaves) {
     cleanup();
     EXPECT_EQ(wakeUps(), "a");
-    EXPECT_EQ(linesOf({"completion.cpp", "add_message.cpp", "cleanup.cpp"}),
+    EXPECT_EQ(linesOf({"request_completion.cpp", "enqueue.cpp", "save_and_wake.cpp"}),
               "5 cleanup: Save to persistent memory returns 1\n");
 }
 

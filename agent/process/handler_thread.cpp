@@ -2,7 +2,7 @@
 // copy, which the reply takes over; a registration works on the node's own message, because that is
 // where it leaves its result.
 
-#include "agent/process/msg_handler.hpp"
+#include "agent/process/handler_thread.hpp"
 
 #include <pthread.h>
 
@@ -11,12 +11,12 @@
 #include <utility>
 
 #include "agent/messages/message_factory.hpp"
-#include "agent/messages/message_manager.hpp"
+#include "agent/messages/message_queue.hpp"
 #include "agent/messages/push_message.hpp"
 #include "agent/messages/reply_messages.hpp"
 #include "agent/pushes/push_delivery.hpp"
 #include "agent/registration/server_registration.hpp"
-#include "agent/requests/completion.hpp"
+#include "agent/requests/request_completion.hpp"
 #include "agent/support/locks.hpp"
 #include "agent/support/log.hpp"
 

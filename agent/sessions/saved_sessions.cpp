@@ -2,7 +2,7 @@
 // attribute: so a save is a single write of three attributes, without seeking and without
 // truncating.
 
-#include "agent/sessions/data_manager.hpp"
+#include "agent/sessions/saved_sessions.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,7 +1,7 @@
 // The message handler thread: what becomes of each type of node, seen from the queue's end and from
 // the application's.
 
-#include "agent/process/msg_handler.hpp"
+#include "agent/process/handler_thread.hpp"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "agent/clients/client_object.hpp"
-#include "agent/messages/message_manager.hpp"
+#include "agent/messages/message_queue.hpp"
 #include "agent/messages/push_message.hpp"
 #include "agent/messages/reply_messages.hpp"
 #include "agent/sessions/session_manager.hpp"

@@ -1,13 +1,13 @@
 // Order matters wherever the two threads meet: the session is changed first, then the main loop is
 // woken, then the application is told, so that whoever reacts to the news finds the session ready.
 
-#include "agent/requests/completion.hpp"
+#include "agent/requests/request_completion.hpp"
 
 #include "agent/clients/client_reply.hpp"
 #include "agent/configuration/config_manager.hpp"
-#include "agent/messages/add_message.hpp"
-#include "agent/sessions/cleanup.hpp"
-#include "agent/sessions/data_manager.hpp"
+#include "agent/messages/enqueue.hpp"
+#include "agent/sessions/save_and_wake.hpp"
+#include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/sessions/states/session_states.hpp"
 #include "agent/support/log.hpp"

@@ -1,7 +1,7 @@
 // One condition, signalled once per node. The reader tests for emptiness after every wake, so
 // spurious wakes are harmless. Nothing is logged or flushed under the lock: it is a leaf.
 
-#include "agent/messages/message_manager.hpp"
+#include "agent/messages/message_queue.hpp"
 
 #include "agent/connections/connection.hpp"
 #include "agent/messages/push_message.hpp"
