@@ -12,11 +12,11 @@ request() { env printf 'msg::%s\n%s\ndat:json:{"providerApplicationId":"%s"%s}\n
 field() { rest=${line#*\"$1\":\"}; printf %s "${rest%%\"*}"; }
 
 request createSession id::1
-cat <&3 | while :; do
+while :; do
     IFS= read -r $quiet line
     case $?:$line in
         0:msg::onCreateSessionComplete) quiet="-t 1" ;;
-        0:msg::createSession) echo "an ordinary object lies in the place of the agent's" >&2; exit ;;
+        0:msg::createSession) echo "an ordinary object lies in its place" >&2; kill $!; exit 3 ;;
         0:id:*) id=$line ;; # handed back as it came, its encoding included
         0:dat:json:'{"token"'*) token=$(field token); echo "channel ${token:-was not created}" ;;
         0:dat:json:*) echo "push${id#id:*:}: $(field data | base64 -d)"; request acceptPush "$id" ;;
@@ -24,6 +24,6 @@ cat <&3 | while :; do
         1??:*) # A second without a push. Not before: a channel asked for anew closes its port and all that waits there.
             quiet=; request createChannel id::2 ",\"ppgUrl\":\"$url\"" ;;
     esac
-done
+done < <(cat <&3)
 echo "the agent went away" >&2
 exit 3
