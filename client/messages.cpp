@@ -1,10 +1,10 @@
-// An answer about a launch string has no "msg", only an "id"; so what a message is, is told by its
-// "msg" where that is "pushNotification" or "onSimChange", and everything else is the answer to the
-// request with that id.
+// What a message is, is told by its "msg". That of a reply belongs to the verb that it answers; an
+// answer about a launch string has none, only an "id".
 
 #include "client/messages.hpp"
 
 #include <algorithm>
+#include <iterator>
 
 #include "client/base64.hpp"
 #include "platform/pps/decoder.hpp"
@@ -24,6 +24,24 @@ const char* argumentName(Verb verb) {
             return "launchString";
         default:
             return nullptr;
+    }
+}
+
+constexpr Verb kVerbs[] = {Verb::CreateSession,    Verb::CreateChannel,        Verb::DestroyChannel,
+                           Verb::RegisterToLaunch, Verb::UnregisterFromLaunch, Verb::AcceptPush,
+                           Verb::RejectPush};
+
+// "msg" of the reply to a verb.
+std::string_view replyName(Verb verb) {
+    switch (verb) {
+        case Verb::CreateSession:
+            return "onCreateSessionComplete";
+        case Verb::CreateChannel:
+            return "onCreateChannelComplete";
+        case Verb::DestroyChannel:
+            return "onDestroyChannelComplete";
+        default:
+            return "";
     }
 }
 
@@ -185,6 +203,17 @@ Incoming decodeMessage(const std::string& text) {
         incoming.token = getString(&decoder, "token");
     }
     return incoming;
+}
+
+bool isReplyTo(Verb verb, const Incoming& incoming) {
+    return isAnswered(verb) &&
+           (incoming.message == replyName(verb) ||
+            (verb == Verb::DestroyChannel && incoming.kind == Incoming::SimChange));
+}
+
+bool isEcho(const Incoming& incoming) {
+    return std::any_of(std::begin(kVerbs), std::end(kVerbs),
+                       [&](Verb verb) { return incoming.message == verbName(verb); });
 }
 
 Result outcomeOf(Verb verb, const Incoming& reply) {

@@ -40,6 +40,14 @@ struct Incoming {
 
 Incoming decodeMessage(const std::string& text);
 
+// True for a reply to a request with `verb`, whatever its id. The name "onSimChange" belongs to
+// destroyChannel too, where the session is still that of another SIM.
+bool isReplyTo(Verb verb, const Incoming& incoming);
+
+// True for a request instead of an answer. No agent sends one: it comes back from an ordinary
+// object in the place of the one that the agent serves, which keeps what is written to it.
+bool isEcho(const Incoming& incoming);
+
 // The outcome that `reply` tells of a request with `verb`: its error code, or kEmptyToken for a
 // channel without a token.
 Result outcomeOf(Verb verb, const Incoming& reply);

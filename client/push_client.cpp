@@ -90,4 +90,8 @@ bool PushClient::isReady() const noexcept {
     return m_impl->isReady();
 }
 
+bool PushClient::hasUnsent() const noexcept {
+    return m_impl->hasUnsent();
+}
+
 }  // namespace quilclient

@@ -1,7 +1,8 @@
-// One line of life: connect, create the session, create the channel, stay. Each step waits for the
-// answer of the one before; whatever fails sets a time (m_due) at which the line begins anew. The
-// order matters to the agent as well: a channel asked for before the session's answer could be torn
-// down by work that the agent still has from before its restart.
+// One line of life: connect, create the session, take what waits, create the channel, stay. Each
+// step waits for the answer of the one before; whatever fails sets a time (m_due) at which the line
+// begins anew. The order matters to the agent as well: a channel asked for before the session's
+// answer could be torn down by work that the agent still has from before its restart, and one asked
+// for while pushes wait on the session's port takes that port from under them.
 //
 // Everything that happens ends in dispatch(): public methods only send, and what they find broken
 // they note (m_lost) for the next dispatch() to handle.
@@ -155,6 +156,9 @@ void PushClientImpl::stepDue() {
     m_due.reset();
     if (!m_connection.isOpen()) {
         connect();
+    } else if (m_phase == Phase::Waiting) {
+        m_phase = Phase::Channel;
+        ask(Verb::CreateChannel, m_config.ppgUrl);
     } else {
         m_phase = Phase::Session;
         ask(Verb::CreateSession, "");
@@ -172,9 +176,9 @@ void PushClientImpl::connect() {
         disconnect(result);
         return;
     }
+    // Told once the agent has answered: that something can be opened there proves no agent.
     m_phase = Phase::Session;
     ask(Verb::CreateSession, "");
-    tellConnection({});
 }
 
 void PushClientImpl::disconnect(const Result& reason) {
@@ -227,6 +231,16 @@ void PushClientImpl::ask(Verb verb, const std::string& argument) {
     }
 }
 
+bool PushClientImpl::hasSession() const {
+    return m_phase == Phase::Waiting || m_phase == Phase::Channel || m_phase == Phase::Ready ||
+           m_phase == Phase::NoChannel;
+}
+
+void PushClientImpl::askForChannelWhenQuiet() {
+    m_phase = Phase::Waiting;
+    m_due = m_quietUntil;
+}
+
 bool PushClientImpl::isPending(Verb verb) const {
     return std::any_of(m_pending.begin(), m_pending.end(),
                        [verb](const auto& entry) { return entry.second.verb == verb; });
@@ -277,10 +291,22 @@ void PushClientImpl::handleMessage(const std::string& text) {
     if (!incoming.damage.empty()) {
         notice(incoming.damage);
     }
+    if (isEcho(incoming)) {
+        m_lost = resultOf(kObjectInTheWay);
+        return;
+    }
     if (incoming.kind == Incoming::PushArrived) {
         handlePush(incoming);
+        // Only now: the time that the application took for it is no quiet.
+        m_quietUntil = Clock::now() + m_config.quietTime;
+        if (m_phase == Phase::Waiting) {
+            m_due = m_quietUntil;
+        }
     } else if (incoming.kind == Incoming::SimChange) {
         handleSimChange();
+        if (!incoming.id.empty()) {
+            handleReply(incoming);
+        }
     } else {
         handleReply(incoming);
     }
@@ -288,13 +314,16 @@ void PushClientImpl::handleMessage(const std::string& text) {
 
 void PushClientImpl::handleReply(const Incoming& incoming) {
     const auto found = m_pending.find(incoming.id);
-    if (found == m_pending.end()) {
+    if (found == m_pending.end() || !isReplyTo(found->second.verb, incoming)) {
         notice("an answer to no open request came: msg '" + incoming.message + "', id '" +
                incoming.id + "', err " + std::to_string(incoming.error));
         return;
     }
     const Verb verb = found->second.verb;
     m_pending.erase(found);
+    if (verb == Verb::CreateSession) {
+        tellConnection({});
+    }
     handleOutcome(verb, outcomeOf(verb, incoming), incoming.token);
 }
 
@@ -306,9 +335,10 @@ void PushClientImpl::handleOutcome(Verb verb, const Result& outcome, const std::
                 return;
             }
             m_reconnect.reset();
-            m_phase = m_wantsChannel ? Phase::Channel : Phase::NoChannel;
+            m_phase = Phase::NoChannel;
+            m_quietUntil = Clock::now() + m_config.quietTime;
             if (m_wantsChannel) {
-                ask(Verb::CreateChannel, m_config.ppgUrl);
+                askForChannelWhenQuiet();
             }
             applyLaunchWish();
             return;
@@ -318,8 +348,7 @@ void PushClientImpl::handleOutcome(Verb verb, const Result& outcome, const std::
         case Verb::DestroyChannel:
             call(m_handlers.onChannelDestroyed, outcome);
             if (m_wantsChannel && m_phase == Phase::NoChannel) {
-                m_phase = Phase::Channel;
-                ask(Verb::CreateChannel, m_config.ppgUrl);
+                askForChannelWhenQuiet();
             }
             return;
         default:
@@ -418,9 +447,7 @@ Result PushClientImpl::wishLaunch(std::string launchString) {
         }
     }
     m_launchWish = std::move(launchString);
-    const bool hasSession =
-        m_phase == Phase::Channel || m_phase == Phase::Ready || m_phase == Phase::NoChannel;
-    if (hasSession) {
+    if (hasSession()) {
         applyLaunchWish();
     }
     return {};
@@ -430,9 +457,9 @@ Result PushClientImpl::wishLaunch(std::string launchString) {
 // Sent while a createChannel is under way, or followed by one at once, they would undo each other
 // in the wrong order; so each waits for the other's answer.
 Result PushClientImpl::destroyChannel() {
-    const bool hasSession =
-        m_phase == Phase::Channel || m_phase == Phase::Ready || m_phase == Phase::Retry;
-    if (!hasSession) {
+    const bool isChannelKnown = m_phase == Phase::Waiting || m_phase == Phase::Channel ||
+                                m_phase == Phase::Ready || m_phase == Phase::Retry;
+    if (!isChannelKnown) {
         return resultOf(kNotConnected);
     }
     m_wantsChannel = false;
@@ -450,8 +477,11 @@ Result PushClientImpl::createChannel() {
     if (m_phase != Phase::NoChannel || isPending(Verb::DestroyChannel)) {
         return {};  // the line of life, or the answer to destroyChannel, leads there by itself
     }
-    m_phase = Phase::Channel;
-    return request(Verb::CreateChannel, m_config.ppgUrl);
+    if (!m_connection.isOpen() || m_lost) {
+        return resultOf(kNotConnected);
+    }
+    askForChannelWhenQuiet();
+    return {};
 }
 
 }  // namespace quilclient

@@ -33,11 +33,13 @@ class PushClientImpl {
     Result destroyChannel();
     Result createChannel();
     bool isReady() const { return m_phase == Phase::Ready; }
+    bool hasUnsent() const { return m_connection.hasBacklog(); }
 
   private:
     using Time = std::chrono::steady_clock::time_point;
 
-    enum class Phase { Away, Session, Channel, Ready, NoChannel, Retry };
+    // Waiting: the session stands, and what waited on its port from before is being taken.
+    enum class Phase { Away, Session, Waiting, Channel, Ready, NoChannel, Retry };
 
     struct Pending {
         Verb verb;
@@ -53,6 +55,8 @@ class PushClientImpl {
     void ask(Verb verb, const std::string& argument);
     bool isPending(Verb verb) const;
     void retryChannel(const Result& reason);
+    bool hasSession() const;
+    void askForChannelWhenQuiet();
     void stepDue();
     void applyLaunchWish();
     void receive();
@@ -81,7 +85,8 @@ class PushClientImpl {
     Phase m_phase = Phase::Away;
     bool m_wantsChannel = true;
     bool m_isDestroyDue = false;  // destroyChannel() waits for the end of a createChannel
-    std::optional<Time> m_due;    // when the line of life begins anew
+    std::optional<Time> m_due;    // when the line of life goes on (Waiting) or begins anew
+    Time m_quietUntil;            // no channel is asked for before; moves with every push
     Backoff m_reconnect;
     Backoff m_channelRetry;
     std::optional<Result> m_lost;  // the connection broke outside of receive()

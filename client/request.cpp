@@ -27,11 +27,16 @@ void waitForInput(int descriptor, Clock::time_point deadline, bool isBacklogged)
     poll(&entry, 1, static_cast<int>(pause.count()));
 }
 
-// Looks for the answer among `messages`; pushes and answers for others pass by.
+// Looks for the answer among `messages`; pushes and answers for others pass by. A request that
+// comes back is an answer too: that there is no agent.
 bool findReply(Verb verb, const std::vector<std::string>& messages, Reply* reply) {
     for (const std::string& text : messages) {
         const Incoming incoming = decodeMessage(text);
-        if (incoming.kind != Incoming::PushArrived && incoming.id == kRequestId) {
+        if (isEcho(incoming)) {
+            reply->result = resultOf(kObjectInTheWay);
+            return true;
+        }
+        if (isReplyTo(verb, incoming) && incoming.id == kRequestId) {
             reply->result = outcomeOf(verb, incoming);
             reply->token = incoming.token;
             return true;
@@ -58,6 +63,12 @@ Reply exchange(Connection& connection, Verb verb, Clock::time_point deadline) {
             reply.result = received.ok() ? sent : received;
             return reply;
         }
+    }
+    if (!isAnswered(verb)) {
+        // No agent has anything to say here; an ordinary object gives back what it was told.
+        std::vector<std::string> messages;
+        connection.receive(&messages);
+        findReply(verb, messages, &reply);
     }
     return reply;
 }

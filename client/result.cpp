@@ -17,6 +17,9 @@ constexpr CodeInfo kUnknownLocal = {0, kLibrary, "a code that this version does 
 
 const std::vector<CodeInfo>& knownCodes() {
     static const std::vector<CodeInfo> codes = {
+        {kObjectInTheWay, kLibrary,
+         "an ordinary object lies where the agent serves the push object: nobody reads it",
+         "remove it: ppsctl rm services/push/ipc; then start quilagent"},
         {kQueueFull, kLibrary, "too many requests wait for an agent that does not read them",
          "look whether the agent hangs, and send fewer requests at once"},
         {kNotConnected, kLibrary, "there is no connection to the agent right now",

@@ -1,5 +1,6 @@
 // An application with the client library: prints each push and accepts it. Session and channel come
-// back by themselves when the agent or the object service was restarted.
+// back by themselves when the agent or the object service was restarted, and with them the pushes
+// that came meanwhile.
 //
 // Usage: example_listen APP PPG-URL
 

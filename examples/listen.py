@@ -16,27 +16,43 @@ def request(ipc, msg, request_id, **dat):
     os.write(ipc, f"msg::{msg}\nid:{request_id}\ndat:json:{json.dumps(dat)}\n".encode())
 
 
-def objects(ipc):
-    """Gives each object from the agent as {name: "encoding:value"}, until the agent goes away."""
-    while select.select([ipc], [], []) and (text := os.read(ipc, 1 << 20).decode()):
-        for lines in text.removeprefix("@").split("\n@"):  # "@ipc" heads each object
-            yield dict(line.split(":", 1) for line in lines.splitlines() if ":" in line)
+def objects(text):
+    """Gives each object of what one read brought as {name: "encoding:value"}; "@ipc" heads each."""
+    for lines in text.removeprefix("@").split("\n@"):
+        yield dict(line.split(":", 1) for line in lines.splitlines() if ":" in line)
+
+
+def show_push(ipc, app, push):
+    dat = json.loads(push["dat"].removeprefix("json:"))
+    text = base64.b64decode(dat["data"]).decode(errors="replace")
+    print(f"push{push['id'].split(':', 1)[1]}: {text}", flush=True)
+    if dat["appLevelAck"]:  # the id goes back as it came, its encoding included
+        request(ipc, "acceptPush", push["id"], providerApplicationId=app)
 
 
 def listen(app, url):
     ipc = os.open(os.environ.get("QUIL_ROOT", "") + "/pps/services/push/ipc", os.O_RDWR)
     try:
         request(ipc, "createSession", ":1", providerApplicationId=app)
-        request(ipc, "createChannel", ":2", providerApplicationId=app, ppgUrl=url)
-        for answer in objects(ipc):
-            dat = json.loads(answer.get("dat", "json:{}").removeprefix("json:"))
-            if answer.get("msg") == ":onCreateChannelComplete":
-                print("channel", dat.get("token") or "was not created", flush=True)
-            elif answer.get("msg") == ":pushNotification":
-                text = base64.b64decode(dat["data"]).decode(errors="replace")
-                print(f"push{answer['id'].split(':', 1)[1]}: {text}", flush=True)
-                if dat["appLevelAck"]:  # the id goes back as it came, its encoding included
-                    request(ipc, "acceptPush", answer["id"], providerApplicationId=app)
+        quiet = None  # how many seconds without a push lead to the channel
+        while True:
+            if not select.select([ipc], [], [], quiet)[0]:
+                # Not before: a channel asked for anew closes its port, with all pushes that wait on it.
+                request(ipc, "createChannel", ":2", providerApplicationId=app, ppgUrl=url)
+                quiet = None
+                continue
+            text = os.read(ipc, 1 << 20).decode()
+            if not text:
+                raise OSError("it went away")
+            for answer in objects(text):
+                if answer.get("msg") == ":onCreateSessionComplete":
+                    quiet = 1
+                elif answer.get("msg") == ":onCreateChannelComplete":
+                    print("channel", json.loads(answer["dat"][5:])["token"] or "was not created", flush=True)
+                elif answer.get("msg") == ":pushNotification":
+                    show_push(ipc, app, answer)
+                elif answer.get("msg") == ":createSession":  # what we wrote: nobody reads it
+                    raise OSError("an ordinary object lies in its place")
     finally:
         os.close(ipc)
 

@@ -1,5 +1,8 @@
 // Every program of examples/ on the whole stack, as a reader of the documents would run it.
 
+#include <unistd.h>
+
+#include <csignal>
 #include <cstdlib>
 
 #include "tests/integration/device.hpp"
@@ -95,6 +98,53 @@ TEST_F(Examples, ApplicationInShellSaysThatThereIsNoAgent) {
     ASSERT_TRUE(m_application.start({example("listen.sh"), kExampleApp, ppgUrl()}));
     EXPECT_EQ(m_application.wait(), 3);
     EXPECT_NE(m_application.output().find("no agent serves"), std::string::npos);
+}
+
+TEST_F(Examples, NoApplicationMakesAnObjectWhereNoAgentServes) {
+    killAgent();
+    for (const std::string& program :
+         {builtProgram("example_listen"), example("listen.py"), example("listen.sh")}) {
+        ASSERT_TRUE(m_application.start({program, kExampleApp, ppgUrl()}));
+        EXPECT_EQ(m_application.wait(0.5), program.ends_with(".sh") ? 3 : -1) << program;
+        EXPECT_NE(access(m_root.path("/pps/services/push/ipc").c_str(), F_OK), 0) << program;
+        if (m_application.isRunning()) {
+            m_application.signal(SIGKILL);
+            m_application.wait();
+        }
+    }
+}
+
+// Whoever is told to open without making an object finds nothing to open any more.
+TEST_F(Examples, OpeningInTwoStepsMakesNoObjectAlsoWhenTheAgentEndsBetweenThem) {
+    const std::string ipc = m_root.path("/pps/services/push/ipc");
+    for (const char* shell : {"/bin/sh", "/bin/bash"}) {
+        ASSERT_TRUE(m_application.start({shell, "-c",
+                                         "exec 4<\"$1?wait\" && echo opened $0 && sleep 0.5 && "
+                                         "exec 3<>/proc/self/fd/4 && exit 0\n"
+                                         "exit 1",
+                                         shell, ipc}));
+        ASSERT_TRUE(m_application.waitForOutput(std::string("opened ") + shell));
+        killAgent();
+        EXPECT_GT(m_application.wait(), 0) << shell;
+        EXPECT_NE(access(ipc.c_str(), F_OK), 0) << shell;
+        ASSERT_TRUE(startAgent());
+    }
+}
+
+TEST_F(Examples, ApplicationsSayThatNobodyReadsWhatTheyWrite) {
+    killAgent();
+    for (const std::string& program : {example("listen.py"), example("listen.sh")}) {
+        const std::size_t before = m_application.output().size();
+        writeObject("/pps/services/push/ipc", "");
+        ASSERT_TRUE(m_application.start({program, kExampleApp, ppgUrl()}));
+        EXPECT_TRUE(m_application.waitForOutput("an ordinary object lies in ", before)) << program;
+        EXPECT_EQ(m_application.wait(0.5), program.ends_with(".sh") ? 3 : -1) << program;
+        if (m_application.isRunning()) {
+            m_application.signal(SIGKILL);
+            m_application.wait();
+        }
+        ASSERT_EQ(unlink(m_root.path("/pps/services/push/ipc").c_str()), 0);
+    }
 }
 
 TEST_F(Examples, SenderInPythonTellsAcceptedFromRejected) {

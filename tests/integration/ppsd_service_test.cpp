@@ -68,6 +68,15 @@ pid_t lockHolder(const std::string& lockFile) {
 
 }  // namespace
 
+TEST_F(PpsdService, EndsWellWhenItsMountIsTakenAway) {
+    ASSERT_TRUE(m_ppsd.start());
+    ASSERT_EQ(std::system(("fusermount3 -u '" + path("") + "'").c_str()), 0);
+    siginfo_t end{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(m_ppsd.pid()), &end, WEXITED | WNOWAIT), 0);
+    EXPECT_EQ(end.si_code, CLD_EXITED);
+    EXPECT_EQ(end.si_status, 0);
+}
+
 TEST_F(PpsdService, PrintsOneLineWithPathsAsPeopleWriteThem) {
     ASSERT_TRUE(m_ppsd.start());
     EXPECT_EQ(m_ppsd.output(), "ppsd: serving /pps (store /var/lib/ppsd)\n");

@@ -155,6 +155,37 @@ TEST_F(Quilctl, MissingAgentIsStatus3) {
     }
 }
 
+TEST_F(Quilctl, OrdinaryObjectInThePlaceOfTheAgentIsStatus3) {
+    m_agent.reset();
+    for (const Words& words :
+         {Words{"create-session", "a"}, Words{"create-channel", "a", "--ppg", "u"},
+          Words{"register-launch", "a", "x"}, Words{"unregister-launch", "a"},
+          Words{"accept", "a", "m"}, Words{"reject", "a", "m"},
+          Words{"listen", "a", "--ppg", "u"}}) {
+        // As a shell's "<>" makes it.
+        close(open(m_ppsd.path("/services/push/ipc").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+        const ToolRun result = run(words);
+        EXPECT_EQ(result.status, 3) << words[0];
+        EXPECT_EQ(result.output, "") << words[0];
+        EXPECT_TRUE(contains(joined(result.error), "an ordinary object lies where the agent"))
+            << result.error;
+        EXPECT_TRUE(contains(joined(result.error), "next: remove it: ppsctl rm services/push/ipc"))
+            << result.error;
+        EXPECT_EQ(runTool(m_root.path(), "ppsctl", {"rm", "services/push/ipc"}).status, 0);
+    }
+}
+
+TEST_F(Quilctl, ListenTakesWhatWaitsBeforeItAsksForTheChannel) {
+    m_listener.emplace(m_root.path(), "quilctl",
+                       Words{"listen", "com.app", "--ppg", "http://ppg", "--count", "1"});
+    EXPECT_EQ(m_agent->take("createSession").msg, "createSession");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    m_agent->push("m1", "", true);
+    EXPECT_EQ(m_agent->take("acceptPush").id, "m1");
+    EXPECT_EQ(m_listener->wait(), 0) << m_listener->error;
+    EXPECT_FALSE(contains(m_listener->output, "channel open")) << m_listener->output;
+}
+
 TEST_F(Quilctl, MissingObjectServiceIsStatus3) {
     m_agent.reset();
     m_ppsd.stop();
@@ -240,7 +271,7 @@ TEST_F(Quilctl, ListenWithExecAnswersByItsExitStatus) {
 }
 
 TEST_F(Quilctl, ListenEndsACommandThatTakesTooLong) {
-    listen({"--exec", "sleep 60", "--timeout", "1"});
+    listen({"--exec", "sleep 60", "--timeout", "3"});
     m_agent->push("m1", "", true);
     EXPECT_EQ(m_listener->wait(), 4);
     EXPECT_EQ(m_agent->take("rejectPush").id, "m1");
@@ -291,7 +322,7 @@ TEST_F(Quilctl, ListenAsJsonIsOneObjectPerLine) {
 }
 
 TEST_F(Quilctl, ListenGivesUpAfterTheTimeout) {
-    listen({"--timeout", "0.3"});
+    listen({"--timeout", "2"});
     EXPECT_EQ(m_listener->wait(), 4);
     EXPECT_TRUE(contains(m_listener->error, "the time given with --timeout is over"));
 }

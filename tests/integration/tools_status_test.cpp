@@ -2,6 +2,7 @@
 // whole way of a push with the real agent.
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -14,7 +15,9 @@
 #include <sstream>
 
 #include "tests/integration/tool_process.hpp"
+#include "tests/support/child_process.hpp"
 #include "tests/support/ppsd_mount.hpp"
+#include "tests/support/wait_until.hpp"
 
 namespace {
 
@@ -165,6 +168,39 @@ TEST_F(Status, NamesADeadMount) {
 TEST_F(Status, NamesAnObjectInTheWay) {
     write("services/push/ipc", {"a=1"});
     EXPECT_EQ(check(), "no-agent object-in-the-way 1");
+}
+
+TEST_F(Status, NamesAnObjectThatAShellMadeInTheAgentsPlace) {
+    close(open(m_ppsd.path("/services/push/ipc").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+    EXPECT_EQ(check(), "no-agent object-in-the-way 1");
+    EXPECT_EQ(runTool(m_root.path(), "ppsctl", {"rm", "services/push/ipc"}).status, 0);
+    EXPECT_EQ(check(), "no-agent 1");
+}
+
+// An agent runs, but applications write to an object that nobody serves.
+TEST_F(Status, NamesAnObjectInTheWayOfARunningAgent) {
+    const std::string program = m_root.path("/quilagent");  // runs, and serves nothing
+    std::filesystem::copy_file("/bin/sleep", program);
+    ChildProcess agent(m_root.path("/agent.log"));
+    write("services/push/ipc", {"msg=createSession"});
+    ASSERT_TRUE(agent.start({program, "60"}));
+    ASSERT_TRUE(waitUntil([this] { return check() == "object-in-the-way 1"; })) << check();
+    const ToolRun result = runTool(m_root.path(), "quilctl", {"status"});
+    EXPECT_TRUE(contains(result.output, "does not serve")) << result.output;
+}
+
+TEST_F(Status, NamesAPortThatTwoSessionsHave) {
+    const Listening port;
+    const std::string session =
+        "\",\"ppgUrl\":\"http://x\",\"launchString\":\"\",\"token\":\"2a\","
+        "\"port\":" +
+        port.port + "}";
+    startAgent();
+    write("services/push/quilagent",
+          {"version=5.0.0", "imsi=302720",
+           "dat:json:{\"sessions\":[{\"providerApplicationId\":\"com.a" + session +
+               ",{\"providerApplicationId\":\"com.b" + session + "]}"});
+    EXPECT_EQ(check(), "port-shared 1");
 }
 
 TEST_F(Status, NamesAMissingPin) {

@@ -1,6 +1,8 @@
 #include "tools/quilctl/findings.hpp"
 
 #include <cstdlib>
+#include <map>
+#include <set>
 
 namespace {
 
@@ -43,7 +45,15 @@ void judgePushObject(const StatusFacts& facts, Findings& findings) {
     if (facts.service != ServiceState::Mounted) {
         return;
     }
-    if (!facts.objectProblem.empty()) {
+    if (facts.isObjectOrdinary || (facts.isObjectServed && facts.agents.empty())) {
+        add(findings, "object-in-the-way",
+            facts.agents.empty()
+                ? "/pps/services/push/ipc is there though no agent runs: an ordinary object, or "
+                  "somebody else's"
+                : "an ordinary object is in the place of /pps/services/push/ipc: nobody reads what "
+                  "applications write to it",
+            "remove it (ppsctl rm services/push/ipc), then start the agent again");
+    } else if (!facts.objectProblem.empty()) {
         add(findings, "object-forbidden",
             "you may not use /pps/services/push/ipc: " + facts.objectProblem,
             "see owner and mode: ppsctl ls services/push; applications need 0666 and 0755");
@@ -51,11 +61,6 @@ void judgePushObject(const StatusFacts& facts, Findings& findings) {
         add(findings, "not-served", "the agent runs, but does not serve /pps/services/push/ipc",
             "it was started before the object service, or may not write to /pps/services/push: "
             "see its log, then start it again");
-    } else if (facts.isObjectServed && facts.agents.empty()) {
-        add(findings, "object-in-the-way",
-            "/pps/services/push/ipc is there though no agent runs: an ordinary object, or somebody "
-            "else's",
-            "remove it: ppsctl rm services/push/ipc");
     }
 }
 
@@ -156,6 +161,29 @@ void judgeSaved(const StatusFacts& facts, Findings& findings) {
     }
 }
 
+// The push server gives out ports, and is free to give one twice. Only one session can listen on
+// it, and which one may change with every start.
+void judgeSharedPorts(const StatusFacts& facts, Findings& findings) {
+    std::map<int, std::set<std::string>> applications;
+    for (const SavedSession& session : facts.saved.sessions) {
+        applications[session.port].insert(session.appId);
+    }
+    for (const auto& [port, names] : applications) {
+        if (port <= 0 || names.size() < 2) {
+            continue;
+        }
+        std::string list;
+        for (const std::string& name : names) {
+            list += list.empty() ? name : " and " + name;
+        }
+        add(findings, "port-shared",
+            "port " + std::to_string(port) + " was given to " + list +
+                ": one of them gets the pushes of all, which one may change when the agent starts",
+            "the push server has to give each application a port of its own; then create their "
+            "channels again");
+    }
+}
+
 void judgePorts(const StatusFacts& facts, Findings& findings) {
     if (facts.agents.empty()) {
         return;
@@ -183,6 +211,7 @@ std::vector<Finding> findProblems(const StatusFacts& facts) {
     judgeIdentity(facts, found);
     judgeConfiguration(facts, found);
     judgeSaved(facts, found);
+    judgeSharedPorts(facts, found);
     judgePorts(facts, found);
     Findings ordered;
     for (const bool isWarning : {false, true}) {

@@ -160,8 +160,7 @@ void Listener::waitAndRead() {
 
 void Listener::flushAnswers() {
     const auto limit = Clock::now() + kFlushTime;
-    while (m_client.isReady() && m_client.untilDue() <= milliseconds(1000) &&
-           Clock::now() < limit) {
+    while (m_client.hasUnsent() && Clock::now() < limit) {
         waitAndRead();
         m_client.dispatch();
     }

@@ -13,6 +13,7 @@ ExitStatus exitStatusOf(const Result& result) {
             return kDone;
         case quilclient::kNoObjectService:
         case quilclient::kNoAgent:
+        case quilclient::kObjectInTheWay:
         case quilclient::kConnectionLost:
         case quilclient::kNoPermission:
         case quilclient::kNotConnected:

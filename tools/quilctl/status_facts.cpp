@@ -144,12 +144,14 @@ SavedObject readSaved(const std::vector<AgentProcess>& agents) {
 void lookAtPushObject(StatusFacts* facts) {
     const std::string path = platformPath(kPushObject);
     struct stat info {};
-    facts->isObjectServed = stat(path.c_str(), &info) == 0;
-    if (facts->isObjectServed && access(path.c_str(), R_OK | W_OK) != 0) {
-        facts->objectProblem = std::strerror(errno);
-    } else if (!facts->isObjectServed && errno != ENOENT) {
+    const bool isThere = stat(path.c_str(), &info) == 0;
+    if (isThere ? access(path.c_str(), R_OK | W_OK) != 0 : errno != ENOENT) {
         facts->objectProblem = std::strerror(errno);
     }
+    // A served object holds no attributes, so it has no size. An ordinary one without attributes
+    // cannot be told from it.
+    facts->isObjectOrdinary = isThere && info.st_size > 0;
+    facts->isObjectServed = isThere && !facts->isObjectOrdinary;
 }
 
 bool isLoopback(const std::string& host) {

@@ -47,7 +47,8 @@ struct SavedObject {
 struct StatusFacts {
     ServiceState service = ServiceState::Absent;
     std::vector<AgentProcess> agents;  // those of this QUIL_ROOT, as far as that can be seen
-    bool isObjectServed = false;       // the push object is there
+    bool isObjectServed = false;       // the push object is there, and may be a served one
+    bool isObjectOrdinary = false;     // an ordinary object with attributes is in its place
     std::string objectProblem;         // why this user cannot use it, in words
     Configuration configuration;
     std::vector<IdentityValue> identity;

@@ -19,6 +19,12 @@ struct Config {
     // The longest that one request may go unanswered. The agent works off registrations with push
     // servers one by one, two HTTP requests of up to a minute each, and answers queue up behind.
     std::chrono::milliseconds requestTimeout{150000};
+    // How long no push may have come since the session was created before its channel is asked for.
+    // Pushes wait on the port of a session that the agent brought back from before its restart, and
+    // a channel asked for anew closes that port with all that waits there. An application that
+    // never had a channel waits in vain, but neither it nor this client can know. Pushes that keep
+    // coming faster than this put the channel off: they show that there is one.
+    std::chrono::milliseconds quietTime{1000};
     // Pause between attempts to reach an agent that is not there; doubles from first to longest.
     std::chrono::milliseconds firstReconnect{100};
     std::chrono::milliseconds longestReconnect{5000};
@@ -45,8 +51,8 @@ struct Handlers {
     // without a token is such a failure: kEmptyToken.
     std::function<void(const Result&, const std::string& token)> onChannel;
 
-    // The connection was made (ok), or lost or refused (the reason). Not repeated while the reason
-    // stays the same; the client goes on trying by itself.
+    // The agent answered on a new connection (ok), or the connection was lost or refused (the
+    // reason). Not repeated while the reason stays the same; the client goes on trying by itself.
     std::function<void(const Result&)> onConnection;
 
     // The device has another SIM than the one that channels were created with, so the agent tore

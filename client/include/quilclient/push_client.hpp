@@ -41,7 +41,8 @@ class PushClient {
     PushClient(PushClient&&) noexcept;
     PushClient& operator=(PushClient&&) noexcept;
 
-    // Connects, creates session and channel, and handles what comes until stop(). ok after stop();
+    // Connects, creates the session, takes the pushes that wait, creates the channel, and handles
+    // what comes until stop(). ok after stop();
     // kBadArgument for a configuration that cannot work; kHandlerThrew; kSystemError. May be called
     // again and then goes on where it stopped.
     Result run() noexcept;
@@ -81,6 +82,10 @@ class PushClient {
 
     // True while session and channel stand.
     bool isReady() const noexcept;
+
+    // True while requests and answers wait here for room in the queue of an agent that is busy;
+    // dispatch() hands them over. What still waits when the client is destroyed is never sent.
+    bool hasUnsent() const noexcept;
 
   private:
     class Impl;

@@ -24,7 +24,8 @@ enum Code : int {
     kHandlerThrew = -8,     // one of the application's own handlers threw an exception
     kSystemError = -9,      // the operating system refused; the words hold its reason
     kNotConnected = -10,    // there is no connection to the agent right now
-    kQueueFull = -11        // too many requests wait for an agent that does not read
+    kQueueFull = -11,       // too many requests wait for an agent that does not read
+    kObjectInTheWay = -12   // an ordinary object lies where the agent serves the push object
 };
 
 struct Result {

@@ -7,10 +7,12 @@
 namespace quilclient {
 
 enum class Verb {
-    CreateSession,         // pushes of the application then go to the connection that asked
-    CreateChannel,         // argument: the URL of the push server
-    DestroyChannel,        // no argument
-    RegisterToLaunch,      // argument: the launch string
+    CreateSession,     // pushes of the application then go to the connection that asked, also
+                       // those that waited: they are lost when it is closed
+    CreateChannel,     // argument: the URL of the push server. Closes the port of a channel that
+                       // stands, with all pushes that wait there
+    DestroyChannel,    // no argument
+    RegisterToLaunch,  // argument: the launch string
     UnregisterFromLaunch,  // no argument
     AcceptPush,            // argument: the push id
     RejectPush             // argument: the push id

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <optional>
 #include <stdexcept>
@@ -24,6 +25,7 @@ class Client : public ::testing::Test {
         m_config.appId = "com.app";
         m_config.ppgUrl = "http://ppg";
         m_config.requestTimeout = 10s;
+        m_config.quietTime = 0ms;
         m_config.firstReconnect = 1ms;
         m_config.longestReconnect = 4ms;
         m_config.firstChannelRetry = 1ms;
@@ -127,6 +129,78 @@ TEST_F(Client, CreatesSessionThenChannel) {
     EXPECT_EQ(m_log, "connection 0\nchannel 0 2a\n");
 }
 
+TEST_F(Client, ChannelIsAskedForOnceNoPushCameForAWhile) {
+    m_config.quietTime = 100ms;
+    m_agent.sendReply("onCreateSessionComplete", next().id);
+    for (int i = 0; i < 4; ++i) {
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_TRUE(drive([&] { return std::chrono::steady_clock::now() - start > 50ms; }));
+        EXPECT_EQ(m_agent.take().msg, "") << "asked though a push came 50 ms ago";
+        EXPECT_LE(client().untilDue(), 100ms);
+        m_agent.sendPush(std::to_string(i), "", false);
+    }
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(next().msg, "createChannel");
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 80ms);
+    EXPECT_EQ(m_pushes.size(), 4U);
+}
+
+TEST_F(Client, TimeThatTheApplicationTakesForAPushIsNoQuiet) {
+    m_config.quietTime = 60ms;
+    m_handlers.onPush = [this](const Push& push) {
+        std::this_thread::sleep_for(80ms);
+        m_pushes.push_back(push);
+        return m_answer;
+    };
+    m_agent.sendReply("onCreateSessionComplete", next().id);
+    m_agent.sendPush("m1", "", true);
+    EXPECT_TRUE(drive([this] { return m_pushes.size() == 1; }));
+    EXPECT_GT(client().untilDue(), 30ms);
+    EXPECT_EQ(next().msg, "acceptPush");
+    EXPECT_EQ(next().msg, "createChannel");
+}
+
+TEST_F(Client, ChannelWantedAgainRightAfterTheSessionWaitsForQuietToo) {
+    m_config.quietTime = 100ms;
+    m_agent.sendReply("onCreateSessionComplete", next().id);
+    EXPECT_TRUE(drive([this] { return m_log == "connection 0\n"; }));
+    EXPECT_TRUE(client().destroyChannel().ok());
+    const FakeRequest destroy = next();
+    EXPECT_EQ(destroy.msg, "destroyChannel");
+    m_agent.hangUp();
+    m_agent.sendReply("onCreateSessionComplete", next().id);
+    EXPECT_TRUE(drive([this] { return m_log.ends_with("connection 0\n"); }));
+    EXPECT_TRUE(client().createChannel().ok());
+    expectNothingMore();
+    EXPECT_EQ(next().msg, "createChannel");
+}
+
+TEST_F(Client, OwnRequestComingBackIsNoAgent) {
+    EXPECT_EQ(next().msg, "createSession");
+    const int before = m_agent.opens;
+    m_agent.send("@ipc\n" + m_agent.lastText);
+    EXPECT_TRUE(drive([&] { return m_agent.opens > before; }));
+    EXPECT_EQ(m_log, "connection -12\n");
+    makeReady();
+}
+
+TEST_F(Client, AnswerWithTheIdOfARequestAndAnotherNameIsNoAnswer) {
+    const FakeRequest session = next();
+    m_agent.sendReply("onCreateChannelComplete", session.id, "dat:json:{\"token\":\"2a\"}\n");
+    m_agent.sendReply("", session.id);
+    EXPECT_TRUE(drive([this] { return std::count(m_log.begin(), m_log.end(), '\n') == 2; }));
+    EXPECT_EQ(m_log.find("connection"), std::string::npos) << m_log;
+    m_agent.sendReply("onCreateSessionComplete", session.id);
+    EXPECT_EQ(next().msg, "createChannel");
+}
+
+TEST_F(Client, AnswerToDestroyingMayBeCalledASimChange) {
+    makeReady();
+    EXPECT_TRUE(client().destroyChannel().ok());
+    m_agent.sendReply("onSimChange", next().id);
+    EXPECT_TRUE(drive([this] { return m_log == "sim change\ndestroyed 0\n"; })) << m_log;
+}
+
 TEST_F(Client, RefusesAConfigurationThatCannotWork) {
     m_config.ppgUrl = "";
     EXPECT_EQ(client().run().code, kBadArgument);
@@ -157,7 +231,7 @@ TEST_F(Client, UnansweredRequestTimesOutAndIsMadeAgain) {
     const FakeRequest second = next();
     EXPECT_EQ(second.msg, "createSession");
     EXPECT_NE(second.id, first.id);
-    EXPECT_EQ(m_log, "connection 0\nchannel -3 \n");
+    EXPECT_EQ(m_log, "channel -3 \n") << "nobody who answered is no connection";
 }
 
 TEST_F(Client, ReconnectsWhenTheAgentGoesAwayAndComesBack) {
@@ -312,10 +386,10 @@ TEST_F(Client, LaunchStringIsSetOnceThereIsASessionAndWithEveryNewOne) {
     EXPECT_TRUE(client().setLaunchString("app://x").ok());
     for (int round = 0; round < 2; ++round) {
         m_agent.sendReply("onCreateSessionComplete", next().id);
-        EXPECT_EQ(next().msg, "createChannel");
         const FakeRequest launch = next();
         EXPECT_EQ(launch.msg, "registerToLaunch");
         EXPECT_EQ(launch.launchString, "app://x");
+        EXPECT_EQ(next().msg, "createChannel");
         m_log.clear();
         m_agent.sendReply("", launch.id);
         EXPECT_TRUE(drive([this] { return !m_log.empty(); }));
@@ -386,8 +460,7 @@ TEST_F(Client, DestroyCutOffByTheAgentsEndIsReported) {
     makeReady();
     EXPECT_TRUE(client().destroyChannel().ok());
     m_agent.hangUp();
-    EXPECT_TRUE(drive([this] { return m_log == "connection -4\ndestroyed -4\nconnection 0\n"; }))
-        << m_log;
+    EXPECT_TRUE(drive([this] { return m_log == "connection -4\ndestroyed -4\n"; })) << m_log;
 }
 
 TEST_F(Client, AnswerToNoRequestIsNoted) {
@@ -448,6 +521,7 @@ TEST_F(Client, StopFromAnotherThreadEndsRun) {
 }
 
 TEST_F(Client, StopFromAHandlerEndsRun) {
+    m_agent.openError = EACCES;
     m_handlers.onConnection = [this](const Result&) { client().stop(); };
     EXPECT_TRUE(client().run().ok());
     EXPECT_EQ(m_agent.opens, 1);
@@ -461,6 +535,7 @@ TEST_F(Client, FullQueueOfTheAgentOnlyDelaysRequests) {
     }
     EXPECT_EQ(client().accept("x").code, kQueueFull);
     EXPECT_LE(client().untilDue(), 50ms);
+    EXPECT_TRUE(client().hasUnsent());
     int arrived = 0;
     EXPECT_TRUE(drive([&] {
         while (m_agent.take().msg == "acceptPush") {
@@ -469,6 +544,7 @@ TEST_F(Client, FullQueueOfTheAgentOnlyDelaysRequests) {
         return arrived == accepted;
     })) << arrived
         << " of " << accepted;
+    EXPECT_FALSE(client().hasUnsent());
 }
 
 TEST_F(Client, DescriptorStaysTheSameForLife) {

@@ -61,6 +61,24 @@ TEST(OneRequest, SkipsWhatIsForOthers) {
     EXPECT_EQ(reply.token, "x");
 }
 
+TEST(OneRequest, ComingBackAsItWasSentIsNoAgent) {
+    for (const auto& [verb, name] : {std::pair{Verb::CreateSession, "createSession"},
+                                     {Verb::CreateChannel, "createChannel"},
+                                     {Verb::RegisterToLaunch, "registerToLaunch"}}) {
+        EXPECT_EQ(
+            requestAnsweredWith(std::string("@ipc\nmsg::") + name + "\nid::1\n", verb).result.code,
+            kObjectInTheWay)
+            << name;
+    }
+}
+
+TEST(OneRequest, TakesNoAnswerOfAnotherName) {
+    const Reply reply = requestAnsweredWith(
+        "@ipc\nmsg::onCreateSessionComplete\nid::1\n@ipc\nid::1\n@ipc\nmsg::onSimChange\nid::1\n"
+        "@ipc\nmsg::onCreateChannelComplete\nid::1\ndat:json:{\"token\":\"x\"}\n");
+    EXPECT_EQ(reply.token, "x");
+}
+
 TEST(OneRequest, TellsThatTheAgentWentAway) {
     EXPECT_EQ(requestAnsweredWith("").result.code, kConnectionLost);
     EXPECT_EQ(requestAnsweredWith("-@ipc\n").result.code, kConnectionLost);

@@ -15,7 +15,7 @@ TEST(Codes, AreAllExplained) {
         }
         EXPECT_TRUE(isListed) << code;
     }
-    for (int code = kQueueFull; code <= kOk; ++code) {
+    for (int code = kObjectInTheWay; code <= kOk; ++code) {
         EXPECT_EQ(explain(code).code, code);
         EXPECT_NE(explain(code).meaning, explain(-99).meaning) << code;
     }

@@ -74,6 +74,32 @@ TEST_F(FindingsTest, SeveralAgents) {
     EXPECT_EQ(found(), "many-agents?");
 }
 
+TEST_F(FindingsTest, OrdinaryObjectInThePlaceOfTheAgents) {
+    m_facts.isObjectServed = false;
+    m_facts.isObjectOrdinary = true;
+    EXPECT_EQ(found(), "object-in-the-way");
+    m_facts.agents.clear();
+    EXPECT_EQ(found(), "no-agent object-in-the-way");
+}
+
+TEST_F(FindingsTest, OnePortOfTwoSessions) {
+    m_facts.saved.sessions.push_back({"com.other", "http://x", "", 4401, true, 44, 0});
+    EXPECT_EQ(found(), "");
+    m_facts.saved.sessions[1].port = 4400;
+    EXPECT_EQ(found(), "port-shared");
+    EXPECT_EQ(findProblems(m_facts)[0].words.find(
+                  "port 4400 was given to com.app and com.other: one of them gets"),
+              0U)
+        << findProblems(m_facts)[0].words;
+    m_facts.saved.sessions.push_back({"com.third", "http://x", "", 4400, true, 44, 0});
+    EXPECT_EQ(found(), "port-shared");
+    for (SavedSession& session : m_facts.saved.sessions) {
+        session.port = -1;
+    }
+    m_facts.agents.clear();
+    EXPECT_EQ(found(), "no-agent object-in-the-way");
+}
+
 TEST_F(FindingsTest, PushObjectNotServedOrForbidden) {
     m_facts.isObjectServed = false;
     EXPECT_EQ(found(), "not-served");
