@@ -420,6 +420,16 @@ void QuilSession::deletePushSocket(const std::string& pushId) {
     }
 }
 
+void QuilSession::giveBackPushSocket(const std::string& pushId) {
+    const Lock lock(m_lock);
+    const QuilLock pushLock(m_pushSocketLock);
+    const auto found = m_pushSockets.find(pushId);
+    if (found != m_pushSockets.end()) {
+        found->second.socket->release();
+        erasePushSocket(found);
+    }
+}
+
 void QuilSession::acknowledgePush(const std::string& pushId, bool sendAck) {
     const std::shared_ptr<QuilPushSocket> pushSocket = getPushSocket(pushId);
     if (pushSocket == nullptr) {

@@ -113,6 +113,8 @@ class QuilSession {
     std::shared_ptr<QuilPushSocket> getPushSocket(const std::string& pushId) const;
     // Closes and forgets the connection kept under the id.
     void deletePushSocket(const std::string& pushId);
+    // Forgets the connection kept under the id without closing it: the caller owns it again.
+    void giveBackPushSocket(const std::string& pushId);
     // The application's answer: writes the acknowledgement when `sendAck`, then closes the
     // connection.
     void acknowledgePush(const std::string& pushId, bool sendAck);

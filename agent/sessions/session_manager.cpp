@@ -302,3 +302,10 @@ int QuilSessionManager::letGoOfDeadPushSockets() {
     }
     return count;
 }
+
+void QuilSessionManager::forgetClients() {
+    const Lock lock(m_lock);
+    for (const auto& entry : m_sessions) {
+        entry.second->setClientObjectId("");
+    }
+}
