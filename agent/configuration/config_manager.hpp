@@ -43,6 +43,8 @@ class QuilConfigManager {
     int getProxyPort() const;
     // Host on which pushes are awaited: the key "listen-address", else what getProxyHost gives.
     std::string getListenAddress() const;
+    // Who may push: addresses and networks, "" for everybody.
+    std::string getAllowedSenders() const;
     // Longest that one push may take to arrive, in seconds; 0 for no limit.
     int getPushTimeout() const;
     // Longest that one request to a push data server may take, in seconds; 0 for libcurl's own

@@ -160,16 +160,14 @@ TEST_F(AgentRestart, ObjectServiceThatComesBackIsServedAgainWithTheSameSessionsA
     const pid_t agent = m_agent.pid();
     for (int round = 1; round <= 3; ++round) {
         m_ppsd->kill();
-        ASSERT_TRUE(waitUntil([&] {
-            return countInLog(agentLog(), "object service lost") == round;
-        }));
+        ASSERT_TRUE(
+            waitUntil([&] { return countInLog(agentLog(), "object service lost") == round; }));
         // What comes meanwhile waits with its sender.
         const PushSender sender(m_port);
         sender.send(makePush("late", "x"));
         ASSERT_TRUE(m_ppsd->start());
-        ASSERT_TRUE(waitUntil([&] {
-            return countInLog(agentLog(), "object service is back") == round;
-        }));
+        ASSERT_TRUE(
+            waitUntil([&] { return countInLog(agentLog(), "object service is back") == round; }));
         const auto client = connect();
         ASSERT_TRUE(client->isOpen());
         client->request("createSession", "s", kApp);
@@ -185,7 +183,8 @@ TEST_F(AgentRestart, ObjectServiceThatComesBackIsServedAgainWithTheSameSessionsA
     EXPECT_TRUE(m_agent.isRunning());
 }
 
-// The new service numbers its clients from the start: an id of the old one is another program's now.
+// The new service numbers its clients from the start: an id of the old one is another program's
+// now.
 TEST_F(AgentRestart, NobodyGetsWhatWasMeantForAClientOfTheServiceBefore) {
     startServer({"--delay", "1"});
     ASSERT_TRUE(startAgent());

@@ -409,13 +409,14 @@ TEST_F(EventLoop, LostObjectServiceIsToldOnceAndAwaitedQuietly) {
     ASSERT_TRUE(waitForLogged(4, "quilAgentLoop: object service is back")) << recordedText();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1000));
     replaceDescriptor();
-    EXPECT_TRUE(waitForLogged(5, "Save: Wrote " + std::to_string(readFile(kSaved).size()) +
-                                     " bytes to pps."))
+    EXPECT_TRUE(waitForLogged(
+        5, "Save: Wrote " + std::to_string(readFile(kSaved).size()) + " bytes to pps."))
         << recordedText();
     EXPECT_EQ(countRecorded(3, lost), 1);
     // The application is back, and gets what waited for it.
-    sendRequest("@ipc.3\nmsg::createSession\nid::1\n"
-                "dat:json:{\"providerApplicationId\":\"app\"}\n");
+    sendRequest(
+        "@ipc.3\nmsg::createSession\nid::1\n"
+        "dat:json:{\"providerApplicationId\":\"app\"}\n");
     EXPECT_NE(nextReply().find("onCreateSessionComplete"), std::string::npos);
     EXPECT_NE(nextReply().find("pushNotification"), std::string::npos);
 }
