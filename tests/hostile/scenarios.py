@@ -1,0 +1,10 @@
+"""All scenarios, in the order in which they run."""
+
+from hostile.client_storms import ClientStorms
+from hostile.dead_servers import DeadServers
+from hostile.scarce_descriptors import ScarceDescriptors
+from hostile.silent_log import SilentLog
+from hostile.slow_senders import SlowSenders
+from hostile.vanished_senders import VanishedSenders
+
+ALL = [SlowSenders(), VanishedSenders(), DeadServers(), ClientStorms(), ScarceDescriptors(), SilentLog()]
