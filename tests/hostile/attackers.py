@@ -146,46 +146,82 @@ def hold_slow_senders(control, ports, count):
     return {**{f"{kind} senders": number for kind, number in attack.counts.items()}, "open at once": attack.most}
 
 
-def send_and_stay(control, ports, count, at_once, vanishes):
-    """Whole pushes whose senders wait for an answer that never comes; each then vanishes, or stays until the end.
-    Says the number of pushes sent once all are out, or when no more can be placed."""
-    waiting, done, failed = {}, [], 0
-    poll = select.poll()
-    started = last = time.monotonic()
-    sent = begun = 0
-    while sent + failed < count and not control.is_stopped():
-        now = time.monotonic()
-        while begun < count and len(waiting) < at_once:
-            connection = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-            connection.setblocking(False)
-            connection.connect_ex(("127.0.0.1", ports[begun % len(ports)]))
-            begun += 1
-            waiting[connection.fileno()] = (connection, f"stay.{os.getpid()}.{begun}")
-            poll.register(connection, select.POLLOUT)
-        for descriptor, events in poll.poll(100):
-            connection, push_id = waiting.pop(descriptor)
-            poll.unregister(descriptor)
-            last = time.monotonic()
-            try:
-                connection.send(make_push(push_id))
-                sent += 1
-            except OSError:
-                failed += 1
-                connection.close()
-                continue
-            done.append((now, connection))
-        while vanishes and done and (now - done[0][0] > 0.2 or sent == count):
-            done.pop(0)[1].close()
-        if now - last > 3:
-            break  # nobody takes them any more
-    control.say({"pushes": sent, "failed": failed + len(waiting), "seconds": time.monotonic() - started})
-    if vanishes:
-        for _, connection in done:
-            connection.close()
-        done = []
-    else:
-        control.is_stopped(3600)
-    return {"pushes whose sender waited": sent}
+BACKLOG = 4  # pushes to one port at a time that are on their way; beyond six the kernel lets senders wait for a second
+
+
+class UnansweredPushes:
+    """Pushes whose senders wait, to applications that never answer."""
+
+    def __init__(self, control, path, url, apps, ports_of):
+        self.poll = select.poll()
+        self.applications = {}
+        for app in apps:
+            application = Application(path)
+            if not application.create_session(app) or not application.create_channel(app, url):
+                raise AgentGone(f"no channel for {app}")
+            self.applications[application.fileno()] = application
+            self.poll.register(application, select.POLLIN)
+        given = ports_of()
+        self.ports = [given[app] for app in apps]
+        self.on_way = {}  # push id: its connection
+        self.unsent = {}  # descriptor: push id
+        self.delivered = []  # (when, connection)
+        self.begun = 0
+
+    def begin(self):
+        connection = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        connection.setblocking(False)
+        connection.connect_ex(("127.0.0.1", self.ports[self.begun % len(self.ports)]))
+        self.begun += 1
+        push_id = f"u{self.begun}"
+        self.on_way[push_id] = connection
+        self.unsent[connection.fileno()] = push_id
+        self.poll.register(connection, select.POLLOUT)
+
+    def serve(self, milliseconds):
+        """Takes what happens within so much time; True when a push was delivered."""
+        before = len(self.delivered)
+        for descriptor, _ in self.poll.poll(milliseconds):
+            if descriptor in self.unsent:
+                push_id = self.unsent.pop(descriptor)
+                self.poll.unregister(descriptor)
+                try:
+                    self.on_way[push_id].send(make_push(push_id))
+                except OSError:
+                    self.on_way.pop(push_id).close()
+            elif descriptor in self.applications:
+                now = time.monotonic()
+                for message in self.applications[descriptor].messages():
+                    connection = self.on_way.pop(message.id.strip(), None)
+                    if connection is not None:
+                        self.delivered.append((now, connection))
+        return len(self.delivered) > before
+
+
+def leave_unanswered(control, path, url, apps, ports_of, count, vanishes):
+    """So many unanswered pushes. Each sender then vanishes, or stays until the end. Says True when the applications are
+    ready, waits for a round to begin, and says how many pushes came to their application once all did, or none
+    does any more."""
+    pushes = UnansweredPushes(control, path, url, apps, ports_of)
+    control.say(True)
+    while control.next_round() is not None:
+        started = last = time.monotonic()
+        begun = delivered = 0
+        while delivered < count and time.monotonic() - last < 3:
+            while begun < count and len(pushes.on_way) < BACKLOG * len(pushes.ports):
+                pushes.begin()
+                begun += 1
+            if pushes.serve(100):
+                last = time.monotonic()
+            now = time.monotonic()
+            if vanishes:
+                while pushes.delivered and now - pushes.delivered[0][0] > 0.1:
+                    pushes.delivered.pop(0)[1].close()
+                    delivered += 1
+            else:
+                delivered = len(pushes.delivered)
+        control.say({"pushes": delivered, "seconds": time.monotonic() - started})
+    return {"pushes that nobody answered": pushes.begun - len(pushes.on_way)}
 
 
 # Push data servers

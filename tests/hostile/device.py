@@ -12,6 +12,7 @@ import time
 from hostile.workers import die_with_parent
 
 PATIENCE_SECONDS = 20
+AGENT_START_SECONDS = 8
 # As root, so that every program runs as it would on a device: nobody but the object service as root.
 AGENT_USER = 65534
 ATTACKER_USER = 54321
@@ -216,7 +217,7 @@ class Device:
         self.agent = self.start("quilagent", *self.agent_arguments, "-U", user, log="agent.log", prepare=limits)
 
     def wait_for_agent(self):
-        wait_until(lambda: os.path.exists(self.ipc) or self.agent.poll() is not None)
+        wait_until(lambda: os.path.exists(self.ipc) or self.agent.poll() is not None, AGENT_START_SECONDS)
         if self.agent.poll() is not None or not os.path.exists(self.ipc):
             raise DeviceFailed(f"the agent did not start: {self.read('/agent.log')[-2000:]}")
 

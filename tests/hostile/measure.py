@@ -75,6 +75,7 @@ class Result:
         self.notes = []
         self.skipped = ""
         self.seconds = 0.0
+        self.also_lost = 0  # pushes that no probe sent
 
     def check(self, text, value, is_kept, is_judged=True):
         self.checks.append(Check(text, value, is_kept, is_judged))
@@ -96,7 +97,7 @@ class Result:
         self.check("lost pushes: 0", lost, lost == 0)
 
     def lost(self):
-        return sum(waits.lost for waits in self.attacked.values())
+        return self.also_lost + sum(waits.lost for waits in self.attacked.values())
 
     @property
     def verdict(self):

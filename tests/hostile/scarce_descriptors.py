@@ -2,7 +2,7 @@
 
 import time
 
-from hostile.attackers import hold_slow_senders, send_and_stay
+from hostile.attackers import hold_slow_senders, leave_unanswered
 from hostile.device import Device, innocent_user, wait_until
 from hostile.probes import PUSHES, REGISTRATIONS, REQUESTS, Innocents, make_channel
 from hostile.scenario import Scenario, attack, judge_findings, say_tried, start_crowd
@@ -21,15 +21,20 @@ class ScarceDescriptors(Scenario):
     def run(self, context, result):
         with Device(context, ["push-timeout 2"], descriptor_limit=LIMIT) as device:
             innocents = Innocents(device, (REQUESTS,))
-            crowd, ports = start_crowd(device, ["hoarding.1", "hoarding.2", "silent.1", "silent.2"])
+            crowd, ports = start_crowd(device, ["silent.1", "silent.2"])
+            stayers = attack(leave_unanswered, device.ipc, device.url, ["hoarding.1", "hoarding.2"], device.ports, 800,
+                             False)
+            stayers.hear(20)
             result.baseline = innocents.measure(context.pick(2, 0.7))
             before = device.descriptors()
-            stayers = [attack(send_and_stay, [port], 400, 32, False) for port in ports[:2]]
-            slow = attack(hold_slow_senders, ports[2:], 200)
+            stayers.begin_round(0, 0)
+            told = stayers.hear(20)
+            slow = attack(hold_slow_senders, ports, 200)
             time.sleep(0.5)
             result.attacked = innocents.measure(context.pick(6, 2.5), grace=3)
             peak = device.descriptors()
-            say_tried(result, *[stayer.stop() for stayer in stayers], slow.stop())
+            say_tried(result, stayers.stop(), slow.stop())
+            result.notes.append(f"{told['pushes']} of 800 unanswered pushes came to their application")
             result.check_waits(REQUESTS, 50, p99_ms=WAIT_MS, is_judged=context.is_timed)
             result.check("descriptors at the most: 300", peak, 0 < peak <= LIMIT)
 

@@ -1,10 +1,13 @@
 """All scenarios, in the order in which they run."""
 
+from hostile.agent_crashes import AgentCrashes
 from hostile.client_storms import ClientStorms
 from hostile.dead_servers import DeadServers
 from hostile.scarce_descriptors import ScarceDescriptors
+from hostile.service_crashes import ServiceCrashes
 from hostile.silent_log import SilentLog
 from hostile.slow_senders import SlowSenders
 from hostile.vanished_senders import VanishedSenders
 
-ALL = [SlowSenders(), VanishedSenders(), DeadServers(), ClientStorms(), ScarceDescriptors(), SilentLog()]
+ALL = [SlowSenders(), VanishedSenders(), DeadServers(), ClientStorms(), ScarceDescriptors(), SilentLog(),
+       AgentCrashes(), ServiceCrashes()]

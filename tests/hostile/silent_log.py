@@ -7,7 +7,7 @@ import socket
 import subprocess
 import time
 
-from hostile.device import Device, is_root
+from hostile.device import Device, DeviceFailed, is_root
 from hostile.probes import Innocents
 from hostile.scenario import Scenario, Skipped, judge_findings, judge_waits
 from hostile.workers import LIBC
@@ -86,16 +86,14 @@ class SilentLog(Scenario):
         except subprocess.SubprocessError as error:
             device.clean_up()
             raise Skipped(f"no mount namespace with a /dev/log of its own here: {error}") from error
+        except DeviceFailed:
+            result.tried = f"a log socket full with {log.lines_waiting()} unread lines"
+            result.check("the agent starts", "no", False)
+            return
         with device:
             # Full before anybody is timed, and never read.
             time.sleep(0.3)
-            try:
-                innocents = Innocents(device)
-            except Exception as error:
-                result.notes.append(f"the innocent application came to no channel: {str(error)[-300:]}")
-                result.check("an application gets its channel", "no", False)
-                result.check("lines in the log socket: at least 1", log.lines_waiting(), True)
-                return
+            innocents = Innocents(device)
             result.attacked = innocents.measure(context.pick(6, 2.5), grace=context.pick(4, 3))
             waiting = log.lines_waiting()
             result.tried = f"a log socket full with {waiting} unread lines"
