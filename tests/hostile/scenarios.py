@@ -3,6 +3,7 @@
 from hostile.agent_crashes import AgentCrashes
 from hostile.client_storms import ClientStorms
 from hostile.dead_servers import DeadServers
+from hostile.power_cuts import PowerCuts
 from hostile.scarce_descriptors import ScarceDescriptors
 from hostile.service_crashes import ServiceCrashes
 from hostile.silent_log import SilentLog
@@ -10,4 +11,4 @@ from hostile.slow_senders import SlowSenders
 from hostile.vanished_senders import VanishedSenders
 
 ALL = [SlowSenders(), VanishedSenders(), DeadServers(), ClientStorms(), ScarceDescriptors(), SilentLog(),
-       AgentCrashes(), ServiceCrashes()]
+       AgentCrashes(), ServiceCrashes(), PowerCuts()]
