@@ -3,6 +3,7 @@
 from hostile.agent_crashes import AgentCrashes
 from hostile.client_storms import ClientStorms
 from hostile.dead_servers import DeadServers
+from hostile.million import Million
 from hostile.power_cuts import PowerCuts
 from hostile.scarce_descriptors import ScarceDescriptors
 from hostile.service_crashes import ServiceCrashes
@@ -12,3 +13,8 @@ from hostile.vanished_senders import VanishedSenders
 
 ALL = [SlowSenders(), VanishedSenders(), DeadServers(), ClientStorms(), ScarceDescriptors(), SilentLog(),
        AgentCrashes(), ServiceCrashes(), PowerCuts()]
+
+
+def million(pushes):
+    """The long one, which runs alone."""
+    return Million(pushes)
