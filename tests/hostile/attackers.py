@@ -200,11 +200,12 @@ class UnansweredPushes:
 
 def leave_unanswered(control, path, url, apps, ports_of, count, vanishes):
     """So many unanswered pushes. Each sender then vanishes, or stays until the end. Says True when the applications are
-    ready, waits for a round to begin, and says how many pushes came to their application once all did, or none
+    ready, waits for a round to begin, which may name another number, and says how many pushes came to their application once all did, or none
     does any more."""
     pushes = UnansweredPushes(control, path, url, apps, ports_of)
     control.say(True)
-    while control.next_round() is not None:
+    while (told := control.next_round()) is not None:
+        count = int(told[0]) or count
         started = last = time.monotonic()
         begun = delivered = 0
         while delivered < count and time.monotonic() - last < 3:

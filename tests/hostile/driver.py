@@ -7,7 +7,7 @@ import sys
 import time
 
 from hostile import report, scenarios
-from hostile.device import Context
+from hostile.device import Context, Device
 from hostile.measure import Result
 from hostile.scenario import Skipped
 from hostile.workers import Guard, Worker, kill_all
@@ -43,7 +43,9 @@ def run_one(scenario, context):
 
 
 def run_beside(control, scenario, context):
-    """In a worker of its own."""
+    """In a worker of its own, with ports of its own."""
+    Worker.running.clear()
+    Device.corner = 50
     return run_one(scenario, context)
 
 

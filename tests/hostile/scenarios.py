@@ -1,8 +1,10 @@
 """All scenarios, in the order in which they run."""
 
 from hostile.agent_crashes import AgentCrashes
+from hostile.all_gone import AllGone
 from hostile.client_storms import ClientStorms
 from hostile.dead_servers import DeadServers
+from hostile.idle import Idle
 from hostile.million import Million
 from hostile.power_cuts import PowerCuts
 from hostile.scarce_descriptors import ScarceDescriptors
@@ -12,7 +14,7 @@ from hostile.slow_senders import SlowSenders
 from hostile.vanished_senders import VanishedSenders
 
 ALL = [SlowSenders(), VanishedSenders(), DeadServers(), ClientStorms(), ScarceDescriptors(), SilentLog(),
-       AgentCrashes(), ServiceCrashes(), PowerCuts()]
+       AgentCrashes(), ServiceCrashes(), PowerCuts(), AllGone(), Idle()]
 
 
 def million(pushes):

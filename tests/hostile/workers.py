@@ -65,6 +65,7 @@ class Worker:
     """One running child."""
 
     running = set()
+    kept = set()  # descriptors that a worker keeps beside its own
 
     def __init__(self, function, *arguments, niceness=0, user=None):
         self.name = function.__name__
@@ -86,8 +87,12 @@ class Worker:
             signal.signal(signal.SIGINT, signal.SIG_IGN)
             signal.signal(signal.SIGTERM, signal.SIG_DFL)
             # What the parent has open is not this one's to keep open.
-            os.closerange(3, theirs.fileno())
-            os.closerange(theirs.fileno() + 1, 4096)
+            for descriptor in map(int, os.listdir("/proc/self/fd")):
+                if descriptor > 2 and descriptor != theirs.fileno() and descriptor not in Worker.kept:
+                    try:
+                        os.close(descriptor)
+                    except OSError:
+                        pass  # that of the listing itself
             os.nice(niceness)
             if user is not None:
                 os.setgroups([])
@@ -204,6 +209,7 @@ class Guard:
                 os._exit(0)
         os.close(reader)
         self.pid = pid
+        Worker.kept.add(self.writer)
 
     @staticmethod
     def watch(reader):
