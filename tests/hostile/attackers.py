@@ -55,7 +55,7 @@ class Connections:
                        "connection": None, "at": 0.0, "since": 0.0, "step": 0} for number in range(count)]
         self.poll = select.poll()
         self.by_descriptor = {}
-        self.counts = {kind: 0 for kind in kinds}
+        self.counts = dict.fromkeys(kinds, 0)
         self.established = 0
         self.most = 0
 
@@ -105,7 +105,8 @@ def begin_attack(attack, slot, now):
 def hold_slow_senders(control, ports, count):
     """Connections that never become a push: silent ones, ones that drip a byte now and then, ones that close their
     half in the middle, and ones that end in the middle with a reset."""
-    attack = Connections(ports, count, ["silent", "dripping", "half-closing", "resetting"])
+    # Most of them stay, so that about as many as asked for are open at any moment.
+    attack = Connections(ports, count, ["silent"] * 5 + ["dripping"] * 3 + ["half-closing", "resetting"])
     attack.poll.register(control, select.POLLIN)
     started = time.monotonic()
     while not control.is_stopped():

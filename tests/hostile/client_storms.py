@@ -5,7 +5,7 @@ import time
 from hostile.attackers import storm_unread, storm_with_opens, storm_with_writes
 from hostile.device import Device
 from hostile.probes import Innocents
-from hostile.scenario import Scenario, attack, judge_findings, judge_waits, say_tried
+from hostile.scenario import Scenario, attack, judge_findings, judge_waits, measure_alone, say_tried
 
 STORMS = [storm_unread, storm_with_writes, storm_with_opens]
 
@@ -18,7 +18,7 @@ class ClientStorms(Scenario):
     def run(self, context, result):
         with Device(context) as device:
             innocents = Innocents(device)
-            result.baseline = innocents.measure(context.pick(3, 1))
+            measure_alone(context, result, innocents, context.pick(3, 1))
             storms = [attack(function, device.ipc, f"storm.{number}.{function.__name__}")
                       for number in range(2) for function in STORMS]
             time.sleep(0.5)

@@ -5,7 +5,7 @@ import time
 from hostile.attackers import register_with_dead_servers, serve_badly
 from hostile.device import Device
 from hostile.probes import PUSHES, REGISTRATIONS, REQUESTS, Innocents
-from hostile.scenario import REGISTRATION_MS, Scenario, attack, judge_findings, judge_waits, say_tried
+from hostile.scenario import REGISTRATION_MS, Scenario, attack, judge_findings, judge_waits, measure_alone, say_tried
 
 APPS_PER_SERVER = 6
 
@@ -18,7 +18,7 @@ class DeadServers(Scenario):
     def run(self, context, result):
         with Device(context, ["http-timeout 5"]) as device:
             innocents = Innocents(device, (REQUESTS, PUSHES, REGISTRATIONS))
-            result.baseline = innocents.measure(context.pick(3, 1))
+            measure_alone(context, result, innocents, context.pick(3, 1))
             servers = attack(serve_badly, [["silent"], ["drip"], ["headers", "body"]])
             urls = [f"http://127.0.0.1:{port}" for port in servers.hear(10)]
             victims = attack(register_with_dead_servers, device.ipc, urls, APPS_PER_SERVER)

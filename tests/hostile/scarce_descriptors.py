@@ -5,7 +5,7 @@ import time
 from hostile.attackers import hold_slow_senders, leave_unanswered
 from hostile.device import Device, innocent_user, wait_until
 from hostile.probes import PUSHES, REGISTRATIONS, REQUESTS, Innocents, make_channel
-from hostile.scenario import Scenario, attack, judge_findings, say_tried, start_crowd
+from hostile.scenario import Scenario, attack, judge_findings, measure_alone, say_tried, start_crowd
 from hostile.workers import Worker
 
 LIMIT = 300
@@ -25,7 +25,7 @@ class ScarceDescriptors(Scenario):
             stayers = attack(leave_unanswered, device.ipc, device.url, ["hoarding.1", "hoarding.2"], device.ports, 800,
                              False)
             stayers.hear(20)
-            result.baseline = innocents.measure(context.pick(2, 0.7))
+            measure_alone(context, result, innocents, context.pick(2, 0.7))
             before = device.descriptors()
             stayers.begin_round(0, 0)
             told = stayers.hear(20)

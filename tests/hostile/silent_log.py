@@ -9,7 +9,7 @@ import time
 
 from hostile.device import Device, DeviceFailed, is_root
 from hostile.probes import Innocents
-from hostile.scenario import Scenario, Skipped, judge_findings, judge_waits
+from hostile.scenario import Scenario, Skipped, judge_findings, judge_waits, measure_alone
 from hostile.workers import LIBC
 
 CLONE_NEWNS, CLONE_NEWUSER = 0x20000, 0x10000000
@@ -79,7 +79,7 @@ class SilentLog(Scenario):
         device = Device(context, agent_arguments=["-v", "-v"])
         with device:
             innocents = Innocents(device)
-            result.baseline = innocents.measure(context.pick(3, 1))
+            measure_alone(context, result, innocents, context.pick(3, 1))
         device = Device(context, agent_arguments=["-v", "-v"], before_agent=log.enter)
         try:
             device.__enter__()

@@ -5,7 +5,7 @@ import time
 from hostile.attackers import hold_slow_senders
 from hostile.device import Device
 from hostile.probes import Innocents
-from hostile.scenario import Scenario, attack, judge_findings, judge_waits, say_tried, start_crowd
+from hostile.scenario import Scenario, attack, judge_findings, judge_waits, measure_alone, say_tried, start_crowd
 
 PORTS = 20
 CONNECTIONS = 1000
@@ -21,7 +21,7 @@ class SlowSenders(Scenario):
         with Device(context, ["push-timeout 3"]) as device:
             innocents = Innocents(device)
             crowd, ports = start_crowd(device, [f"attacked.{number}" for number in range(PORTS)])
-            result.baseline = innocents.measure(context.pick(3, 1))
+            measure_alone(context, result, innocents, context.pick(3, 1))
             attackers = attack(hold_slow_senders, ports, CONNECTIONS)
             time.sleep(1)
             result.attacked = innocents.measure(context.pick(10, 2.5), grace=context.pick(6, 3))

@@ -4,24 +4,22 @@ import time
 
 from hostile.attackers import leave_unanswered
 from hostile.device import Device, wait_until
-from hostile.measure import Waits
 from hostile.probes import PUSHES, REQUESTS, Innocents
-from hostile.scenario import Scenario, attack, judge_findings, judge_waits, say_tried
+from hostile.scenario import Scenario, attack, judge_findings, judge_waits, measure_alone, say_tried
 
-PUSH_TIMEOUT_SECONDS = 2
 SLACK_SECONDS = 1.5
 
 
 def vanish(context, result, label, limit, count, seconds):
     """The same with and without a descriptor limit. Gives the innocents' waits."""
-    with Device(context, [f"push-timeout {PUSH_TIMEOUT_SECONDS}"], descriptor_limit=limit) as device:
+    timeout = context.pick(2, 1)
+    with Device(context, [f"push-timeout {timeout}"], descriptor_limit=limit) as device:
         innocents = Innocents(device)
         # One application may take half of the descriptors, so with few of them there is one.
         apps = [f"unanswering.{number}" for number in range(4 if limit is None else 1)]
         senders = attack(leave_unanswered, device.ipc, device.url, apps, device.ports, count, True)
         senders.hear(20)
-        for kind, waits in innocents.measure(context.pick(2, 0.7)).items():
-            result.baseline.setdefault(kind, Waits()).add(waits)
+        measure_alone(context, result, innocents, context.pick(2, 0.5))
         before = device.descriptors()
         innocents.begin(seconds, grace=3)
         senders.begin_round(0, 0)
@@ -33,10 +31,10 @@ def vanish(context, result, label, limit, count, seconds):
                      told["pushes"] == count)
         gone = time.monotonic()
         # The innocent sender has a few connections open at any moment.
-        is_back = wait_until(lambda: 0 < device.descriptors() <= before + 8, PUSH_TIMEOUT_SECONDS + SLACK_SECONDS)
+        is_back = wait_until(lambda: 0 < device.descriptors() <= before + 8, timeout + SLACK_SECONDS)
         seconds_back = time.monotonic() - gone
         at_end = device.descriptors()
-        result.check(f"descriptors back at the baseline of {before} within {PUSH_TIMEOUT_SECONDS} s and a little{label}",
+        result.check(f"descriptors back at the baseline of {before} within {timeout} s and a little{label}",
                      f"{at_end} after {seconds_back:.1f} s", is_back)
         found = innocents.finish()
         say_tried(result, {f"senders vanished after their push{label}": told["pushes"]})
@@ -51,8 +49,8 @@ class VanishedSenders(Scenario):
 
     def run(self, context, result):
         count = context.pick(5000, 1000)
-        found = vanish(context, result, "", None, count, context.pick(9, 5))
-        low = vanish(context, result, " (300 descriptors)", 300, count, context.pick(9, 5))
+        found = vanish(context, result, "", None, count, context.pick(9, 3.5))
+        low = vanish(context, result, " (300 descriptors)", 300, count, context.pick(9, 3.5))
         for kind in (REQUESTS, PUSHES):
             result.attacked[kind] = found[kind]
             result.attacked[f"{kind}, 300 descriptors"] = low[kind]
