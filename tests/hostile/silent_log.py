@@ -1,5 +1,6 @@
 """A log socket that nobody reads."""
 
+import contextlib
 import ctypes
 import os
 import shutil
@@ -76,21 +77,18 @@ class SilentLog(Scenario):
 
     def attack(self, context, result, log):
         # Everything is logged, so that the socket is full at once.
-        device = Device(context, agent_arguments=["-v", "-v"])
-        with device:
+        with Device(context, agent_arguments=["-v", "-v"]) as device:
             innocents = Innocents(device)
             measure_alone(context, result, innocents, context.pick(3, 1))
-        device = Device(context, agent_arguments=["-v", "-v"], before_agent=log.enter)
-        try:
-            device.__enter__()
-        except subprocess.SubprocessError as error:
-            device.clean_up()
-            raise Skipped(f"no mount namespace with a /dev/log of its own here: {error}") from error
-        except DeviceFailed:
-            result.tried = f"a log socket full with {log.lines_waiting()} unread lines"
-            result.check("the agent starts", "no", False)
-            return
-        with device:
+        with contextlib.ExitStack() as stack:
+            try:
+                device = stack.enter_context(Device(context, agent_arguments=["-v", "-v"], before_agent=log.enter))
+            except subprocess.SubprocessError as error:
+                raise Skipped(f"no mount namespace with a /dev/log of its own here: {error}") from error
+            except DeviceFailed:
+                result.tried = f"a log socket full with {log.lines_waiting()} unread lines"
+                result.check("the agent starts", "no", False)
+                return
             # Full before anybody is timed, and never read.
             time.sleep(0.3)
             innocents = Innocents(device)
