@@ -59,7 +59,7 @@ class ServiceCrashes(Scenario):
                 if number % 50 == 49:
                     context.screen.detail(f"{number + 1} of {rounds} kills")
             time.sleep(0.3)
-            sent, acknowledged = life.end(result)
+            sent, acknowledged = life.end(result, is_twice_judged=False)
             say_tried(result, {"kills of the object service": killed, "pushes meanwhile": sent})
             slowest = f", slowest {max(times) * 1000:.0f} ms" if times else ""
             result.check(f"restarts of the object service after which the agent served within {BACK_SECONDS} s: {rounds}",
