@@ -89,8 +89,9 @@ def parse_object(text):
     lines = dict(line.split("::", 1) for line in text.splitlines() if "::" in line)
     if "n" not in lines and "payload" not in lines:
         return EMPTY
-    number = int(lines.get("n", "0"))
-    return number if lines.get("payload") == payload(number) else f"a mixture: {text[:60]!r}"
+    number = lines.get("n", "")
+    is_whole = number.isdecimal() and lines.get("payload") == payload(int(number))
+    return int(number) if is_whole else f"a mixture: {text[:60]!r}"
 
 
 def lost_of(right, moves, read):

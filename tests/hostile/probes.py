@@ -129,6 +129,7 @@ class PushProbe:
         self.poll = select.poll()
         self.poll.register(self.application, select.POLLIN)
         self.poll.register(control, select.POLLIN)
+        self.sent = 0  # in all rounds: an id that an earlier round left behind must not come again
         self.pending = {}  # descriptor: [socket, due, push id, whether it was written, bytes that came back]
         self.prefix = f"{app}.{time.monotonic_ns()}"
 
@@ -138,7 +139,8 @@ class PushProbe:
         connection.setblocking(False)
         connection.connect_ex(("127.0.0.1", self.port))
         self.poll.register(connection, select.POLLOUT)
-        self.pending[connection.fileno()] = [connection, due, f"{self.prefix}.{self.table.turns}", False, 0]
+        self.sent += 1
+        self.pending[connection.fileno()] = [connection, due, f"{self.prefix}.{self.sent}", False, 0]
 
     def end(self, descriptor, is_served):
         connection, due, _, is_written, _ = self.pending.pop(descriptor)

@@ -48,9 +48,9 @@ class VanishedSenders(Scenario):
                "than push-timeout, and others are served at a p99 under 20 ms meanwhile, also with 300 descriptors.")
 
     def run(self, context, result):
-        count = context.pick(5000, 1000)
-        found = vanish(context, result, "", None, count, context.pick(9, 3.5))
-        low = vanish(context, result, " (300 descriptors)", 300, count, context.pick(9, 3.5))
+        count = context.pick(3000, 1000)
+        found = vanish(context, result, "", None, count, context.pick(9, 4.5))
+        low = vanish(context, result, " (300 descriptors)", 300, count, context.pick(9, 4.5))
         for kind in (REQUESTS, PUSHES):
             result.attacked[kind] = found[kind]
             result.attacked[f"{kind}, 300 descriptors"] = low[kind]
