@@ -2,8 +2,8 @@
 
 import time
 
-from hostile.attackers import (hold_slow_senders, leave_unanswered, register_with_dead_servers, serve_badly, storm_unread,
-                               storm_with_opens)
+from hostile.attackers import (hold_slow_senders, leave_unanswered, push_once, register_with_dead_servers, serve_badly,
+                               storm_unread, storm_with_opens)
 from hostile.device import Device, wait_until
 from hostile.probes import Innocents
 from hostile.scenario import Scenario, attack, judge_findings, say_tried, start_crowd
@@ -40,9 +40,8 @@ class AllGone(Scenario):
                 worker.tell_to_stop()
             say_tried(result, *[worker.result(20) for worker in attackers], servers.stop())
             time.sleep(PUSH_TIMEOUT_SECONDS + 0.5)
-            # One more push each, whose senders go at once.
-            unanswered.begin_round(1, 0)
-            unanswered.hear(20)
+            taken = attack(push_once, [*ports, device.ports()["unanswered"]]).result(30)
+            result.check("one more push to each application was taken: 3", taken, taken == 3)
             say_tried(result, unanswered.stop(), crowd.stop())
             innocents.measure(0.2)
             gone = time.monotonic()

@@ -230,6 +230,20 @@ def leave_unanswered(control, path, url, apps, ports_of, count, vanishes):
     return {"pushes that nobody answered": pushes.begun - len(pushes.on_way)}
 
 
+def push_once(control, ports):
+    """One push to each of the ports, of senders that do not wait. Gives how many were taken."""
+    taken = 0
+    for port in ports:
+        with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as connection:
+            connection.settimeout(5)
+            connection.connect(("127.0.0.1", port))
+            # The end goes out together with the last byte.
+            connection.send(make_push(f"once.{os.getpid()}.{port}"), socket.MSG_MORE)
+            connection.shutdown(socket.SHUT_WR)
+            taken += connection.recv(1) == b""
+    return taken
+
+
 # Push data servers
 
 def serve_badly(control, behaviours):
