@@ -65,8 +65,11 @@ class QuilConfigManager {
     static std::string readPpsAttribute(const std::string& objectPath,
                                         const std::string& attribute);
 
-  private:
+  protected:
+    // Reads everything. For getInstance, and for whoever tests one file after the other.
     QuilConfigManager();
+
+  private:
     bool readConfigFile();
     // A number that is not within 0 and `highest` is replaced by the nearest that is.
     void boundValue(const std::string& key, int highest);
