@@ -51,8 +51,7 @@ class QuilConfigManager {
 
     // Device values. The IMSI is read once, by the constructor: a SIM inserted later counts from
     // the next start on. The others are read on the first call, and again on later calls as long as
-    // that failed. After start-up only the message handler thread asks for those, so they need no
-    // lock.
+    // that failed. Any thread; one that reads holds up others that ask.
     std::string getImsi() const;
     std::string getDevicePin();
     std::string getOsVersion();
@@ -72,9 +71,10 @@ class QuilConfigManager {
 
     std::map<std::string, std::string> m_values GUARDED_BY(m_mutex);
     mutable QuilMutex m_mutex;
-    std::string m_osVersion;
-    std::string m_devicePin;
+    QuilMutex m_deviceMutex;  // held while a value is read
+    std::string m_osVersion GUARDED_BY(m_deviceMutex);
+    std::string m_devicePin GUARDED_BY(m_deviceMutex);
     std::string m_imsi;
-    std::string m_deviceModel;
+    std::string m_deviceModel GUARDED_BY(m_deviceMutex);
     std::unique_ptr<char[]> m_proxyHost;
 };

@@ -70,6 +70,7 @@ class QuilBaseMessage : public QuilBaseObject {
     void setId(const std::string& id) { m_id = id; }
 
     const std::string& getClientId() const { return m_clientId; }
+    void setClientId(const std::string& clientId) { m_clientId = clientId; }
 
     // What a request carries beside application, id and client; of a channel registration, its
     // ppgUrl.

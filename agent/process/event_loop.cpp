@@ -1,8 +1,8 @@
-// One select over three kinds of descriptor: the served client object, the read end of a pipe by
-// which the other thread wakes this one, and the listening socket of every port. The set is built
-// anew before every wait from the list of ports taken at the end of the pass before, so a new port
-// is watched from the next pass on. Everything that touches sockets of pushes and requests of
-// clients runs here, on the main thread.
+// One select over the served client object, the read end of a pipe by which other threads wake this
+// one, the listening socket of every port, and one descriptor for all connections whose push is not
+// in yet. The set is built anew before every wait from the list of ports taken at the end of the
+// pass before, so a new port is watched from the next pass on. Everything that touches sockets of
+// pushes and requests of clients runs here, on the main thread, and nothing of it waits.
 
 #include "agent/process/event_loop.hpp"
 
@@ -35,6 +35,7 @@ constexpr std::chrono::milliseconds kPause{100};
 int g_clientDescriptor = -1;
 QuilSessionManager* g_sessions = nullptr;
 int g_pipeReadEnd = -1;  // of the wake-up
+int g_intake = -1;       // of set-aside connections
 
 bool isWatchable(int descriptor) {
     return descriptor >= kLowestDescriptor && descriptor <= kHighestDescriptor;
@@ -61,13 +62,17 @@ class DescriptorSet {
 // False when a descriptor that the loop cannot do without is out of range.
 bool buildSet(const std::vector<QuilPort*>& ports, DescriptorSet* set) {
     QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Waiting (select)...");
+    const bool takesPushes = !isPushIntakePaused();
     for (const QuilPort* port : ports) {
         const int socket = port->getSocket();
         QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: setting rfds: port [%d] fd[%d]", port->getPort(),
                  socket);
-        if (isWatchable(socket) && !port->isWaitingForClient()) {
+        if (isWatchable(socket) && takesPushes && !port->isWaitingForClient()) {
             set->add(socket);
         }
+    }
+    if (isWatchable(g_intake)) {
+        set->add(g_intake);
     }
     if (!isWatchable(g_clientDescriptor)) {
         QUIL_LOG(LOG_LEVEL_ERROR, "QuilAgent: invalid client file descriptor %d",
@@ -194,6 +199,7 @@ void quilAgentLoop() {
     // Also when quilAgentInit failed on the way to it.
     g_sessions = QuilSessionManager::getInstance();
     g_pipeReadEnd = openWakeUp();
+    g_intake = openPushIntake();
     std::vector<QuilPort*> ports;
     takeFirstPorts(&ports);
     if (g_sessions->processSimChange(quilDestroyChannel) == 0) {
@@ -211,6 +217,9 @@ void quilAgentLoop() {
         // that frees a port cannot take it away from the one push that this pass found there. What
         // waits behind that push falls with the port.
         servePorts(ports, set);
+        if (set.has(g_intake)) {
+            servePushIntake();
+        }
         if (set.has(g_clientDescriptor)) {
             serveClient();
         }

@@ -83,14 +83,12 @@ class EventLoop : public ClientsTest {
                " receiving data for App id [" + appId + "]";
     }
 
-    // Holds the loop in the read of a push until release() is called.
-    int hold(const Listener& listener, const std::string& appId) {
-        const int sender = connectTo(listener.port);
-        EXPECT_TRUE(waitForLogged(5, receiving(listener, appId)));
-        return sender;
-    }
-    static void release(int sender) {
-        EXPECT_EQ(send(sender, kPush.data(), kPush.size(), 0), static_cast<ssize_t>(kPush.size()));
+    // Holds the loop at the first push of that port until the gate is gone.
+    std::unique_ptr<LogGate> hold(const Listener& listener, const std::string& appId) {
+        auto gate = std::make_unique<LogGate>(receiving(listener, appId));
+        sendPush(listener.port);
+        EXPECT_TRUE(gate->waitUntilHeld());
+        return gate;
     }
 
     // Waits for these lines of event_loop.cpp, and no others.
@@ -127,20 +125,22 @@ TEST_F(EventLoop, PushReachesTheApplicationAndTheListIsTakenAnew) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
     const QuilPort& port = listener.session->getPort();
-    ASSERT_TRUE(waitUntil([&] {
-        return linesOf("event_loop.cpp")
-            .ends_with(fds("5 quilAgentLoop: setting rfds: port [", port));
-    }));
-    clearRecordedLines();
-    sendPush(listener.port);
+    {
+        // The push is to be there when the loop accepts its connection.
+        const LogGate gate(kWaiting);
+        wakeMainLoop();
+        ASSERT_TRUE(gate.waitUntilHeld());
+        clearRecordedLines();
+        sendPush(listener.port);
+    }
     EXPECT_EQ(nextReply(), kNotification);
-    expectLines("5 " + receiving(listener, "app") + "\n" +
-                fds("5 quilAgentLoop: serverIfProcessData port [", port) +
-                "5 quilAgentLoop: All the valid ports are\n\n" +
-                fds("5 quilAgentLoop 2: port[", port) +
-                "5 \n\n\n"
-                "5 quilAgentLoop: Waiting (select)...\n" +
-                fds("5 quilAgentLoop: setting rfds: port [", port));
+    expectLines(
+        fds("5 quilAgentLoop: setting rfds: port [", port) + "5 " + receiving(listener, "app") +
+        "\n" + fds("5 quilAgentLoop: serverIfProcessData port [", port) +
+        "5 quilAgentLoop: All the valid ports are\n\n" + fds("5 quilAgentLoop 2: port[", port) +
+        "5 \n\n\n"
+        "5 quilAgentLoop: Waiting (select)...\n" +
+        fds("5 quilAgentLoop: setting rfds: port [", port));
 }
 
 TEST_F(EventLoop, ClientRequestIsReadOncePerPass) {
@@ -172,13 +172,13 @@ TEST_F(EventLoop, OnePassServesPortsThenTheClientThenTheWakeUp) {
     const Listener first = addListener("a", "@ipc.17");
     const Listener second = addListener("b", "@ipc.17");
     startLoop();
-    const int held = hold(first, "a");
+    auto held = hold(first, "a");
     sendPush(second.port);
     sendPush(first.port);
     sendRequest(golden("requests_client_connected.txt"));
     wakeMainLoop();
     clearRecordedLines();
-    release(held);
+    held.reset();
     ASSERT_TRUE(waitForPasses(2));
     const std::string text = linesOf("event_loop.cpp");
     const std::size_t pass = text.find("5 " + kWaiting);
@@ -199,12 +199,12 @@ TEST_F(EventLoop, OnePassServesPortsThenTheClientThenTheWakeUp) {
 TEST_F(EventLoop, ThreeWakeUpsMakeThreePassesOfOneByte) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
-    const int held = hold(listener, "app");
+    auto held = hold(listener, "app");
     wakeMainLoop();
     wakeMainLoop();
     wakeMainLoop();
     clearRecordedLines();
-    release(held);
+    held.reset();
     // The pass of the push, then one per byte; the fifth wait finds nothing.
     ASSERT_TRUE(waitForPasses(4));
     EXPECT_EQ(countRecorded(6, "Ignore\n"), 3) << recordedText();
@@ -215,11 +215,11 @@ TEST_F(EventLoop, ThreeWakeUpsMakeThreePassesOfOneByte) {
 TEST_F(EventLoop, SeveralRequestsAreReadOnePerPass) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
-    const int held = hold(listener, "app");
+    auto held = hold(listener, "app");
     sendRequest(golden("requests_client_connected.txt"));
     sendRequest(golden("requests_client_connected.txt"));
     clearRecordedLines();
-    release(held);
+    held.reset();
     ASSERT_TRUE(waitForPasses(3));
     EXPECT_EQ(countRecorded(6, "Client if event.\n"), 2) << recordedText();
 }
@@ -473,13 +473,48 @@ TEST_F(EventLoop, EchoOfAnIdleLoopIsComplete) {
 TEST_F(EventLoop, WakeUpsBeyondWhatThePipeHoldsFailWithALineAndNeverBlock) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
-    const int held = hold(listener, "app");
+    auto held = hold(listener, "app");
     for (int i = 0; i < 70000 && !wasLogged(6, "Failed to write pipe!!\n"); i += 1000) {
         for (int j = 0; j < 1000; ++j) {
             wakeMainLoop();
         }
     }
     EXPECT_TRUE(wasLogged(6, "Failed to write pipe!!\n"));
-    release(held);
+    held.reset();
+    EXPECT_EQ(nextReply(), kNotification);
+}
+
+TEST_F(EventLoop, SilentSendersDelayNeitherRequestsNorPushes) {
+    const Listener crowded = addListener("a", "@ipc.17");
+    const Listener other = addListener("b", "@ipc.17");
+    startLoop();
+    std::vector<int> silent;
+    for (int i = 0; i < 20; ++i) {
+        silent.push_back(connectTo(crowded.port));
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    sendRequest(golden("requests_create_session.txt"));
+    EXPECT_NE(nextReply().find("onCreateSessionComplete"), std::string::npos);
+    sendPush(other.port);
+    EXPECT_NE(nextReply().find("pushNotification"), std::string::npos);
+    sendPush(crowded.port);
+    EXPECT_NE(nextReply().find("pushNotification"), std::string::npos);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    for (const int sender : silent) {
+        EXPECT_TRUE(isQuiet(sender));
+    }
+}
+
+TEST_F(EventLoop, PushWhoseBytesComeLaterIsDelivered) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    const int sender = connectTo(listener.port);
+    // The header block with the first byte of the data, then byte by byte.
+    const std::size_t first = kPush.find("\r\n\r\n") + 5;
+    EXPECT_EQ(send(sender, kPush.data(), first, 0), static_cast<ssize_t>(first));
+    for (std::size_t at = first; at < kPush.size(); ++at) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_EQ(send(sender, &kPush[at], 1, 0), 1);
+    }
     EXPECT_EQ(nextReply(), kNotification);
 }

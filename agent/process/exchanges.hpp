@@ -1,0 +1,67 @@
+// Exchanges with push data servers, beside the message handler thread: a server that does not
+// answer holds up the application that asked for it, and nobody else.
+//
+// What is queued for an application while it has an exchange under way waits behind it in a lane of
+// the application's own, so that all that concerns one application happens in the order in which it
+// was queued, as if one thread did everything. Lanes are worked off by threads that are started
+// when there is an exchange and end when there is none.
+
+#pragma once
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "agent/messages/message_node.hpp"
+#include "agent/support/locks.hpp"
+
+class QuilExchanges {
+  public:
+    // Threads in all, and how many of them one server may hold. The last few are for servers that
+    // hold none, so that a few dead ones leave room for others.
+    static constexpr int kMostThreads = 16;
+    static constexpr int kMostPerServer = 4;
+    static constexpr int kThreadsForOthers = 4;
+
+    // The one instance; lives until the process ends. Null without memory.
+    static QuilExchanges* getInstance();
+    QuilExchanges(const QuilExchanges&) = delete;
+    QuilExchanges& operator=(const QuilExchanges&) = delete;
+
+    // Takes the node when it begins an exchange, or when its application has one under way; it is
+    // handled (handleNode) in its turn. False: it is the caller's to handle, now. For the message
+    // handler thread alone. Where no thread can be started the exchange runs before this returns.
+    bool take(std::unique_ptr<QuilMessageNode>* node);
+
+  private:
+    struct Lane {
+        std::deque<std::unique_ptr<QuilMessageNode>> nodes;
+        std::string server;  // that its first exchange is with
+    };
+    // Applications whose lanes wait for a thread, oldest first, by server.
+    using Waiting = std::map<std::string, std::deque<std::string>>;
+
+    QuilExchanges();
+    bool append(std::unique_ptr<QuilMessageNode>* node);
+    void startThread();
+    static void* runThread(void* exchanges);
+    void work();
+    // takeNext for a thread, which is counted out when there is nothing for it.
+    std::string beginNext();
+    bool isAllowed(const std::string& server) const REQUIRES(m_lock);
+    // Whose turn it is: servers in turn, those left out that hold enough threads. The end for none.
+    Waiting::iterator findNext() REQUIRES(m_lock);
+    // Marks the lane that is next as running and gives its application, "" for none.
+    std::string takeNext() REQUIRES(m_lock);
+    void workOff(const std::string& appId);
+
+    // A leaf: nothing else is taken, logged or destroyed under it.
+    QuilMutex m_lock;
+    std::map<std::string, Lane> m_lanes GUARDED_BY(m_lock);
+    Waiting m_waiting GUARDED_BY(m_lock);
+    std::string m_lastServer GUARDED_BY(m_lock);            // whose turn it was
+    std::vector<const Lane*> m_running GUARDED_BY(m_lock);  // at most one a thread
+    int m_threads GUARDED_BY(m_lock) = 0;
+};
