@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "agent/clients/client_object.hpp"
+#include "agent/messages/message_queue.hpp"
+#include "agent/process/exchanges.hpp"
 #include "agent/process/handler_thread.hpp"
 #include "agent/pushes/push_intake.hpp"
 #include "agent/requests/request_reader.hpp"
@@ -59,19 +61,41 @@ class DescriptorSet {
     int m_highest = 0;
 };
 
+// How much of what comes in can be handed on at the moment. The rest waits where it is: pushes with
+// their senders, requests with the object service. Without queue or lanes nothing is held back, and
+// what comes in is refused there.
+class Room {
+  public:
+    Room() : m_isQueueCrowded(m_queue != nullptr && m_queue->isCrowded()) {}
+
+    bool forPushes() const { return !m_isQueueCrowded; }
+    bool forRequests() const { return !m_isQueueCrowded || !m_queue->isOverfull(); }
+    bool forPushesOf(const QuilPort& port) const {
+        return m_exchanges == nullptr || !m_exchanges->hasCrowd() ||
+               !m_exchanges->isCrowded(port.getName());
+    }
+
+  private:
+    QuilMessageManager* m_queue = QuilMessageManager::getInstance();
+    QuilExchanges* m_exchanges = QuilExchanges::getInstance();
+    bool m_isQueueCrowded;
+};
+
 // False when a descriptor that the loop cannot do without is out of range.
 bool buildSet(const std::vector<QuilPort*>& ports, DescriptorSet* set) {
     QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Waiting (select)...");
-    const bool takesPushes = !isPushIntakePaused();
+    const Room room;
+    const bool takesPushes = room.forPushes() && !isPushIntakePaused();
     for (const QuilPort* port : ports) {
         const int socket = port->getSocket();
         QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: setting rfds: port [%d] fd[%d]", port->getPort(),
                  socket);
-        if (isWatchable(socket) && takesPushes && !port->isWaitingForClient()) {
+        if (isWatchable(socket) && takesPushes && !port->isWaitingForClient() &&
+            room.forPushesOf(*port)) {
             set->add(socket);
         }
     }
-    if (isWatchable(g_intake)) {
+    if (room.forPushes() && isWatchable(g_intake)) {
         set->add(g_intake);
     }
     if (!isWatchable(g_clientDescriptor)) {
@@ -79,7 +103,9 @@ bool buildSet(const std::vector<QuilPort*>& ports, DescriptorSet* set) {
                  g_clientDescriptor);
         return false;
     }
-    set->add(g_clientDescriptor);
+    if (room.forRequests()) {
+        set->add(g_clientDescriptor);
+    }
     if (!isWatchable(g_pipeReadEnd)) {
         QUIL_LOG(LOG_LEVEL_ERROR,
                  "QuilAgent: invalid file descriptor for internal pipe between threads %d",

@@ -8,13 +8,16 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <exception>
 #include <new>
+#include <stdexcept>
 #include <utility>
 
 #include "agent/messages/message_queue.hpp"
 #include "agent/messages/reply_messages.hpp"
 #include "agent/process/dispatch.hpp"
 #include "agent/support/log.hpp"
+#include "agent/support/wake_up.hpp"
 
 namespace {
 
@@ -61,9 +64,9 @@ bool QuilExchanges::take(std::unique_ptr<QuilMessageNode>* node) {
         if (!append(node)) {
             return false;
         }
-    } catch (...) {
-        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]",
-                 (*node)->getType());
+    } catch (const std::exception& thrown) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]: %s",
+                 (*node)->getType(), thrown.what());
         closeConnectionOf(**node);
         node->reset();
         return true;
@@ -81,7 +84,15 @@ bool QuilExchanges::append(std::unique_ptr<QuilMessageNode>* node) {
     const QuilLock lock(m_lock);
     const auto found = m_lanes.find(appId);
     if (found != m_lanes.end()) {
-        found->second.nodes.push_back(std::move(*node));
+        Lane& lane = found->second;
+        if (lane.nodes.size() >= kMostNodes) {
+            throw std::length_error("too many messages wait for one application");
+        }
+        lane.nodes.push_back(std::move(*node));
+        if (lane.nodes.size() >= kManyNodes && !lane.isCrowded) {
+            lane.isCrowded = true;
+            ++m_crowded;
+        }
         return true;
     }
     if (!beginsExchange(**node)) {
@@ -193,18 +204,39 @@ std::string QuilExchanges::takeNext() {
 
 void QuilExchanges::workOff(const std::string& appId) {
     for (;;) {
-        std::unique_ptr<QuilMessageNode> node;
-        {
-            const QuilLock lock(m_lock);
-            Lane& lane = m_lanes.at(appId);
-            if (lane.nodes.empty()) {
-                std::erase(m_running, &lane);
-                m_lanes.erase(appId);
-                return;
-            }
-            node = std::move(lane.nodes.front());
-            lane.nodes.pop_front();
+        bool isRelieved = false;
+        std::unique_ptr<QuilMessageNode> node = takeFrom(appId, &isRelieved);
+        if (isRelieved) {
+            wakeMainLoop();
+        }
+        if (node == nullptr) {
+            return;
         }
         handleNode(std::move(node));
     }
+}
+
+std::unique_ptr<QuilMessageNode> QuilExchanges::takeFrom(const std::string& appId,
+                                                         bool* isRelieved) {
+    const QuilLock lock(m_lock);
+    Lane& lane = m_lanes.at(appId);
+    if (lane.isCrowded && lane.nodes.size() <= kFewNodes) {
+        lane.isCrowded = false;
+        --m_crowded;
+        *isRelieved = true;
+    }
+    if (lane.nodes.empty()) {
+        std::erase(m_running, &lane);
+        m_lanes.erase(appId);
+        return nullptr;
+    }
+    std::unique_ptr<QuilMessageNode> node = std::move(lane.nodes.front());
+    lane.nodes.pop_front();
+    return node;
+}
+
+bool QuilExchanges::isCrowded(const std::string& appId) {
+    const QuilLock lock(m_lock);
+    const auto found = m_lanes.find(appId);
+    return found != m_lanes.end() && found->second.isCrowded;
 }

@@ -8,6 +8,7 @@
 
 #pragma once
 
+#include <atomic>
 #include <deque>
 #include <map>
 #include <memory>
@@ -25,6 +26,13 @@ class QuilExchanges {
     static constexpr int kMostPerServer = 4;
     static constexpr int kThreadsForOthers = 4;
 
+    // From so many nodes in its lane on, nothing more is taken off an application's port; the main
+    // loop is woken when there are few again. Beyond the most, what is queued for it is dropped
+    // with a line.
+    static constexpr std::size_t kManyNodes = 64;
+    static constexpr std::size_t kFewNodes = 16;
+    static constexpr std::size_t kMostNodes = 1024;
+
     // The one instance; lives until the process ends. Null without memory.
     static QuilExchanges* getInstance();
     QuilExchanges(const QuilExchanges&) = delete;
@@ -35,10 +43,16 @@ class QuilExchanges {
     // handler thread alone. Where no thread can be started the exchange runs before this returns.
     bool take(std::unique_ptr<QuilMessageNode>* node);
 
+    // Whether many nodes wait in some lane, or in that application's. For the main loop, before
+    // each wait.
+    bool hasCrowd() const { return m_crowded != 0; }
+    bool isCrowded(const std::string& appId);
+
   private:
     struct Lane {
         std::deque<std::unique_ptr<QuilMessageNode>> nodes;
         std::string server;  // that its first exchange is with
+        bool isCrowded = false;
     };
     // Applications whose lanes wait for a thread, oldest first, by server.
     using Waiting = std::map<std::string, std::deque<std::string>>;
@@ -56,6 +70,8 @@ class QuilExchanges {
     // Marks the lane that is next as running and gives its application, "" for none.
     std::string takeNext() REQUIRES(m_lock);
     void workOff(const std::string& appId);
+    // The lane's next node; null when it is empty, and then the lane is gone.
+    std::unique_ptr<QuilMessageNode> takeFrom(const std::string& appId, bool* isRelieved);
 
     // A leaf: nothing else is taken, logged or destroyed under it.
     QuilMutex m_lock;
@@ -64,4 +80,5 @@ class QuilExchanges {
     std::string m_lastServer GUARDED_BY(m_lock);            // whose turn it was
     std::vector<const Lane*> m_running GUARDED_BY(m_lock);  // at most one a thread
     int m_threads GUARDED_BY(m_lock) = 0;
+    std::atomic<int> m_crowded{0};  // lanes; written under the lock
 };

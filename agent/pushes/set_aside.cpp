@@ -34,6 +34,19 @@ std::size_t mostInAll() {
     return std::min<std::size_t>(SetAsideConnections::kMostInAll, limit.rlim_cur / 4);
 }
 
+// Between the two lines between which the loop serves a port, so that whoever reads the log knows
+// whose push the lines between them are about.
+template <typename Work>
+void asOfItsPort(const PushConnection& connection, Work work) {
+    const std::string appId = connection.appId();
+    const QuilPort& port = connection.session().getPort();
+    QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Port %d receiving data for App id [%s]",
+             port.getPort(), appId.c_str());
+    work();
+    QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: serverIfProcessData port [%d] fd[%d]", port.getPort(),
+             port.getSocket());
+}
+
 bool watch(int poll, int descriptor, std::uint64_t number) {
     epoll_event event{};
     event.events = EPOLLIN;
@@ -61,8 +74,7 @@ void SetAsideConnections::add(std::unique_ptr<PushConnection> connection) {
     m_connections.emplace_hint(m_connections.end(), number, std::move(connection));
     if (!watch(m_poll.get(), added.socket(), number)) {
         QUIL_LOG(LOG_LEVEL_WARNING,
-                 "serverIfProcessData: push for app id [%s] cannot be waited for: errno[%d] "
-                 "error[%s]",
+                 "setAside: push for app id [%s] cannot be waited for: errno[%d] error[%s]",
                  added.appId().c_str(), errno, strerror(errno));
         m_connections.erase(number);
         return;
@@ -91,21 +103,25 @@ void SetAsideConnections::advance(std::uint64_t number) {
     if (found == m_connections.end()) {
         return;
     }
-    try {
-        if (found->second->advance() == PushConnection::Progress::Waits) {
-            return;
+    PushConnection::Progress progress = PushConnection::Progress::Done;
+    asOfItsPort(*found->second, [&] {
+        try {
+            progress = found->second->advance();
+        } catch (...) {
+            QUIL_LOG(LOG_LEVEL_WARNING,
+                     "quilAgentLoop: exception occurred when trying to serverIfProcessData");
         }
-    } catch (...) {
-        QUIL_LOG(LOG_LEVEL_WARNING,
-                 "quilAgentLoop: exception occurred when trying to serverIfProcessData");
+    });
+    if (progress == PushConnection::Progress::Done) {
+        m_connections.erase(found);
     }
-    m_connections.erase(found);
 }
 
 void SetAsideConnections::closeOverdue() {
     const Clock::time_point now = Clock::now();
     while (!m_connections.empty() && m_connections.begin()->second->deadline() <= now) {
-        m_connections.begin()->second->logTimeout();
+        const PushConnection& overdue = *m_connections.begin()->second;
+        asOfItsPort(overdue, [&overdue] { overdue.logTimeout(); });
         m_connections.erase(m_connections.begin());
     }
 }
@@ -126,8 +142,7 @@ SetAsideConnections::Connections::iterator SetAsideConnections::longestSilent(
 
 void SetAsideConnections::closeSilent(Connections::iterator connection) {
     QUIL_LOG(LOG_LEVEL_WARNING,
-             "serverIfProcessData: push for app id [%s] given up: of %d that wait it has been "
-             "silent longest",
+             "setAside: push for app id [%s] given up: of %d that wait it has been silent longest",
              connection->second->appId().c_str(), static_cast<int>(m_connections.size()));
     m_connections.erase(connection);
 }

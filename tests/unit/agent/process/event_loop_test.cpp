@@ -14,6 +14,8 @@
 #include <thread>
 
 #include "agent/clients/client_object.hpp"
+#include "agent/messages/message_queue.hpp"
+#include "agent/messages/reply_messages.hpp"
 #include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/sessions/states/session_states.hpp"
@@ -405,9 +407,10 @@ TEST_F(EventLoop, ExceptionWhileAPushIsReadIsLoggedAndSurvived) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
     clearRecordedLines();
+    const std::string large = "POST /x\r\n\r\n" + std::string(9000, 'x');
     {
-        const FailingAllocations noPush(15360, 20000);
-        sendPush(listener.port);
+        const FailingAllocations noPush(9000, 20000);
+        EXPECT_GT(send(connectTo(listener.port), large.data(), large.size(), 0), 0);
         ASSERT_TRUE(waitForLogged(
             3, "quilAgentLoop: exception occurred when trying to serverIfProcessData"));
         ASSERT_TRUE(waitForPasses(1));
@@ -517,4 +520,27 @@ TEST_F(EventLoop, PushWhoseBytesComeLaterIsDelivered) {
         EXPECT_EQ(send(sender, &kPush[at], 1, 0), 1);
     }
     EXPECT_EQ(nextReply(), kNotification);
+}
+
+// The handler thread is held, so everything queues up.
+TEST_F(EventLoop, PushWaitsWithItsSenderWhileManyMessagesWait) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    QuilMessageManager* queue = QuilMessageManager::getInstance();
+    auto gate = std::make_unique<LogGate>("4 received");
+    for (int i = 0; i < 300; ++i) {
+        queue->push(std::make_unique<QuilMessageNode>(
+            4, std::make_unique<QuilResponseMessage>("app", "r", "@ipc.99")));
+    }
+    ASSERT_TRUE(gate->waitUntilHeld());
+    wakeMainLoop();
+    ASSERT_TRUE(waitForPasses(2));
+    const int before = passes();
+    sendPush(listener.port);
+    EXPECT_FALSE(waitUntil([before] { return passes() > before; }, 0.1)) << "the port was watched";
+    // Requests are still read.
+    sendRequest(golden("requests_client_connected.txt"));
+    EXPECT_TRUE(waitForLogged(5, "----------------- PPS_CREATED------------------------------"));
+    gate.reset();
+    EXPECT_TRUE(waitForLogged(5, receiving(listener, "app")));
 }

@@ -1,6 +1,8 @@
 // Exchanges with push data servers beside the handler thread: one application's order is kept, and
 // nobody waits for another's server.
 
+#include <fcntl.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,6 +19,7 @@
 #include "agent/clients/client_object.hpp"
 #include "agent/messages/message_queue.hpp"
 #include "agent/messages/reply_messages.hpp"
+#include "agent/process/exchanges.hpp"
 #include "agent/process/handler_thread.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "tests/support/agent/sessions_fixture.hpp"
@@ -260,4 +263,65 @@ TEST_F(Exchanges, ApplicationIsServedAtOnceAgainWhenItsExchangeIsOver) {
     ASSERT_TRUE(waitUntilTold("a:c ")) << told();
     pushReply("a", "1");
     EXPECT_TRUE(waitUntilTold("a:c a:1 ")) << told();
+}
+
+TEST_F(Exchanges, CrowdedLaneIsToldUntilItIsWorkedOff) {
+    HoldingServer server;
+    beginExchange("a", server.url());
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
+    QuilExchanges* exchanges = QuilExchanges::getInstance();
+    for (int i = 0; i < 63; ++i) {
+        pushReply("a", "r");
+    }
+    addSession("b");
+    pushReply("b", "1");
+    ASSERT_TRUE(waitUntilTold("b:1 ")) << told();
+    EXPECT_FALSE(exchanges->hasCrowd());
+    pushReply("a", "r");
+    ASSERT_TRUE(waitUntil([exchanges] { return exchanges->hasCrowd(); }));
+    EXPECT_TRUE(exchanges->isCrowded("a"));
+    EXPECT_FALSE(exchanges->isCrowded("b"));
+    // The loop of this test, which has no pipe: its wake-ups go to standard input.
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    ASSERT_EQ(dup2(ends[1], STDIN_FILENO), STDIN_FILENO);
+    server.release();
+    ASSERT_TRUE(waitUntil([exchanges] { return !exchanges->hasCrowd(); }));
+    EXPECT_EQ(readBytes(ends[0], 1).substr(0, 1), "a");
+}
+
+TEST_F(Exchanges, WhatIsTooMuchForOneLaneIsDroppedWithALine) {
+    HoldingServer server;
+    beginExchange("a", server.url());
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
+    for (int i = 0; i < 1025; ++i) {
+        pushReply("a", "r");
+    }
+    EXPECT_TRUE(waitForLogged(3,
+                              "msgHandler: exception occurred when handling message [4]: too many "
+                              "messages wait for one application"));
+    server.release();
+    EXPECT_TRUE(waitUntil([this] {
+        const std::string all = told();
+        return std::count(all.begin(), all.end(), ':') == 1025;  // and the completion
+    }));
+}
+
+TEST_F(Exchanges, WithoutAThreadTheExchangeHappensAllTheSame) {
+    HoldingServer server;
+    server.release();
+    pthread_attr_t before;
+    pthread_attr_t huge;
+    ASSERT_EQ(pthread_getattr_default_np(&before), 0);
+    ASSERT_EQ(pthread_attr_init(&huge), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 60), 0);
+    // The server's own threads are made before and after.
+    beginExchange("a", server.url(), "1");
+    ASSERT_TRUE(waitUntilTold("a:1 ")) << told();
+    ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+    beginExchange("b", "http://127.0.0.1:1", "2");
+    const bool isTold = waitUntilTold("a:1 b:2 ");
+    pthread_setattr_default_np(&before);
+    EXPECT_TRUE(isTold) << told();
+    EXPECT_TRUE(wasLogged(3, "No thread for an exchange with a push data server"));
 }

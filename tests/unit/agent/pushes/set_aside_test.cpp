@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr const char* kGivenUp = "serverIfProcessData: push for app id [app] given up: of ";
+constexpr const char* kGivenUp = "setAside: push for app id [app] given up: of ";
 
 class SetAside : public PushListener {
   protected:
