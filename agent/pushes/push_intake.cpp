@@ -35,11 +35,18 @@ bool isShortage(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
+// Gives up what nobody will miss: connections of senders that are gone, else the one whose push has
+// been awaited in vain for longest. False when there is nothing of the kind.
+bool makeRoom() {
+    return QuilSessionManager::getInstance()->letGoOfDeadPushSockets() > 0 ||
+           setAside().closeLongestSilent();
+}
+
 // Accepts a connection on the session's port. -1 when there is none, which is logged unless the
 // session has stopped listening meanwhile.
 int acceptConnection(QuilSession& session) {
     int socket = session.acceptOnPort();
-    if (socket == -1 && isShortage(errno) && setAside().closeLongestSilent()) {
+    if (socket == -1 && isShortage(errno) && makeRoom()) {
         socket = session.acceptOnPort();
     }
     if (socket != -1) {
