@@ -203,6 +203,20 @@ void judgePorts(const StatusFacts& facts, Findings& findings) {
     }
 }
 
+void judgeDescriptors(const StatusFacts& facts, Findings& findings) {
+    for (const AgentPort& port : facts.agentPorts) {
+        if (port.descriptor <= kHighestWatchedDescriptor) {
+            continue;
+        }
+        add(findings, "port-unwatched",
+            "port " + std::to_string(port.port) + (port.appId.empty() ? "" : " of " + port.appId) +
+                " is on descriptor " + std::to_string(port.descriptor) +
+                " of the agent, which watches none above " +
+                std::to_string(kHighestWatchedDescriptor) + ": pushes wait there for ever",
+            "destroy channels that nobody needs, then create this one again");
+    }
+}
+
 }  // namespace
 
 std::vector<Finding> findProblems(const StatusFacts& facts) {
@@ -214,6 +228,7 @@ std::vector<Finding> findProblems(const StatusFacts& facts) {
     judgeSaved(facts, found);
     judgeSharedPorts(facts, found);
     judgePorts(facts, found);
+    judgeDescriptors(facts, found);
     Findings ordered;
     for (const bool isWarning : {false, true}) {
         for (const Finding& finding : found) {
