@@ -232,6 +232,10 @@ std::string QuilConfigManager::getListenAddress() const {
     return getValueOr("listen-address", getProxyHost());
 }
 
+std::string QuilConfigManager::getAllowedSenders() const {
+    return getValueOr("allowed-senders", "");
+}
+
 int QuilConfigManager::getPushTimeout() const {
     return getIntValue("push-timeout", kDefaultPushTimeoutSeconds);
 }
@@ -245,6 +249,7 @@ std::string QuilConfigManager::getImsi() const {
 }
 
 std::string QuilConfigManager::getDevicePin() {
+    const QuilLock lock(m_deviceMutex);
     if (m_devicePin.empty()) {
         const std::string pin = readPpsAttribute(kDeviceInfoObject, "PIN");
         m_devicePin = pin.starts_with("0x") ? pin.substr(2) : pin;
@@ -253,6 +258,7 @@ std::string QuilConfigManager::getDevicePin() {
 }
 
 std::string QuilConfigManager::getOsVersion() {
+    const QuilLock lock(m_deviceMutex);
     if (m_osVersion.empty()) {
         m_osVersion = readPpsAttribute(kDevicePropertiesObject, "scmbundle");
     }
@@ -260,6 +266,7 @@ std::string QuilConfigManager::getOsVersion() {
 }
 
 std::string QuilConfigManager::getDeviceModel() {
+    const QuilLock lock(m_deviceMutex);
     if (m_deviceModel.empty()) {
         m_deviceModel = readPpsAttribute(kDeviceInfoObject, "HardwareID");
     }

@@ -43,6 +43,8 @@ class QuilConfigManager {
     int getProxyPort() const;
     // Host on which pushes are awaited: the key "listen-address", else what getProxyHost gives.
     std::string getListenAddress() const;
+    // Who may push: addresses and networks, "" for everybody.
+    std::string getAllowedSenders() const;
     // Longest that one push may take to arrive, in seconds; 0 for no limit.
     int getPushTimeout() const;
     // Longest that one request to a push data server may take, in seconds; 0 for libcurl's own
@@ -51,8 +53,7 @@ class QuilConfigManager {
 
     // Device values. The IMSI is read once, by the constructor: a SIM inserted later counts from
     // the next start on. The others are read on the first call, and again on later calls as long as
-    // that failed. After start-up only the message handler thread asks for those, so they need no
-    // lock.
+    // that failed. Any thread; one that reads holds up others that ask.
     std::string getImsi() const;
     std::string getDevicePin();
     std::string getOsVersion();
@@ -75,9 +76,10 @@ class QuilConfigManager {
 
     std::map<std::string, std::string> m_values GUARDED_BY(m_mutex);
     mutable QuilMutex m_mutex;
-    std::string m_osVersion;
-    std::string m_devicePin;
+    QuilMutex m_deviceMutex;  // held while a value is read
+    std::string m_osVersion GUARDED_BY(m_deviceMutex);
+    std::string m_devicePin GUARDED_BY(m_deviceMutex);
     std::string m_imsi;
-    std::string m_deviceModel;
+    std::string m_deviceModel GUARDED_BY(m_deviceMutex);
     std::unique_ptr<char[]> m_proxyHost;
 };

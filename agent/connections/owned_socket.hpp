@@ -20,6 +20,8 @@ class OwnedSocket {
 
     int get() const { return m_socket; }
     int release() { return std::exchange(m_socket, -1); }
+    // Closes what it has and takes another.
+    void reset(int socket) { OwnedSocket before(std::exchange(m_socket, socket)); }
 
   private:
     int m_socket;

@@ -6,6 +6,7 @@
 #include "agent/connections/connection.hpp"
 #include "agent/messages/push_message.hpp"
 #include "agent/support/log.hpp"
+#include "agent/support/wake_up.hpp"
 
 void closeConnectionOf(const QuilMessageNode& node) {
     const auto* push = dynamic_cast<const QuilPushMessage*>(node.getMessage());
@@ -57,8 +58,21 @@ bool QuilMessageManager::append(std::unique_ptr<QuilMessageNode>* node) {
     } catch (...) {
         return false;
     }
+    m_size = static_cast<int>(m_nodes.size());
     pthread_cond_signal(&m_condition);
     return true;
+}
+
+bool QuilMessageManager::isCrowded() {
+    if (m_size < kManyNodes) {
+        return false;
+    }
+    m_isLoopHeldBack = true;
+    if (m_size >= kManyNodes) {
+        return true;
+    }
+    m_isLoopHeldBack = false;  // they went meanwhile, perhaps before anybody could see the flag
+    return false;
 }
 
 std::unique_ptr<QuilMessageNode> QuilMessageManager::pop() {
@@ -77,6 +91,9 @@ std::unique_ptr<QuilMessageNode> QuilMessageManager::pop() {
         node = take(&size);
     }
     QUIL_LOG(LOG_LEVEL_INFO, "pop: size of queue %d\n", size);
+    if (size <= kFewNodes && m_isLoopHeldBack.exchange(false)) {
+        wakeMainLoop();
+    }
     return node;
 }
 
@@ -88,6 +105,7 @@ std::unique_ptr<QuilMessageNode> QuilMessageManager::take(int* size) {
     }
     std::unique_ptr<QuilMessageNode> node = std::move(m_nodes.front());
     m_nodes.pop_front();
+    m_size = static_cast<int>(m_nodes.size());
     return node;
 }
 

@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <deque>
 #include <memory>
 #include <optional>
@@ -31,6 +32,15 @@ class QuilMessageManager {
     // Waits until there is a node and gives it to the caller.
     std::unique_ptr<QuilMessageNode> pop();
 
+    // So many nodes wait that no more pushes are to be taken in. Then the main loop is woken when
+    // they have become few again.
+    static constexpr int kManyNodes = 256;
+    static constexpr int kFewNodes = 128;
+    // For the main loop, before each wait.
+    bool isCrowded();
+    // So many wait that requests, too, are left where they are. Only after isCrowded.
+    bool isOverfull() const { return m_size >= 2 * kManyNodes; }
+
   private:
     QuilMessageManager();
     // False without memory, then the node stays the caller's.
@@ -41,6 +51,8 @@ class QuilMessageManager {
     std::optional<int> wait();
 
     std::deque<std::unique_ptr<QuilMessageNode>> m_nodes GUARDED_BY(m_mutex);
+    std::atomic<int> m_size{0};                 // of m_nodes, for those who ask without the lock
+    std::atomic<bool> m_isLoopHeldBack{false};  // the main loop is to be woken when few are left
     QuilMutex m_mutex;
     pthread_cond_t m_condition;
 };

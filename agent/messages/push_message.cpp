@@ -58,7 +58,7 @@ QuilPushMessage::QuilPushMessage(const QuilPushMessage& other)
       m_contentLength(other.m_contentLength),
       m_dataPosition(other.m_dataPosition),
       m_socket(other.m_socket) {
-    copyPayload(other.m_payload.data(), other.m_payloadLength);
+    copyPayload(other.m_payload.data(), other.getPayloadLength());
     copyHttpHeaders(other);
 }
 
@@ -73,7 +73,7 @@ QuilPushMessage& QuilPushMessage::operator=(const QuilPushMessage& other) {
     m_contentLength = other.m_contentLength;
     m_dataPosition = other.m_dataPosition;
     m_socket = other.m_socket;
-    copyPayload(other.m_payload.data(), other.m_payloadLength);
+    copyPayload(other.m_payload.data(), other.getPayloadLength());
     freeHttpHeaders();
     copyHttpHeaders(other);
     return *this;
@@ -84,12 +84,11 @@ QuilPushMessage::~QuilPushMessage() {
 }
 
 void QuilPushMessage::setPayload(const char* bytes, int n) {
-    const int kept = std::min(n, PUSH_PAYLOAD_BYTES - m_payloadLength);
-    std::copy_n(bytes, kept, m_payload.begin() + m_payloadLength);
-    m_payloadLength += kept;
+    const int kept = std::min(n, PUSH_PAYLOAD_BYTES - getPayloadLength());
+    m_payload.append(bytes, static_cast<std::size_t>(kept));
     m_bytesNotKept += n - kept;
-    QUIL_LOG(LOG_LEVEL_DEBUG, "setPayload: len [%d] payload[%s]", m_payloadLength,
-             m_payload.data());
+    QUIL_LOG(LOG_LEVEL_DEBUG, "setPayload: len [%d] payload[%s]", getPayloadLength(),
+             m_payload.c_str());
     if (m_dataLength != -1) {
         m_dataLength += n;
     } else {
@@ -104,12 +103,12 @@ bool QuilPushMessage::hasMoreData() const {
 }
 
 void QuilPushMessage::parsePayload() {
-    const std::string_view text(m_payload.data(), std::strlen(m_payload.data()));
+    const std::string_view text(m_payload.data(), std::strlen(m_payload.c_str()));
     QUIL_LOG(LOG_LEVEL_DEBUG, "***parsePayload: size of payload_str %d payload[%s]\n",
              static_cast<int>(text.size()), m_payload.data());
     std::size_t current = 0;
     std::size_t lineEnd = text.find(kLineEnd);
-    bool done = lineEnd == std::string_view::npos && m_payloadLength == 0;
+    bool done = lineEnd == std::string_view::npos && getPayloadLength() == 0;
     QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: cur_pos %d newline_pos %d done = %d",
              static_cast<int>(current), shown(lineEnd), done ? 1 : 0);
     while (!done) {
@@ -135,7 +134,7 @@ void QuilPushMessage::parsePayload() {
         current = lineEnd + 1;
         lineEnd = text.find(kLineEnd, current);
         done = lineEnd == std::string_view::npos &&
-               current >= static_cast<std::size_t>(m_payloadLength);
+               current >= static_cast<std::size_t>(getPayloadLength());
         QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: cur_pos %d newline_pos %d done = %d\n",
                  static_cast<int>(current), shown(lineEnd), done ? 1 : 0);
     }
@@ -152,7 +151,7 @@ void QuilPushMessage::parsePayload() {
 
 void QuilPushMessage::endHeaderBlock(int position) {
     m_dataPosition = position;
-    m_dataLength = m_payloadLength + m_bytesNotKept - position;
+    m_dataLength = getPayloadLength() + m_bytesNotKept - position;
     QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: len[%d] Data portion [%s] ", m_dataLength,
              m_payload.data() + position);
     QUIL_LOG(LOG_LEVEL_DEBUG, "content length[%d] data length[%d] data position[%d]",
@@ -183,7 +182,7 @@ void QuilPushMessage::createData() {
     char text[kBase64Bytes] = {};
     int length = -1;
     const bool isHeld = m_dataPosition >= 0 && m_dataLength >= 0 &&
-                        m_dataLength <= m_payloadLength - m_dataPosition;
+                        m_dataLength <= getPayloadLength() - m_dataPosition;
     if (isHeld) {
         const auto* data = reinterpret_cast<const unsigned char*>(m_payload.data());
         length = b64_ntop(data + m_dataPosition, static_cast<std::size_t>(m_dataLength), text,
@@ -231,9 +230,7 @@ bool QuilPushMessage::addData(pps_encoder_t* encoder) const {
 }
 
 void QuilPushMessage::copyPayload(const char* bytes, int n) {
-    const auto end = std::copy_n(bytes, n, m_payload.begin());
-    std::fill(end, m_payload.end(), '\0');  // what a longer payload left
-    m_payloadLength = n;
+    m_payload.assign(bytes, static_cast<std::size_t>(n));
 }
 
 void QuilPushMessage::copyHttpHeaders(const QuilPushMessage& other) {

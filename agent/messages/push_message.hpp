@@ -3,7 +3,6 @@
 
 #pragma once
 
-#include <array>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,13 +26,13 @@ class QuilPushMessage : public QuilBaseMessage {
     void setPayload(const char* bytes, int n);
     // True while the data part is shorter than "Content-Length" announced.
     bool hasMoreData() const;
-    bool isPayloadFull() const { return m_payloadLength == PUSH_PAYLOAD_BYTES; }
+    bool isPayloadFull() const { return getPayloadLength() == PUSH_PAYLOAD_BYTES; }
     // Turns the data part into base64. A push without a data part, or with one that is not held
     // completely or that does not fit, gets RESULT_PUSH_NOT_ENCODABLE.
     void createData();
     bool addData(pps_encoder_t* encoder) const override;
 
-    int getPayloadLength() const { return m_payloadLength; }
+    int getPayloadLength() const { return static_cast<int>(m_payload.size()); }
     int getDataLength() const { return m_dataLength; }
     int getContentLength() const { return m_contentLength; }
     int getDataPosition() const { return m_dataPosition; }
@@ -55,9 +54,7 @@ class QuilPushMessage : public QuilBaseMessage {
     void copyHttpHeaders(const QuilPushMessage& other);
     void freeHttpHeaders();
 
-    // One byte more than a push may have, always zero: the payload is also looked at as a text.
-    std::array<char, PUSH_PAYLOAD_BYTES + 1> m_payload{};
-    int m_payloadLength = 0;
+    std::string m_payload;   // the bytes kept so far; also looked at as a text
     int m_bytesNotKept = 0;  // bytes that came when the payload was full
     std::string m_data;
     int m_dataLength = -1;     // data bytes received; -1 until the header block has been parsed

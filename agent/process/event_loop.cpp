@@ -1,8 +1,8 @@
-// One select over three kinds of descriptor: the served client object, the read end of a pipe by
-// which the other thread wakes this one, and the listening socket of every port. The set is built
-// anew before every wait from the list of ports taken at the end of the pass before, so a new port
-// is watched from the next pass on. Everything that touches sockets of pushes and requests of
-// clients runs here, on the main thread.
+// One select over the served client object, the read end of a pipe by which other threads wake this
+// one, the listening socket of every port, and one descriptor for all connections whose push is not
+// in yet. The set is built anew before every wait from the list of ports taken at the end of the
+// pass before, so a new port is watched from the next pass on. Everything that touches sockets of
+// pushes and requests of clients runs here, on the main thread, and nothing of it waits.
 
 #include "agent/process/event_loop.hpp"
 
@@ -16,12 +16,16 @@
 #include <vector>
 
 #include "agent/clients/client_object.hpp"
+#include "agent/messages/message_queue.hpp"
+#include "agent/process/exchanges.hpp"
 #include "agent/process/handler_thread.hpp"
 #include "agent/pushes/push_intake.hpp"
 #include "agent/requests/request_reader.hpp"
 #include "agent/requests/session_requests.hpp"
+#include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/support/log.hpp"
+#include "agent/support/service_life.hpp"
 #include "agent/support/wake_up.hpp"
 
 namespace {
@@ -35,6 +39,7 @@ constexpr std::chrono::milliseconds kPause{100};
 int g_clientDescriptor = -1;
 QuilSessionManager* g_sessions = nullptr;
 int g_pipeReadEnd = -1;  // of the wake-up
+int g_intake = -1;       // of set-aside connections
 
 bool isWatchable(int descriptor) {
     return descriptor >= kLowestDescriptor && descriptor <= kHighestDescriptor;
@@ -58,23 +63,51 @@ class DescriptorSet {
     int m_highest = 0;
 };
 
+// How much of what comes in can be handed on at the moment. The rest waits where it is: pushes with
+// their senders, requests with the object service. Without queue or lanes nothing is held back, and
+// what comes in is refused there.
+class Room {
+  public:
+    Room() : m_isQueueCrowded(m_queue != nullptr && m_queue->isCrowded()) {}
+
+    bool forPushes() const { return !m_isQueueCrowded; }
+    bool forRequests() const { return !m_isQueueCrowded || !m_queue->isOverfull(); }
+    bool forPushesOf(const QuilPort& port) const {
+        return m_exchanges == nullptr || !m_exchanges->hasCrowd() ||
+               !m_exchanges->isCrowded(port.getName());
+    }
+
+  private:
+    QuilMessageManager* m_queue = QuilMessageManager::getInstance();
+    QuilExchanges* m_exchanges = QuilExchanges::getInstance();
+    bool m_isQueueCrowded;
+};
+
 // False when a descriptor that the loop cannot do without is out of range.
 bool buildSet(const std::vector<QuilPort*>& ports, DescriptorSet* set) {
     QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Waiting (select)...");
+    const Room room;
+    const bool takesPushes = room.forPushes() && !isPushIntakePaused();
     for (const QuilPort* port : ports) {
         const int socket = port->getSocket();
         QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: setting rfds: port [%d] fd[%d]", port->getPort(),
                  socket);
-        if (isWatchable(socket) && !port->isWaitingForClient()) {
+        if (isWatchable(socket) && takesPushes && !port->isWaitingForClient() &&
+            room.forPushesOf(*port)) {
             set->add(socket);
         }
+    }
+    if (room.forPushes() && isWatchable(g_intake)) {
+        set->add(g_intake);
     }
     if (!isWatchable(g_clientDescriptor)) {
         QUIL_LOG(LOG_LEVEL_ERROR, "QuilAgent: invalid client file descriptor %d",
                  g_clientDescriptor);
         return false;
     }
-    set->add(g_clientDescriptor);
+    if (room.forRequests()) {
+        set->add(g_clientDescriptor);
+    }
     if (!isWatchable(g_pipeReadEnd)) {
         QUIL_LOG(LOG_LEVEL_ERROR,
                  "QuilAgent: invalid file descriptor for internal pipe between threads %d",
@@ -115,19 +148,36 @@ void servePorts(const std::vector<QuilPort*>& ports, const DescriptorSet& set) {
     }
 }
 
+// Until the object service is back, nothing is taken off the ports, and nobody could be told
+// anything.
+void awaitObjectService(int error) {
+    QUIL_LOG(LOG_LEVEL_WARNING, "quilAgentLoop: object service lost: errno[%d] error[%s]", error,
+             strerror(error));
+    // In this order: an id that is still there after the life has ended would seem to be of the
+    // next.
+    g_sessions->forgetClients();
+    endServiceLife();
+    flushLogEcho();
+    do {
+        std::this_thread::sleep_for(kPause);
+    } while (!reopenClientObject());
+    QUIL_LOG(LOG_LEVEL_NOTICE, "quilAgentLoop: object service is back");
+    QuilDataManager::getInstance()->reopenAndSave();
+}
+
 void serveClient() {
     QUIL_LOG(LOG_LEVEL_DEBUG, "Client if event.\n");
     int count = 0;
+    int error = 0;
     try {
         count = clientPPSMessageGet();
+        error = errno;
     } catch (...) {
         QUIL_LOG(LOG_LEVEL_WARNING,
                  "quilAgentLoop: exception occurred when trying to process a client request");
     }
-    if (count == -1) {
-        // The object service is gone, and the descriptor stays readable. Whoever supervises both
-        // has to start them anew; until then this must not eat the processor.
-        std::this_thread::sleep_for(kPause);
+    if (count == -1 && error != EAGAIN && error != EINTR) {
+        awaitObjectService(error);
     }
 }
 
@@ -194,6 +244,7 @@ void quilAgentLoop() {
     // Also when quilAgentInit failed on the way to it.
     g_sessions = QuilSessionManager::getInstance();
     g_pipeReadEnd = openWakeUp();
+    g_intake = openPushIntake();
     std::vector<QuilPort*> ports;
     takeFirstPorts(&ports);
     if (g_sessions->processSimChange(quilDestroyChannel) == 0) {
@@ -211,6 +262,9 @@ void quilAgentLoop() {
         // that frees a port cannot take it away from the one push that this pass found there. What
         // waits behind that push falls with the port.
         servePorts(ports, set);
+        if (set.has(g_intake)) {
+            servePushIntake();
+        }
         if (set.has(g_clientDescriptor)) {
             serveClient();
         }

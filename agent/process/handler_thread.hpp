@@ -1,5 +1,5 @@
-// The message handler thread: does what must not block the main thread (talking to push data
-// servers) and what follows from it (replies, notifications).
+// The message handler thread: sends replies and notifications, and sees to it that push data
+// servers are asked.
 
 #pragma once
 

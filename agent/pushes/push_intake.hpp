@@ -1,12 +1,29 @@
-// Where pushes come in: accepts a connection on a session's port and reads the push that it brings.
-// docs/formats/push.md shows the bytes.
+// Where pushes come in: accepts connections on the sessions' ports, and sees to those whose push is
+// still on its way. docs/formats/push.md shows the bytes.
+//
+// Main thread only. Nothing here waits: a connection whose push is not in yet is set aside.
 
 #pragma once
 
 #include "agent/sessions/port.hpp"
 
-// Accepts one connection on the port's listening socket, reads its push and queues it for the
-// message handler thread. Main thread only, and blocks it until the push is in, for "push-timeout"
-// seconds at the most. While the application has no client nothing is accepted: the connection
-// waits.
+// The descriptor to wait on beside the ports' own: readable when servePushIntake has something to
+// do. It stays this unit's; -1 when the system gave none, and then a push has to be in when its
+// connection is accepted.
+int openPushIntake();
+
+// Accepts one connection on the port's listening socket, reads what its sender has sent, and queues
+// the push for the message handler thread if that is all of it. While the application has no client
+// nothing is accepted: the connection waits.
 void serverIfProcessData(QuilPort* port);
+
+// Goes on with set-aside connections whose next bytes came, and closes those whose time
+// ("push-timeout") is up.
+void servePushIntake();
+
+// How many connections are set aside.
+int countSetAsideConnections();
+
+// True while nothing can be accepted for want of descriptors or memory; for a tenth of a second at
+// a time, after which the descriptor of openPushIntake is readable.
+bool isPushIntakePaused();

@@ -49,7 +49,7 @@ void httpSetTimeout(int seconds);
 // Only then `httpStatus` and `response` are written; `response` may be null even then, when memory
 // ran out. Nothing is sent when libcurl refuses a setting. Bodies beyond 1 MiB and header lines
 // beyond 1000 are cut off silently. A URL of another scheme than http and https is refused with
-// libcurl's code for an unsupported protocol. One thread at a time.
+// libcurl's code for an unsupported protocol. Any thread; blocks it until the request is over.
 int httpGet(const char* url, long* httpStatus, HttpResponse** response);
 
 // The first field of that name, whatever the case of its letters; null for none.

@@ -2,8 +2,8 @@
 // return code in the body ("rc=...") and, for a registration, the port for its pushes in a response
 // header. docs/formats/registration.md shows the exchange.
 //
-// The outcome is the message's result code, 0 for success; nothing is retried. Message handler
-// thread only: each request blocks until it completes.
+// The outcome is the message's result code, 0 for success; nothing is retried. Any thread, one at a
+// time for one application; each request blocks it until it is over.
 
 #pragma once
 

@@ -1,5 +1,5 @@
 // Finishes what requests began: sends queued replies, and once the push data server has answered,
-// moves the session on and tells the application. Message handler thread only.
+// moves the session on and tells the application. Any thread, one at a time for one application.
 
 #pragma once
 

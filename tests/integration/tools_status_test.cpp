@@ -104,6 +104,7 @@ class Status : public ::testing::Test {
         for (std::string line; std::getline(lines, line);) {
             names += nlohmann::json::parse(line)["finding"].get<std::string>() + " ";
         }
+        EXPECT_EQ(result.error, "");
         return names + std::to_string(result.status);
     }
 
@@ -209,7 +210,9 @@ TEST_F(Status, NamesAMissingPin) {
     write("system/nvram/deviceinfo", {"HardwareID=0x05"});
     EXPECT_EQ(check(), "no-pin 1");
     const ToolRun result = runTool(m_root.path(), "quilctl", {"status", "--check"});
-    EXPECT_TRUE(contains(result.output, "problem: the device's PIN is unknown")) << result.output;
+    EXPECT_TRUE(contains(result.output, "problem: the device's PIN is unknown"))
+        << result.status << "\n"
+        << result.output << result.error;
     EXPECT_TRUE(contains(result.output, "next: without it every channel has an empty token"));
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -25,6 +26,30 @@ std::vector<RecordedLine>& record() {
     return *lines;
 }
 
+struct Gate {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::string text;  // "" for an open gate
+    int held = 0;
+};
+
+Gate& gate() {
+    static auto* const instance = new Gate();
+    return *instance;
+}
+
+void passGate(const std::string& text) {
+    Gate& at = gate();
+    std::unique_lock lock(at.mutex);
+    if (at.text.empty() || at.text != text) {
+        return;
+    }
+    ++at.held;
+    at.changed.notify_all();
+    at.changed.wait(lock, [&at] { return at.text.empty(); });
+    --at.held;
+}
+
 // Without "QUIL:file.cpp(LINE): " or "QUIL: ".
 std::string bareText(const RecordedLine& line) {
     const std::string& text = line.text;
@@ -43,8 +68,30 @@ void slogf(std::uint32_t code, int severity, const char* format, ...) {
     va_start(arguments, format);
     std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    const std::lock_guard lock(recordLock());
-    record().push_back({code, severity, text});
+    const RecordedLine line{code, severity, text};
+    {
+        const std::lock_guard lock(recordLock());
+        record().push_back(line);
+    }
+    passGate(bareText(line));
+}
+
+LogGate::LogGate(const std::string& text) {
+    const std::lock_guard lock(gate().mutex);
+    gate().text = text;
+}
+
+LogGate::~LogGate() {
+    const std::lock_guard lock(gate().mutex);
+    gate().text.clear();
+    gate().changed.notify_all();
+}
+
+bool LogGate::waitUntilHeld(double seconds) const {
+    Gate& at = gate();
+    std::unique_lock lock(at.mutex);
+    return at.changed.wait_for(lock, std::chrono::duration<double>(seconds),
+                               [&at] { return at.held > 0; });
 }
 
 std::vector<RecordedLine> recordedLines() {

@@ -38,3 +38,16 @@ inline bool wasLogged(int severity, const std::string& text) {
 
 // Waits up to `seconds` until such a line has been logged. For lines of another thread.
 bool waitForLogged(int severity, const std::string& text, double seconds = 10);
+
+// Holds every thread that logs a line of exactly that text in its call, until the object is gone.
+// One at a time.
+class LogGate {
+  public:
+    explicit LogGate(const std::string& text);
+    ~LogGate();
+    LogGate(const LogGate&) = delete;
+    LogGate& operator=(const LogGate&) = delete;
+
+    // Waits until a thread is held. False when none came in time.
+    bool waitUntilHeld(double seconds = 10) const;
+};

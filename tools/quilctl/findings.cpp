@@ -121,12 +121,13 @@ void judgeConfiguration(const StatusFacts& facts, Findings& findings) {
     }
     if (std::atoi(settingOf(configuration, "http-timeout").c_str()) <= 0) {
         warn(findings, "http-timeout",
-             "http-timeout is off: one silent push server holds up every application",
+             "http-timeout is off: a silent push server holds up its applications for ever",
              "set http-timeout to 60");
     }
     if (std::atoi(settingOf(configuration, "push-timeout").c_str()) <= 0) {
         warn(findings, "push-timeout",
-             "push-timeout is off: one sender that stops in the middle holds up all pushes",
+             "push-timeout is off: senders that stop in the middle are waited for until there are "
+             "too many",
              "set push-timeout to 30");
     }
 }

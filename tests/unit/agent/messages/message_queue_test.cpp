@@ -265,3 +265,46 @@ TEST(QueueEcho, ReaderThatIsHeldUpByTheEchoDoesNotHoldUpPush) {
     EXPECT_TRUE(isDone);
     EXPECT_EQ(pushed.get(), 1);
 }
+
+// What is pushed waits with its sender while the queue is long, and the loop learns when it is not.
+TEST_F(Queue, ManyNodesAreACrowdAndFewOfThemWakeTheLoop) {
+    QuilMessageManager* queue = QuilMessageManager::getInstance();
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(dup2(ends[1], STDIN_FILENO), STDIN_FILENO);  // where wake-ups go without a loop
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    for (int i = 0; i < 255; ++i) {
+        push(4);
+    }
+    EXPECT_FALSE(queue->isCrowded());
+    push(4);
+    EXPECT_TRUE(queue->isCrowded());
+    EXPECT_FALSE(queue->isOverfull());
+    for (int i = 0; i < 256; ++i) {
+        push(4);
+    }
+    EXPECT_TRUE(queue->isOverfull());
+    for (int i = 0; i < 512 - 128; ++i) {
+        pop();
+    }
+    EXPECT_EQ(readAvailable(ends[0]), "");
+    pop();
+    EXPECT_EQ(readAvailable(ends[0]), "a");
+    pop();
+    EXPECT_EQ(readAvailable(ends[0]), "") << "woken more than once";
+    EXPECT_FALSE(queue->isCrowded());
+}
+
+TEST_F(Queue, NobodyIsWokenWhoWasNotHeldBack) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(dup2(ends[1], STDIN_FILENO), STDIN_FILENO);
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    for (int i = 0; i < 300; ++i) {
+        push(4);
+    }
+    for (int i = 0; i < 300; ++i) {
+        pop();
+    }
+    EXPECT_EQ(readAvailable(ends[0]), "");
+}

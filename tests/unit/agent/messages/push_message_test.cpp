@@ -487,3 +487,8 @@ TEST(HttpHeader, NameAndValueCanBeReplaced) {
 
 static_assert(std::has_virtual_destructor_v<QuilHttpHeader>);
 static_assert(std::has_virtual_destructor_v<QuilPushMessage>);
+
+// Many of them may wait: each takes the memory of what it holds.
+TEST_F(PushMessage, SmallPushIsASmallObject) {
+    EXPECT_LT(sizeof(QuilPushMessage), 1024U);
+}

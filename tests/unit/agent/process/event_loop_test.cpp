@@ -14,6 +14,8 @@
 #include <thread>
 
 #include "agent/clients/client_object.hpp"
+#include "agent/messages/message_queue.hpp"
+#include "agent/messages/reply_messages.hpp"
 #include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/sessions/states/session_states.hpp"
@@ -22,6 +24,8 @@
 #include "tests/support/agent/clients_fixture.hpp"
 
 namespace {
+
+constexpr const char* kSaved = "/pps/services/push/quilagent";
 
 const std::string kWaiting = "quilAgentLoop: Waiting (select)...";
 const std::string kPush = "POST /x\r\nContent-Length: 5\r\nPush-Message-ID:m1\r\n\r\nhello";
@@ -83,14 +87,12 @@ class EventLoop : public ClientsTest {
                " receiving data for App id [" + appId + "]";
     }
 
-    // Holds the loop in the read of a push until release() is called.
-    int hold(const Listener& listener, const std::string& appId) {
-        const int sender = connectTo(listener.port);
-        EXPECT_TRUE(waitForLogged(5, receiving(listener, appId)));
-        return sender;
-    }
-    static void release(int sender) {
-        EXPECT_EQ(send(sender, kPush.data(), kPush.size(), 0), static_cast<ssize_t>(kPush.size()));
+    // Holds the loop at the first push of that port until the gate is gone.
+    std::unique_ptr<LogGate> hold(const Listener& listener, const std::string& appId) {
+        auto gate = std::make_unique<LogGate>(receiving(listener, appId));
+        sendPush(listener.port);
+        EXPECT_TRUE(gate->waitUntilHeld());
+        return gate;
     }
 
     // Waits for these lines of event_loop.cpp, and no others.
@@ -127,20 +129,22 @@ TEST_F(EventLoop, PushReachesTheApplicationAndTheListIsTakenAnew) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
     const QuilPort& port = listener.session->getPort();
-    ASSERT_TRUE(waitUntil([&] {
-        return linesOf("event_loop.cpp")
-            .ends_with(fds("5 quilAgentLoop: setting rfds: port [", port));
-    }));
-    clearRecordedLines();
-    sendPush(listener.port);
+    {
+        // The push is to be there when the loop accepts its connection.
+        const LogGate gate(kWaiting);
+        wakeMainLoop();
+        ASSERT_TRUE(gate.waitUntilHeld());
+        clearRecordedLines();
+        sendPush(listener.port);
+    }
     EXPECT_EQ(nextReply(), kNotification);
-    expectLines("5 " + receiving(listener, "app") + "\n" +
-                fds("5 quilAgentLoop: serverIfProcessData port [", port) +
-                "5 quilAgentLoop: All the valid ports are\n\n" +
-                fds("5 quilAgentLoop 2: port[", port) +
-                "5 \n\n\n"
-                "5 quilAgentLoop: Waiting (select)...\n" +
-                fds("5 quilAgentLoop: setting rfds: port [", port));
+    expectLines(
+        fds("5 quilAgentLoop: setting rfds: port [", port) + "5 " + receiving(listener, "app") +
+        "\n" + fds("5 quilAgentLoop: serverIfProcessData port [", port) +
+        "5 quilAgentLoop: All the valid ports are\n\n" + fds("5 quilAgentLoop 2: port[", port) +
+        "5 \n\n\n"
+        "5 quilAgentLoop: Waiting (select)...\n" +
+        fds("5 quilAgentLoop: setting rfds: port [", port));
 }
 
 TEST_F(EventLoop, ClientRequestIsReadOncePerPass) {
@@ -172,13 +176,13 @@ TEST_F(EventLoop, OnePassServesPortsThenTheClientThenTheWakeUp) {
     const Listener first = addListener("a", "@ipc.17");
     const Listener second = addListener("b", "@ipc.17");
     startLoop();
-    const int held = hold(first, "a");
+    auto held = hold(first, "a");
     sendPush(second.port);
     sendPush(first.port);
     sendRequest(golden("requests_client_connected.txt"));
     wakeMainLoop();
     clearRecordedLines();
-    release(held);
+    held.reset();
     ASSERT_TRUE(waitForPasses(2));
     const std::string text = linesOf("event_loop.cpp");
     const std::size_t pass = text.find("5 " + kWaiting);
@@ -199,12 +203,12 @@ TEST_F(EventLoop, OnePassServesPortsThenTheClientThenTheWakeUp) {
 TEST_F(EventLoop, ThreeWakeUpsMakeThreePassesOfOneByte) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
-    const int held = hold(listener, "app");
+    auto held = hold(listener, "app");
     wakeMainLoop();
     wakeMainLoop();
     wakeMainLoop();
     clearRecordedLines();
-    release(held);
+    held.reset();
     // The pass of the push, then one per byte; the fifth wait finds nothing.
     ASSERT_TRUE(waitForPasses(4));
     EXPECT_EQ(countRecorded(6, "Ignore\n"), 3) << recordedText();
@@ -215,11 +219,11 @@ TEST_F(EventLoop, ThreeWakeUpsMakeThreePassesOfOneByte) {
 TEST_F(EventLoop, SeveralRequestsAreReadOnePerPass) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
-    const int held = hold(listener, "app");
+    auto held = hold(listener, "app");
     sendRequest(golden("requests_client_connected.txt"));
     sendRequest(golden("requests_client_connected.txt"));
     clearRecordedLines();
-    release(held);
+    held.reset();
     ASSERT_TRUE(waitForPasses(3));
     EXPECT_EQ(countRecorded(6, "Client if event.\n"), 2) << recordedText();
 }
@@ -379,18 +383,42 @@ TEST_F(EventLoop, SelectOnAClosedDescriptorIsLoggedAndSurvived) {
 }
 
 // The object service is gone: its descriptor is readable for ever, and every read fails.
-TEST_F(EventLoop, FailingReadOfTheClientObjectCostsLittle) {
+TEST_F(EventLoop, LostObjectServiceIsToldOnceAndAwaitedQuietly) {
+    const Listener listener = addListener("app", "@ipc.17");
     startLoop();
+    const std::string server = path("/pps/services/push/ipc?server");
+    std::filesystem::remove(server);
+    std::filesystem::create_directory(server);  // which nobody can open as an object
+    clearRecordedLines();
     const int folder = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);  // reads fail with EISDIR
     ASSERT_NE(folder, -1);
     ASSERT_NE(dup3(folder, clientDescriptor(), O_CLOEXEC), -1);
     wakeMainLoop();
-    ASSERT_TRUE(waitForLogged(3, "clientPPSMessageGet: Unable to read push PPS object."))
-        << recordedText();
-    const int before = passes();
+    const std::string lost = "quilAgentLoop: object service lost: errno[21] error[Is a directory]";
+    ASSERT_TRUE(waitForLogged(3, lost)) << recordedText();
+    EXPECT_TRUE(waitUntil([&] { return listener.session->getClientObjectId().empty(); }));
+    // Nothing is taken off the ports, and nothing more is said.
+    const std::string told = recordedText();
+    sendPush(listener.port);
+    std::this_thread::sleep_for(std::chrono::milliseconds(350));
+    EXPECT_EQ(recordedText(), told);
+
+    std::filesystem::remove(server);
     const auto begin = std::chrono::steady_clock::now();
-    ASSERT_TRUE(waitForPasses(before + 4));
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(290));
+    writeFile("/pps/services/push/ipc?server", "");
+    ASSERT_TRUE(waitForLogged(4, "quilAgentLoop: object service is back")) << recordedText();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1000));
+    replaceDescriptor();
+    EXPECT_TRUE(waitForLogged(
+        5, "Save: Wrote " + std::to_string(readFile(kSaved).size()) + " bytes to pps."))
+        << recordedText();
+    EXPECT_EQ(countRecorded(3, lost), 1);
+    // The application is back, and gets what waited for it.
+    sendRequest(
+        "@ipc.3\nmsg::createSession\nid::1\n"
+        "dat:json:{\"providerApplicationId\":\"app\"}\n");
+    EXPECT_NE(nextReply().find("onCreateSessionComplete"), std::string::npos);
+    EXPECT_NE(nextReply().find("pushNotification"), std::string::npos);
 }
 
 TEST_F(EventLoop, EmptyReadOfTheClientObjectDoesNotPause) {
@@ -405,9 +433,10 @@ TEST_F(EventLoop, ExceptionWhileAPushIsReadIsLoggedAndSurvived) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
     clearRecordedLines();
+    const std::string large = "POST /x\r\n\r\n" + std::string(9000, 'x');
     {
-        const FailingAllocations noPush(15360, 20000);
-        sendPush(listener.port);
+        const FailingAllocations noPush(9000, 20000);
+        EXPECT_GT(send(connectTo(listener.port), large.data(), large.size(), 0), 0);
         ASSERT_TRUE(waitForLogged(
             3, "quilAgentLoop: exception occurred when trying to serverIfProcessData"));
         ASSERT_TRUE(waitForPasses(1));
@@ -473,13 +502,71 @@ TEST_F(EventLoop, EchoOfAnIdleLoopIsComplete) {
 TEST_F(EventLoop, WakeUpsBeyondWhatThePipeHoldsFailWithALineAndNeverBlock) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
-    const int held = hold(listener, "app");
+    auto held = hold(listener, "app");
     for (int i = 0; i < 70000 && !wasLogged(6, "Failed to write pipe!!\n"); i += 1000) {
         for (int j = 0; j < 1000; ++j) {
             wakeMainLoop();
         }
     }
     EXPECT_TRUE(wasLogged(6, "Failed to write pipe!!\n"));
-    release(held);
+    held.reset();
     EXPECT_EQ(nextReply(), kNotification);
+}
+
+TEST_F(EventLoop, SilentSendersDelayNeitherRequestsNorPushes) {
+    const Listener crowded = addListener("a", "@ipc.17");
+    const Listener other = addListener("b", "@ipc.17");
+    startLoop();
+    std::vector<int> silent;
+    for (int i = 0; i < 20; ++i) {
+        silent.push_back(connectTo(crowded.port));
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    sendRequest(golden("requests_create_session.txt"));
+    EXPECT_NE(nextReply().find("onCreateSessionComplete"), std::string::npos);
+    sendPush(other.port);
+    EXPECT_NE(nextReply().find("pushNotification"), std::string::npos);
+    sendPush(crowded.port);
+    EXPECT_NE(nextReply().find("pushNotification"), std::string::npos);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    for (const int sender : silent) {
+        EXPECT_TRUE(isQuiet(sender));
+    }
+}
+
+TEST_F(EventLoop, PushWhoseBytesComeLaterIsDelivered) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    const int sender = connectTo(listener.port);
+    // The header block with the first byte of the data, then byte by byte.
+    const std::size_t first = kPush.find("\r\n\r\n") + 5;
+    EXPECT_EQ(send(sender, kPush.data(), first, 0), static_cast<ssize_t>(first));
+    for (std::size_t at = first; at < kPush.size(); ++at) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_EQ(send(sender, &kPush[at], 1, 0), 1);
+    }
+    EXPECT_EQ(nextReply(), kNotification);
+}
+
+// The handler thread is held, so everything queues up.
+TEST_F(EventLoop, PushWaitsWithItsSenderWhileManyMessagesWait) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    QuilMessageManager* queue = QuilMessageManager::getInstance();
+    auto gate = std::make_unique<LogGate>("4 received");
+    for (int i = 0; i < 300; ++i) {
+        queue->push(std::make_unique<QuilMessageNode>(
+            4, std::make_unique<QuilResponseMessage>("app", "r", "@ipc.99")));
+    }
+    ASSERT_TRUE(gate->waitUntilHeld());
+    wakeMainLoop();
+    ASSERT_TRUE(waitForPasses(2));
+    const int before = passes();
+    sendPush(listener.port);
+    EXPECT_FALSE(waitUntil([before] { return passes() > before; }, 0.1)) << "the port was watched";
+    // Requests are still read.
+    sendRequest(golden("requests_client_connected.txt"));
+    EXPECT_TRUE(waitForLogged(5, "----------------- PPS_CREATED------------------------------"));
+    gate.reset();
+    EXPECT_TRUE(waitForLogged(5, receiving(listener, "app")));
 }

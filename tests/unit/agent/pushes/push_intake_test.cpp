@@ -44,7 +44,7 @@ TEST_F(PushListener, SenderThatKeepsTheConnectionOpenHasItKept) {
     EXPECT_EQ(serverIfSend(push->getSocket(), "ack", 3), 3);
     serverIfClose(push->getSocket());
     EXPECT_EQ(sender.readAll(), "ack");
-    EXPECT_EQ(linesOf({"push_intake.cpp", "connection.cpp"}).substr(0, 180),
+    EXPECT_EQ(linesOf({"push_intake.cpp", "push_connection.cpp", "connection.cpp"}).substr(0, 180),
               ("5 " + received(65) +
                "\n6 serverIfProcessData 1.1: recved [65] bytes of data\n"
                "6 serverIfProcessData 2: recved [-1] bytes of data\n"
@@ -89,9 +89,9 @@ TEST_F(PushListener, SenderThatClosesBehindThePushHasItDeliveredAndClosed) {
     ASSERT_NE(push, nullptr);
     EXPECT_EQ(push->getSocket(), -1);
     EXPECT_EQ(encoded(push.get()), kHello);
-    EXPECT_EQ(fcntl(256, F_GETFD), -1);
+    EXPECT_EQ(fcntl(m_nextHigh, F_GETFD), -1);
     EXPECT_EQ(lowestFreeDescriptor(), before);
-    EXPECT_EQ(linesOf({"push_intake.cpp", "connection.cpp"}),
+    EXPECT_EQ(linesOf({"push_intake.cpp", "push_connection.cpp", "connection.cpp"}),
               "5 " + received(65) +
                   "\n6 serverIfProcessData 1.1: recved [65] bytes of "
                   "data\n"
@@ -119,8 +119,8 @@ TEST_F(PushListener, ConnectionWithoutAByteIsQueuedAsAnEmptyPushAndClosed) {
     ASSERT_NE(push, nullptr) << recordedText();
     EXPECT_EQ(push->getPayloadLength(), 0);
     EXPECT_EQ(push->getSocket(), -1);
-    EXPECT_EQ(fcntl(256, F_GETFD), -1);
-    EXPECT_EQ(linesOf({"push_intake.cpp", "connection.cpp"}),
+    EXPECT_EQ(fcntl(m_nextHigh, F_GETFD), -1);
+    EXPECT_EQ(linesOf({"push_intake.cpp", "push_connection.cpp", "connection.cpp"}),
               "5 " + received(0) +
                   "\n6 serverIfProcessData 1.1: recved [0] bytes of "
                   "data\n6 close new socket ret. [0]\n");
@@ -197,7 +197,7 @@ TEST_F(PushListener, CloseInTheMiddleOfTheBodyDeliversWhatCame) {
     ASSERT_NE(push, nullptr);
     EXPECT_EQ(push->getSocket(), -1);
     EXPECT_EQ(encoded(push.get()), "aGU=");
-    EXPECT_EQ(linesOf({"push_intake.cpp", "connection.cpp"}),
+    EXPECT_EQ(linesOf({"push_intake.cpp", "push_connection.cpp", "connection.cpp"}),
               "5 " + received(62) + "\n5 " + received(0) +
                   "\n6 serverIfProcessData 1.1: recved [0] bytes of "
                   "data\n6 close new socket ret. [0]\n");
@@ -221,8 +221,8 @@ TEST_F(PushListener, ResetBeforeAnyByteIsDroppedWithItsLine) {
     sender.reset();
     process();
     EXPECT_FALSE(isQueued());
-    EXPECT_EQ(fcntl(256, F_GETFD), -1);
-    EXPECT_EQ(linesOf({"push_intake.cpp", "connection.cpp"}),
+    EXPECT_EQ(fcntl(m_nextHigh, F_GETFD), -1);
+    EXPECT_EQ(linesOf({"push_intake.cpp", "push_connection.cpp", "connection.cpp"}),
               "5 serverIfProcessData 1: recved [-1] bytes of data\n"
               "3 serverIfProcessData: Cound not read incoming data with error no=104 "
               "error='Connection reset by peer'\n\n");
@@ -300,7 +300,7 @@ TEST_F(PushListener, PortOfAnUnknownApplicationAcceptsNothing) {
     port.setSocket(listener());
     const Peer sender(portNumber());
     serverIfProcessData(&port);
-    EXPECT_EQ(linesOf({"push_intake.cpp", "connection.cpp"}),
+    EXPECT_EQ(linesOf({"push_intake.cpp", "push_connection.cpp", "connection.cpp"}),
               "3 serverIfProcessData: session not found for app id [stranger]\n");
     EXPECT_TRUE(hasWaitingConnection(10));
     EXPECT_FALSE(port.isWaitingForClient());
@@ -312,7 +312,7 @@ TEST_F(PushListener, WithoutAClientNothingIsAcceptedAndThePortIsMarkedAsWaiting)
     sender.send(kExample);
     EXPECT_FALSE(m_session->getPort().isWaitingForClient());
     process();
-    EXPECT_EQ(linesOf({"push_intake.cpp", "connection.cpp"}),
+    EXPECT_EQ(linesOf({"push_intake.cpp", "push_connection.cpp", "connection.cpp"}),
               "3 serverIfProcessData: getClientObjectId is empty\n");
     EXPECT_TRUE(m_session->getPort().isWaitingForClient());
     EXPECT_TRUE(hasWaitingConnection(10));

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
 #include <thread>
@@ -30,6 +31,10 @@ class PushListener : public ::testing::Test {
     explicit PushListener(const std::string& configuration = "push-timeout 20\n")
         : m_root(configuration) {
         QuilConfigManager::getInstance();
+        openPushIntake();
+        const int high = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 256);
+        close(high);
+        m_nextHigh = high;
         m_session = addSession("app", "@ipc.1");
         m_session->getPort().setPort(m_reserved.number());
         m_session->listenOnPort();
@@ -47,10 +52,30 @@ class PushListener : public ::testing::Test {
         pollfd watched = {listener(), POLLIN, 0};
         return poll(&watched, 1, static_cast<int>(seconds * 1000)) == 1;
     }
-    // As the event loop does it: once the listening socket is readable.
+    // As the event loop does it: once the listening socket is readable, and then until nothing is
+    // set aside any more.
     void process() {
         ASSERT_TRUE(hasWaitingConnection(10)) << "nobody connected";
         serverIfProcessData(&m_session->getPort());
+        serveSetAside();
+    }
+    void serveSetAside() {
+        while (countSetAsideConnections() > 0) {
+            ASSERT_TRUE(serveOnce(30)) << "a connection was set aside and never came back";
+        }
+    }
+    // False when the intake has nothing to do within that time.
+    bool serveOnce(double seconds) {
+        pollfd watched = {openPushIntake(), POLLIN, 0};
+        int ready = 0;
+        do {
+            ready = poll(&watched, 1, static_cast<int>(seconds * 1000));
+        } while (ready == -1 && errno == EINTR);
+        if (ready != 1) {
+            return false;
+        }
+        servePushIntake();
+        return true;
     }
     // Processes a connection; once `line` (level 5) has been logged, `then` runs beside it.
     template <typename Then>
@@ -92,6 +117,8 @@ class PushListener : public ::testing::Test {
                                          : "error " + std::to_string(push->getErrorCode());
     }
 
+    // The number that the next accepted connection will have.
+    int m_nextHigh = -1;
     ServerRoot m_root;
     ReservedPort m_reserved;
     QuilSession* m_session = nullptr;

@@ -1,0 +1,307 @@
+// A lane lives from the node that begins an exchange until it is empty. It is worked off by one
+// thread at a time, whose own messages for the application (the completion of an exchange) take the
+// way through the queue and so stand behind all that was queued before them.
+
+#include "agent/process/exchanges.hpp"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <exception>
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+#include "agent/messages/message_queue.hpp"
+#include "agent/messages/reply_messages.hpp"
+#include "agent/process/dispatch.hpp"
+#include "agent/support/log.hpp"
+#include "agent/support/wake_up.hpp"
+
+namespace {
+
+bool beginsExchange(const QuilMessageNode& node) {
+    return node.getType() == MESSAGE_SERVER_REGISTER || node.getType() == MESSAGE_SERVER_DEREGISTER;
+}
+
+std::string appIdOf(const QuilMessageNode& node) {
+    return node.getMessage() == nullptr ? "" : node.getMessage()->getName();
+}
+
+// Scheme, host and port of the push data server, as the application wrote them.
+std::string serverOf(const QuilMessageNode& node) {
+    const auto* request = dynamic_cast<const QuilServerRegMessage*>(node.getMessage());
+    if (request == nullptr) {
+        return "";
+    }
+    const std::string& url = request->getPpgUrl();
+    const std::size_t scheme = url.find("://");
+    return url.substr(0, url.find('/', scheme == std::string::npos ? 0 : scheme + 3));
+}
+
+}  // namespace
+
+QuilExchanges* QuilExchanges::getInstance() {
+    static QuilExchanges* const instance = []() -> QuilExchanges* {
+        try {
+            return new QuilExchanges();
+        } catch (...) {
+            return nullptr;
+        }
+    }();
+    return instance;
+}
+
+// So that nothing has to be allocated where nobody could say that it failed.
+QuilExchanges::QuilExchanges() {
+    m_running.reserve(kMostThreads);
+}
+
+bool QuilExchanges::take(std::unique_ptr<QuilMessageNode>* node) {
+    const bool begins = beginsExchange(**node);
+    try {
+        if (!append(node)) {
+            return false;
+        }
+    } catch (const std::exception& thrown) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]: %s",
+                 (*node)->getType(), thrown.what());
+        closeConnectionOf(**node);
+        node->reset();
+        return true;
+    }
+    if (begins) {
+        startThread();
+    }
+    return true;
+}
+
+// Puts the node into its application's lane; makes one when it begins an exchange. False when there
+// is no lane for it.
+bool QuilExchanges::append(std::unique_ptr<QuilMessageNode>* node) {
+    const std::string appId = appIdOf(**node);
+    const QuilLock lock(m_lock);
+    const auto found = m_lanes.find(appId);
+    if (found != m_lanes.end()) {
+        Lane& lane = found->second;
+        if (lane.isParked && (*node)->getType() == MESSAGE_CREATE_SESSION_COMPLETE) {
+            return false;  // the answer that the lane waits for goes past it
+        }
+        if (lane.nodes.size() >= kMostNodes) {
+            throw std::length_error("too many messages wait for one application");
+        }
+        lane.nodes.push_back(std::move(*node));
+        if (lane.nodes.size() >= kManyNodes && !lane.isCrowded) {
+            lane.isCrowded = true;
+            ++m_crowded;
+        }
+        return true;
+    }
+    if (!beginsExchange(**node)) {
+        return false;
+    }
+    const std::string server = serverOf(**node);
+    queueLane(appId, server);
+    try {
+        makeLane(appId, server, node);
+    } catch (...) {
+        m_waiting[server].pop_back();
+        std::erase_if(m_waiting, [](const auto& entry) { return entry.second.empty(); });
+        throw;
+    }
+    return true;
+}
+
+// Either all of it happens or, without memory, nothing.
+void QuilExchanges::makeLane(const std::string& appId, const std::string& server,
+                             std::unique_ptr<QuilMessageNode>* node) {
+    Lane lane;
+    lane.server = server;
+    lane.nodes.push_back(nullptr);
+    Lane& made = m_lanes.emplace(appId, std::move(lane)).first->second;
+    made.nodes.front() = std::move(*node);
+}
+
+void QuilExchanges::queueLane(const std::string& appId, const std::string& server) {
+    std::deque<std::string>& waiting = m_waiting[server];
+    try {
+        waiting.push_back(appId);
+    } catch (...) {
+        std::erase_if(m_waiting, [](const auto& entry) { return entry.second.empty(); });
+        throw;
+    }
+}
+
+void QuilExchanges::park(std::unique_ptr<QuilMessageNode> node) {
+    const std::string appId = appIdOf(*node);
+    try {
+        const QuilLock lock(m_lock);
+        makeLane(appId, "", &node);
+        m_lanes.at(appId).isParked = true;
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]",
+                 node->getType());
+        closeConnectionOf(*node);
+    }
+}
+
+void QuilExchanges::unpark(const std::string& appId) {
+    try {
+        const QuilLock lock(m_lock);
+        const auto found = m_lanes.find(appId);
+        if (found == m_lanes.end() || !found->second.isParked) {
+            return;
+        }
+        queueLane(appId, found->second.server);
+        found->second.isParked = false;
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: no memory for what waits for [%s]", appId.c_str());
+        return;
+    }
+    startThread();
+}
+
+void QuilExchanges::startThread() {
+    {
+        const QuilLock lock(m_lock);
+        if (m_threads >= kMostThreads || findNext() == m_waiting.end()) {
+            return;  // one of those that run takes it later
+        }
+        ++m_threads;
+    }
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, runThread, this) == 0) {
+        pthread_detach(thread);
+        return;
+    }
+    QUIL_LOG(LOG_LEVEL_WARNING, "No thread for an exchange with a push data server");
+    work();
+}
+
+void* QuilExchanges::runThread(void* exchanges) {
+    pthread_setname_np(pthread_self(), "PUSH SERVER");
+    static_cast<QuilExchanges*>(exchanges)->work();
+    return nullptr;
+}
+
+// Works off lanes until there is none that may be worked off. Without memory it ends early; the
+// next exchange starts another thread.
+void QuilExchanges::work() {
+    std::string appId = beginNext();
+    while (!appId.empty()) {
+        workOff(appId);
+        appId = beginNext();
+    }
+    flushLogEcho();
+}
+
+std::string QuilExchanges::beginNext() {
+    const QuilLock lock(m_lock);
+    std::string appId;
+    try {
+        appId = takeNext();
+    } catch (...) {
+    }
+    if (appId.empty()) {
+        --m_threads;
+    }
+    return appId;
+}
+
+bool QuilExchanges::isAllowed(const std::string& server) const {
+    const auto withServer = std::count_if(m_running.begin(), m_running.end(),
+                                          [&](const Lane* lane) { return lane->server == server; });
+    return withServer == 0 || (withServer < kMostPerServer &&
+                               m_running.size() < std::size_t{kMostThreads - kThreadsForOthers});
+}
+
+// Looks past the servers that hold enough threads, which are few, and so never far.
+QuilExchanges::Waiting::iterator QuilExchanges::findNext() {
+    const auto start = m_waiting.upper_bound(m_lastServer);
+    for (auto at = start; at != m_waiting.end(); ++at) {
+        if (isAllowed(at->first)) {
+            return at;
+        }
+    }
+    for (auto at = m_waiting.begin(); at != start; ++at) {
+        if (isAllowed(at->first)) {
+            return at;
+        }
+    }
+    return m_waiting.end();
+}
+
+std::string QuilExchanges::takeNext() {
+    const auto next = findNext();
+    if (next == m_waiting.end()) {
+        return "";
+    }
+    m_lastServer = next->first;  // the one step that may fail, before anything has changed
+    std::string appId = std::move(next->second.front());
+    next->second.pop_front();
+    if (next->second.empty()) {
+        m_waiting.erase(next);
+    }
+    m_running.push_back(&m_lanes.at(appId));
+    return appId;
+}
+
+void QuilExchanges::workOff(const std::string& appId) {
+    for (;;) {
+        bool isRelieved = false;
+        std::unique_ptr<QuilMessageNode> node = takeFrom(appId, &isRelieved);
+        if (isRelieved) {
+            wakeMainLoop();
+        }
+        if (node == nullptr) {
+            return;
+        }
+        if (handleNode(&node) == NodeOutcome::AwaitsClient && parkAgain(appId, &node)) {
+            return;
+        }
+    }
+}
+
+// Puts a push back to the front of its lane. False without memory; then it is dropped with a line.
+bool QuilExchanges::parkAgain(const std::string& appId, std::unique_ptr<QuilMessageNode>* node) {
+    try {
+        const QuilLock lock(m_lock);
+        Lane& lane = m_lanes.at(appId);
+        lane.nodes.push_front(std::move(*node));
+        lane.isParked = true;
+        std::erase(m_running, &lane);
+        return true;
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]",
+                 (*node)->getType());
+        closeConnectionOf(**node);
+        node->reset();
+        return false;
+    }
+}
+
+std::unique_ptr<QuilMessageNode> QuilExchanges::takeFrom(const std::string& appId,
+                                                         bool* isRelieved) {
+    const QuilLock lock(m_lock);
+    Lane& lane = m_lanes.at(appId);
+    if (lane.isCrowded && lane.nodes.size() <= kFewNodes) {
+        lane.isCrowded = false;
+        --m_crowded;
+        *isRelieved = true;
+    }
+    if (lane.nodes.empty()) {
+        std::erase(m_running, &lane);
+        m_lanes.erase(appId);
+        return nullptr;
+    }
+    std::unique_ptr<QuilMessageNode> node = std::move(lane.nodes.front());
+    lane.nodes.pop_front();
+    return node;
+}
+
+bool QuilExchanges::isCrowded(const std::string& appId) {
+    const QuilLock lock(m_lock);
+    const auto found = m_lanes.find(appId);
+    return found != m_lanes.end() && found->second.isCrowded;
+}

@@ -1,0 +1,96 @@
+// Exchanges with push data servers, beside the message handler thread: a server that does not
+// answer holds up the application that asked for it, and nobody else.
+//
+// What is queued for an application while it has an exchange under way waits behind it in a lane of
+// the application's own, so that all that concerns one application happens in the order in which it
+// was queued, as if one thread did everything. Lanes are worked off by threads that are started
+// when there is an exchange and end when there is none.
+
+#pragma once
+
+#include <atomic>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "agent/messages/message_node.hpp"
+#include "agent/support/locks.hpp"
+
+class QuilExchanges {
+  public:
+    // Threads in all, and how many of them one server may hold. The last few are for servers that
+    // hold none, so that a few dead ones leave room for others.
+    static constexpr int kMostThreads = 16;
+    static constexpr int kMostPerServer = 4;
+    static constexpr int kThreadsForOthers = 4;
+
+    // From so many nodes in its lane on, nothing more is taken off an application's port; the main
+    // loop is woken when there are few again. Beyond the most, what is queued for it is dropped
+    // with a line.
+    static constexpr std::size_t kManyNodes = 64;
+    static constexpr std::size_t kFewNodes = 16;
+    static constexpr std::size_t kMostNodes = 1024;
+
+    // The one instance; lives until the process ends. Null without memory.
+    static QuilExchanges* getInstance();
+    QuilExchanges(const QuilExchanges&) = delete;
+    QuilExchanges& operator=(const QuilExchanges&) = delete;
+
+    // Takes the node when it begins an exchange, or when its application has one under way; it is
+    // handled (handleNode) in its turn. False: it is the caller's to handle, now. For the message
+    // handler thread alone. Where no thread can be started the exchange runs before this returns.
+    bool take(std::unique_ptr<QuilMessageNode>* node);
+
+    // Keeps a push whose application is away, and what is queued for the application behind it,
+    // until unpark. For the message handler thread alone; `node` is dropped with a line without
+    // memory.
+    void park(std::unique_ptr<QuilMessageNode> node);
+    // The application is back: what was parked for it is handled, in its order.
+    void unpark(const std::string& appId);
+
+    // Whether many nodes wait in some lane, or in that application's. For the main loop, before
+    // each wait.
+    bool hasCrowd() const { return m_crowded != 0; }
+    bool isCrowded(const std::string& appId);
+
+  private:
+    struct Lane {
+        std::deque<std::unique_ptr<QuilMessageNode>> nodes;
+        std::string server;  // that its first exchange is with
+        bool isCrowded = false;
+        bool isParked = false;  // its first node awaits the application's client
+    };
+    // Applications whose lanes wait for a thread, oldest first, by server.
+    using Waiting = std::map<std::string, std::deque<std::string>>;
+
+    QuilExchanges();
+    bool append(std::unique_ptr<QuilMessageNode>* node);
+    void makeLane(const std::string& appId, const std::string& server,
+                  std::unique_ptr<QuilMessageNode>* node) REQUIRES(m_lock);
+    void queueLane(const std::string& appId, const std::string& server) REQUIRES(m_lock);
+    bool parkAgain(const std::string& appId, std::unique_ptr<QuilMessageNode>* node);
+    void startThread();
+    static void* runThread(void* exchanges);
+    void work();
+    // takeNext for a thread, which is counted out when there is nothing for it.
+    std::string beginNext();
+    bool isAllowed(const std::string& server) const REQUIRES(m_lock);
+    // Whose turn it is: servers in turn, those left out that hold enough threads. The end for none.
+    Waiting::iterator findNext() REQUIRES(m_lock);
+    // Marks the lane that is next as running and gives its application, "" for none.
+    std::string takeNext() REQUIRES(m_lock);
+    void workOff(const std::string& appId);
+    // The lane's next node; null when it is empty, and then the lane is gone.
+    std::unique_ptr<QuilMessageNode> takeFrom(const std::string& appId, bool* isRelieved);
+
+    // A leaf: nothing else is taken, logged or destroyed under it.
+    QuilMutex m_lock;
+    std::map<std::string, Lane> m_lanes GUARDED_BY(m_lock);
+    Waiting m_waiting GUARDED_BY(m_lock);
+    std::string m_lastServer GUARDED_BY(m_lock);            // whose turn it was
+    std::vector<const Lane*> m_running GUARDED_BY(m_lock);  // at most one a thread
+    int m_threads GUARDED_BY(m_lock) = 0;
+    std::atomic<int> m_crowded{0};  // lanes; written under the lock
+};

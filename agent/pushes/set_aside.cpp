@@ -1,0 +1,194 @@
+// An epoll descriptor can itself be waited on by select, however high the numbers behind it are.
+// The timer for the nearest deadline is one of those numbers; with nothing set aside it stands
+// still.
+
+#include "agent/pushes/set_aside.hpp"
+
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "agent/support/high_descriptor.hpp"
+#include "agent/support/log.hpp"
+
+namespace {
+
+using Clock = PushConnection::Clock;
+
+constexpr std::uint64_t kTimerNumber = 0;
+// Of one pass, so that those who drip cannot keep clients waiting.
+constexpr int kMostEventsAPass = 64;
+
+std::size_t mostInAll() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return SetAsideConnections::kMostInAll;
+    }
+    return std::min<std::size_t>(SetAsideConnections::kMostInAll, limit.rlim_cur / 4);
+}
+
+// Between the two lines between which the loop serves a port, so that whoever reads the log knows
+// whose push the lines between them are about.
+template <typename Work>
+void asOfItsPort(const PushConnection& connection, Work work) {
+    const std::string appId = connection.appId();
+    const QuilPort& port = connection.session().getPort();
+    QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Port %d receiving data for App id [%s]",
+             port.getPort(), appId.c_str());
+    work();
+    QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: serverIfProcessData port [%d] fd[%d]", port.getPort(),
+             port.getSocket());
+}
+
+bool watch(int poll, int descriptor, std::uint64_t number) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = number;
+    return epoll_ctl(poll, EPOLL_CTL_ADD, descriptor, &event) == 0;
+}
+
+}  // namespace
+
+SetAsideConnections::SetAsideConnections()
+    : m_poll(epoll_create1(EPOLL_CLOEXEC)),
+      m_timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
+    if (m_poll.get() == -1 || m_timer.get() == -1) {
+        return;
+    }
+    OwnedSocket high(moveToHighDescriptor(m_timer.release()));
+    m_timer.reset(high.release());
+    watch(m_poll.get(), m_timer.get(), kTimerNumber);
+}
+
+void SetAsideConnections::add(std::unique_ptr<PushConnection> connection) {
+    makeRoomFor(*connection);
+    const std::uint64_t number = ++m_lastNumber;
+    PushConnection& added = *connection;
+    m_connections.emplace_hint(m_connections.end(), number, std::move(connection));
+    if (!watch(m_poll.get(), added.socket(), number)) {
+        QUIL_LOG(LOG_LEVEL_WARNING,
+                 "setAside: push for app id [%s] cannot be waited for: errno[%d] error[%s]",
+                 added.appId().c_str(), errno, strerror(errno));
+        m_connections.erase(number);
+        return;
+    }
+    setTimer();
+}
+
+void SetAsideConnections::serve() {
+    closeOverdue();  // first: bytes that come when the time is up come too late
+    std::array<epoll_event, kMostEventsAPass> events;
+    const int count = epoll_wait(m_poll.get(), events.data(), kMostEventsAPass, 0);
+    for (int i = 0; i < count; ++i) {
+        const std::uint64_t number = events[static_cast<std::size_t>(i)].data.u64;
+        if (number != kTimerNumber) {
+            advance(number);
+        }
+    }
+    if (m_wakeAt <= Clock::now()) {
+        m_wakeAt = Clock::time_point::max();
+    }
+    setTimer();
+}
+
+void SetAsideConnections::advance(std::uint64_t number) {
+    const auto found = m_connections.find(number);
+    if (found == m_connections.end()) {
+        return;
+    }
+    PushConnection::Progress progress = PushConnection::Progress::Done;
+    asOfItsPort(*found->second, [&] {
+        try {
+            progress = found->second->advance();
+        } catch (...) {
+            QUIL_LOG(LOG_LEVEL_WARNING,
+                     "quilAgentLoop: exception occurred when trying to serverIfProcessData");
+        }
+    });
+    if (progress == PushConnection::Progress::Done) {
+        m_connections.erase(found);
+    }
+}
+
+void SetAsideConnections::closeOverdue() {
+    const Clock::time_point now = Clock::now();
+    while (!m_connections.empty() && m_connections.begin()->second->deadline() <= now) {
+        const PushConnection& overdue = *m_connections.begin()->second;
+        asOfItsPort(overdue, [&overdue] { overdue.logTimeout(); });
+        m_connections.erase(m_connections.begin());
+    }
+}
+
+// Among those of one session, or of all with null.
+SetAsideConnections::Connections::iterator SetAsideConnections::longestSilent(
+    const QuilSession* session) {
+    auto silent = m_connections.end();
+    for (auto at = m_connections.begin(); at != m_connections.end(); ++at) {
+        const bool counts = session == nullptr || &at->second->session() == session;
+        if (counts && (silent == m_connections.end() ||
+                       at->second->lastHeard() < silent->second->lastHeard())) {
+            silent = at;
+        }
+    }
+    return silent;
+}
+
+void SetAsideConnections::closeSilent(Connections::iterator connection) {
+    QUIL_LOG(LOG_LEVEL_WARNING,
+             "setAside: push for app id [%s] given up: of %d that wait it has been silent longest",
+             connection->second->appId().c_str(), static_cast<int>(m_connections.size()));
+    m_connections.erase(connection);
+}
+
+bool SetAsideConnections::closeLongestSilent() {
+    const auto silent = longestSilent(nullptr);
+    if (silent == m_connections.end()) {
+        return false;
+    }
+    closeSilent(silent);
+    setTimer();
+    return true;
+}
+
+void SetAsideConnections::makeRoomFor(const PushConnection& newcomer) {
+    const auto ofSession = std::count_if(
+        m_connections.begin(), m_connections.end(),
+        [&newcomer](const auto& entry) { return &entry.second->session() == &newcomer.session(); });
+    if (static_cast<std::size_t>(ofSession) >= kMostPerPort) {
+        closeSilent(longestSilent(&newcomer.session()));
+    } else if (!m_connections.empty() && m_connections.size() >= mostInAll()) {
+        closeSilent(longestSilent(nullptr));
+    }
+}
+
+void SetAsideConnections::wakeAt(Clock::time_point moment) {
+    m_wakeAt = std::min(m_wakeAt, moment);
+    setTimer();
+}
+
+void SetAsideConnections::setTimer() {
+    Clock::time_point next = m_wakeAt;
+    if (!m_connections.empty()) {
+        next = std::min(next, m_connections.begin()->second->deadline());
+    }
+    if (next == m_timerSetTo) {
+        return;
+    }
+    m_timerSetTo = next;
+    itimerspec when{};  // all zero: it stands still
+    if (next != Clock::time_point::max()) {
+        const auto since = next.time_since_epoch();
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
+        when.it_value.tv_sec = static_cast<time_t>(seconds.count());
+        when.it_value.tv_nsec =
+            static_cast<long>(std::chrono::nanoseconds(since - seconds).count());
+    }
+    timerfd_settime(m_timer.get(), TFD_TIMER_ABSTIME, &when, nullptr);
+}

@@ -1,0 +1,59 @@
+// Connections whose push is not in yet. Each goes on when its next bytes come, and is closed when
+// its time is up; nobody waits for it.
+
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+
+#include "agent/connections/owned_socket.hpp"
+#include "agent/pushes/push_connection.hpp"
+
+// All of it lies behind one descriptor, which the main loop waits on. Main thread only.
+class SetAsideConnections {
+  public:
+    // Per port, and in all. Beyond either the connection that has been silent longest is closed.
+    // The whole is further bounded by a quarter of the descriptors that the process may have.
+    static constexpr std::size_t kMostPerPort = 64;
+    static constexpr std::size_t kMostInAll = 1024;
+
+    SetAsideConnections();
+    SetAsideConnections(const SetAsideConnections&) = delete;
+    SetAsideConnections& operator=(const SetAsideConnections&) = delete;
+
+    // Readable when serve() has something to do. -1 when the system gave none; then nothing can be
+    // set aside.
+    int descriptor() const { return m_poll.get(); }
+
+    // Takes a connection over. It is closed at once, with a line, when it cannot be watched.
+    void add(std::unique_ptr<PushConnection> connection);
+    // Goes on with a bounded number of those whose bytes came, and closes those whose time is up.
+    void serve();
+    // Closes the connection that has been silent longest, to make room. False when there is none.
+    bool closeLongestSilent();
+
+    std::size_t size() const { return m_connections.size(); }
+
+    // Makes the descriptor readable at a moment, once, also when nothing is set aside.
+    void wakeAt(PushConnection::Clock::time_point moment);
+
+  private:
+    using Connections = std::map<std::uint64_t, std::unique_ptr<PushConnection>>;
+
+    Connections::iterator longestSilent(const QuilSession* session);
+    void closeSilent(Connections::iterator connection);
+    void makeRoomFor(const PushConnection& newcomer);
+    void advance(std::uint64_t number);
+    void closeOverdue();
+    void setTimer();
+
+    OwnedSocket m_poll;
+    OwnedSocket m_timer;
+    // Numbered in the order of arrival, which is the order of their deadlines too.
+    Connections m_connections;
+    std::uint64_t m_lastNumber = 0;  // 0 is the timer's
+    PushConnection::Clock::time_point m_wakeAt = PushConnection::Clock::time_point::max();
+    PushConnection::Clock::time_point m_timerSetTo = PushConnection::Clock::time_point::max();
+};

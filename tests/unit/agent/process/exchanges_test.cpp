@@ -1,0 +1,378 @@
+// Exchanges with push data servers beside the handler thread: one application's order is kept, and
+// nobody waits for another's server.
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/clients/client_object.hpp"
+#include "agent/messages/message_queue.hpp"
+#include "agent/messages/push_message.hpp"
+#include "agent/messages/reply_messages.hpp"
+#include "agent/process/exchanges.hpp"
+#include "agent/process/handler_thread.hpp"
+#include "agent/sessions/session_manager.hpp"
+#include "agent/sessions/states/base_state.hpp"
+#include "agent/support/service_life.hpp"
+#include "tests/support/agent/sessions_fixture.hpp"
+#include "tests/support/loopback.hpp"
+#include "tests/support/recorded_log.hpp"
+
+namespace {
+
+// A push data server that says nothing until it is told to, and then refuses everybody with rc=7.
+class HoldingServer {
+  public:
+    HoldingServer() : m_listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        bindLoopback(m_listener);
+        listen(m_listener, 100);
+        m_acceptor = std::thread([this] { acceptAll(); });
+    }
+    ~HoldingServer() {
+        release();
+        shutdown(m_listener, SHUT_RDWR);
+        m_acceptor.join();
+        for (std::thread& thread : m_threads) {
+            thread.join();
+        }
+        close(m_listener);
+    }
+    HoldingServer(const HoldingServer&) = delete;
+    HoldingServer& operator=(const HoldingServer&) = delete;
+
+    std::string url() const { return "http://127.0.0.1:" + std::to_string(boundPort(m_listener)); }
+
+    // Lets those that wait go, and all that come.
+    void release() {
+        const std::lock_guard lock(m_lock);
+        m_isReleased = true;
+        m_changed.notify_all();
+    }
+    // Exchanges that wait for an answer now, and the most there have been.
+    int countHeld() {
+        const std::lock_guard lock(m_lock);
+        return m_held;
+    }
+    int countMostHeld() {
+        const std::lock_guard lock(m_lock);
+        return m_mostHeld;
+    }
+
+  private:
+    void acceptAll() {
+        for (;;) {
+            const int connection = accept(m_listener, nullptr, nullptr);
+            if (connection == -1) {
+                return;
+            }
+            m_threads.emplace_back([this, connection] { serve(connection); });
+        }
+    }
+    void serve(int connection) {
+        std::string request;
+        char byte = 0;
+        while (request.find("\r\n\r\n") == std::string::npos && read(connection, &byte, 1) == 1) {
+            request += byte;
+        }
+        {
+            std::unique_lock lock(m_lock);
+            ++m_held;
+            m_mostHeld = std::max(m_mostHeld, m_held);
+            m_changed.wait(lock, [this] { return m_isReleased; });
+            --m_held;
+        }
+        const std::string answer =
+            "HTTP/1.1 200 OK\r\nContent-Length: 4\r\nConnection: close\r\n\r\nrc=7";
+        static_cast<void>(!write(connection, answer.data(), answer.size()));
+        close(connection);
+    }
+
+    int m_listener;
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    bool m_isReleased = false;
+    int m_held = 0;
+    int m_mostHeld = 0;
+    std::vector<std::thread> m_threads;  // the acceptor's, until it has ended
+    std::thread m_acceptor;
+};
+
+int countThreads() {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<int>(std::distance(begin(tasks), end(tasks)));
+}
+
+class Exchanges : public SessionsTest {
+  protected:
+    Exchanges() : m_replies(m_platform.makeFifo("/pps/services/push/ipc?server")) {
+        m_platform.write("/pps/services/push/ipc", "");
+        m_platform.write("/etc/quilagent.conf", "proxy-port 0\n");
+        EXPECT_GE(clientIfInit(), 0);
+        clearRecordedLines();
+        EXPECT_EQ(msgHandlerInit(), 1);
+    }
+
+    static void addSession(const std::string& appId) {
+        auto session = std::make_unique<QuilSession>(appId, "@ipc." + appId);
+        QuilSessionManager::getInstance()->addSession(session);
+    }
+    static void push(int type, std::unique_ptr<QuilBaseMessage> message) {
+        QuilMessageManager::getInstance()->push(
+            std::make_unique<QuilMessageNode>(type, std::move(message)));
+    }
+    // A registration; its application's session is made first.
+    static void beginExchange(const std::string& appId, const std::string& url,
+                              const std::string& id = "c") {
+        addSession(appId);
+        push(7, std::make_unique<QuilServerRegMessage>(appId, id, "@ipc." + appId, url));
+    }
+    static void pushReply(const std::string& appId, const std::string& id) {
+        push(4, std::make_unique<QuilResponseMessage>(appId, id, "@ipc." + appId));
+    }
+    // What applications have been told so far, as "CLIENT:ID ...".
+    std::string told() {
+        m_text += readAvailable(m_replies);
+        std::string all;
+        std::string client;
+        std::istringstream lines(m_text);
+        for (std::string line; std::getline(lines, line);) {
+            if (line.starts_with("@ipc.")) {
+                client = line.substr(5);
+            } else if (line.starts_with("id::")) {
+                all += client + ":" + line.substr(4) + " ";
+            }
+        }
+        return all;
+    }
+    bool waitUntilTold(const std::string& expected) {
+        return waitUntil([&] { return told() == expected; });
+    }
+
+    int m_replies;
+    std::string m_text;
+};
+
+}  // namespace
+
+TEST_F(Exchanges, ServerThatDoesNotAnswerHoldsUpNoOtherApplication) {
+    HoldingServer dead;
+    HoldingServer good;
+    good.release();
+    beginExchange("a", dead.url());
+    ASSERT_TRUE(waitUntil([&] { return dead.countHeld() == 1; }));
+    addSession("b");
+    pushReply("b", "1");
+    EXPECT_TRUE(waitUntilTold("b:1 ")) << told();
+    beginExchange("b", good.url(), "2");
+    EXPECT_TRUE(waitUntilTold("b:1 b:2 ")) << told();
+    dead.release();
+    EXPECT_TRUE(waitUntilTold("b:1 b:2 a:c ")) << told();
+}
+
+// As if one thread did everything: what was queued behind the exchange comes before its completion,
+// which is queued when it ends.
+TEST_F(Exchanges, WhatConcernsOneApplicationKeepsItsOrder) {
+    HoldingServer server;
+    beginExchange("a", server.url());
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
+    addSession("b");
+    pushReply("a", "1");
+    pushReply("b", "2");
+    pushReply("a", "3");
+    EXPECT_TRUE(waitUntilTold("b:2 ")) << told();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(told(), "b:2 ") << "the application's own did not wait";
+    server.release();
+    EXPECT_TRUE(waitUntilTold("b:2 a:1 a:3 a:c ")) << told();
+}
+
+TEST_F(Exchanges, ExchangesOfOneApplicationAreOneAfterTheOther) {
+    HoldingServer server;
+    beginExchange("a", server.url(), "1");
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
+    beginExchange("a", server.url(), "2");
+    beginExchange("a", server.url(), "3");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(server.countHeld(), 1);
+    server.release();
+    EXPECT_TRUE(waitUntilTold("a:1 a:2 a:3 ")) << told();
+    EXPECT_EQ(server.countMostHeld(), 1);
+}
+
+TEST_F(Exchanges, OneServerHoldsFourAtATime) {
+    HoldingServer server;
+    for (int i = 0; i < 12; ++i) {
+        beginExchange("app" + std::to_string(i), server.url());
+    }
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 4; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(server.countHeld(), 4);
+    server.release();
+    EXPECT_TRUE(waitUntil([this] {
+        const std::string all = told();
+        return std::count(all.begin(), all.end(), ':') == 12;
+    })) << told();
+    EXPECT_EQ(server.countMostHeld(), 4);
+}
+
+TEST_F(Exchanges, DeadServersLeaveThreadsForOthers) {
+    HoldingServer first;
+    HoldingServer second;
+    HoldingServer third;
+    HoldingServer good;
+    good.release();
+    for (int i = 0; i < 30; ++i) {
+        HoldingServer& dead = i % 3 == 0 ? first : i % 3 == 1 ? second : third;
+        beginExchange("app" + std::to_string(i), dead.url());
+    }
+    ASSERT_TRUE(waitUntil(
+        [&] { return first.countHeld() + second.countHeld() + third.countHeld() == 12; }));
+    beginExchange("b", good.url());
+    EXPECT_TRUE(waitUntilTold("b:c ")) << told();
+}
+
+TEST_F(Exchanges, ThreadsEndWhenThereIsNothingForThem) {
+    const int before = countThreads();
+    {
+        HoldingServer server;
+        for (int i = 0; i < 8; ++i) {
+            beginExchange("app" + std::to_string(i), server.url());
+        }
+        ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 4; }));
+        server.release();
+        ASSERT_TRUE(waitUntil([this] {
+            const std::string all = told();
+            return std::count(all.begin(), all.end(), ':') == 8;
+        }));
+    }
+    EXPECT_TRUE(waitUntil([before] { return countThreads() == before; })) << countThreads();
+}
+
+TEST_F(Exchanges, ApplicationIsServedAtOnceAgainWhenItsExchangeIsOver) {
+    HoldingServer server;
+    server.release();
+    beginExchange("a", server.url());
+    ASSERT_TRUE(waitUntilTold("a:c ")) << told();
+    pushReply("a", "1");
+    EXPECT_TRUE(waitUntilTold("a:c a:1 ")) << told();
+}
+
+TEST_F(Exchanges, CrowdedLaneIsToldUntilItIsWorkedOff) {
+    HoldingServer server;
+    beginExchange("a", server.url());
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
+    QuilExchanges* exchanges = QuilExchanges::getInstance();
+    for (int i = 0; i < 63; ++i) {
+        pushReply("a", "r");
+    }
+    addSession("b");
+    pushReply("b", "1");
+    ASSERT_TRUE(waitUntilTold("b:1 ")) << told();
+    EXPECT_FALSE(exchanges->hasCrowd());
+    pushReply("a", "r");
+    ASSERT_TRUE(waitUntil([exchanges] { return exchanges->hasCrowd(); }));
+    EXPECT_TRUE(exchanges->isCrowded("a"));
+    EXPECT_FALSE(exchanges->isCrowded("b"));
+    // The loop of this test, which has no pipe: its wake-ups go to standard input.
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    ASSERT_EQ(dup2(ends[1], STDIN_FILENO), STDIN_FILENO);
+    server.release();
+    ASSERT_TRUE(waitUntil([exchanges] { return !exchanges->hasCrowd(); }));
+    EXPECT_EQ(readBytes(ends[0], 1).substr(0, 1), "a");
+}
+
+TEST_F(Exchanges, WhatIsTooMuchForOneLaneIsDroppedWithALine) {
+    HoldingServer server;
+    beginExchange("a", server.url());
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
+    for (int i = 0; i < 1025; ++i) {
+        pushReply("a", "r");
+    }
+    EXPECT_TRUE(waitForLogged(3,
+                              "msgHandler: exception occurred when handling message [4]: too many "
+                              "messages wait for one application"));
+    server.release();
+    EXPECT_TRUE(waitUntil([this] {
+        const std::string all = told();
+        return std::count(all.begin(), all.end(), ':') == 1025;  // and the completion
+    }));
+}
+
+TEST_F(Exchanges, WithoutAThreadTheExchangeHappensAllTheSame) {
+    HoldingServer server;
+    server.release();
+    pthread_attr_t before;
+    pthread_attr_t huge;
+    ASSERT_EQ(pthread_getattr_default_np(&before), 0);
+    ASSERT_EQ(pthread_attr_init(&huge), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 60), 0);
+    // The server's own threads are made before and after.
+    beginExchange("a", server.url(), "1");
+    ASSERT_TRUE(waitUntilTold("a:1 ")) << told();
+    ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+    beginExchange("b", "http://127.0.0.1:1", "2");
+    const bool isTold = waitUntilTold("a:1 b:2 ");
+    pthread_setattr_default_np(&before);
+    EXPECT_TRUE(isTold) << told();
+    EXPECT_TRUE(wasLogged(3, "No thread for an exchange with a push data server"));
+}
+
+// A push that came off its port just before the object service ended is not lost.
+TEST_F(Exchanges, PushThatWasTakenBeforeTheServiceEndedWaitsForItsApplication) {
+    addSession("a");
+    QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId("a");
+    putIntoState(*session, STATE_REGISTER);
+    const auto makePush = [](const std::string& id) {
+        const std::string bytes = "POST /\r\nPush-Message-ID:" + id + "\r\n\r\nhello";
+        auto push_ = std::make_unique<QuilPushMessage>("a", "@ipc.a");
+        push_->setPayload(bytes.data(), static_cast<int>(bytes.size()));
+        return push_;
+    };
+    Connected connection;
+    auto first = makePush("m1");
+    first->setSocket(connection.here);
+    connection.here = -1;
+    auto second = makePush("m2");
+    // The service ends, with both of them on their way.
+    QuilSessionManager::getInstance()->forgetClients();
+    endServiceLife();
+    push(5, std::move(first));
+    push(5, std::move(second));
+    addSession("b");
+    pushReply("b", "1");
+    ASSERT_TRUE(waitUntilTold("b:1 ")) << told();
+    EXPECT_EQ(told(), "b:1 ");
+    EXPECT_FALSE(connection.isClosedWithoutAByte());
+    // The application comes back as another client of the new service.
+    session->setClientObjectId("@ipc.z");
+    push(1, std::make_unique<QuilCreateSessionCompleteMessage>("a", "s", "@ipc.z"));
+    EXPECT_TRUE(waitUntilTold("b:1 z:s z:m1 z:m2 ")) << told();
+    session->acknowledgePush("m1", true);
+    EXPECT_EQ(connection.readUntilClosed().size(), 72U);
+    // And all is as before.
+    push(5, makePush("m3"));
+    EXPECT_TRUE(waitUntil([this] { return told().ends_with("a:m3 "); })) << told();
+}
+
+TEST_F(Exchanges, ReplyToAClientOfTheServiceBeforeGoesToNobody) {
+    addSession("a");
+    addSession("b");
+    auto old = std::make_unique<QuilResponseMessage>("a", "old", "@ipc.a");
+    endServiceLife();
+    push(4, std::move(old));
+    pushReply("b", "1");
+    EXPECT_TRUE(waitUntilTold("b:1 ")) << told();
+    EXPECT_TRUE(wasLogged(5, "Wrote -1 bytes to pps."));
+}
