@@ -11,9 +11,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
+#include <shared_mutex>
 #include <string>
 
 #include "agent/support/log.hpp"
+#include "agent/support/service_life.hpp"
 #include "platform/root/root.hpp"
 
 namespace {
@@ -25,6 +28,13 @@ constexpr mode_t kFolderMode = 0755;
 constexpr mode_t kObjectMode = 0666;  // any application may connect
 
 std::atomic<int> g_clientDescriptor{-1};
+
+// Shared by those who write; the one who replaces the connection holds it alone. Never destroyed,
+// as other threads may outlive main.
+std::shared_mutex& writeLock() {
+    static auto* const lock = new std::shared_mutex();
+    return *lock;
+}
 
 void makeFolder() {
     const std::string folder = platformPath(kFolder);
@@ -83,4 +93,32 @@ int clientIfInit() {
 
 int clientDescriptor() {
     return g_clientDescriptor;
+}
+
+bool reopenClientObject() {
+    const std::string path = platformPath(std::string(kFolder) + kObjectName);
+    static_cast<void>(mkdir(platformPath(kFolder).c_str(), kFolderMode));
+    const int descriptor =
+        open((path + kServerSuffix).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kObjectMode);
+    if (descriptor == -1) {
+        return false;
+    }
+    bool isOpen = chmod(path.c_str(), kObjectMode) == 0;
+    if (isOpen) {
+        // Nobody may be writing with an id of the old service when the new one begins to listen.
+        const std::unique_lock lock(writeLock());
+        isOpen = dup3(descriptor, g_clientDescriptor, O_CLOEXEC) != -1;
+    }
+    close(descriptor);
+    return isOpen;
+}
+
+ssize_t writeToClients(const char* text, std::size_t length, int life) {
+    flushLogEcho();  // the object service may be slow to take it
+    const std::shared_lock lock(writeLock());
+    if (life != serviceLife()) {
+        errno = ESTALE;
+        return -1;
+    }
+    return write(g_clientDescriptor, text, length);
 }

@@ -3,10 +3,11 @@
 
 #include "agent/clients/client_reply.hpp"
 
-#include <unistd.h>
+#include <cerrno>
 
 #include "agent/clients/client_object.hpp"
 #include "agent/support/log.hpp"
+#include "agent/support/service_life.hpp"
 #include "platform/pps/encoder.hpp"
 
 namespace {
@@ -26,11 +27,16 @@ bool addResult(pps_encoder_t* encoder, const QuilBaseMessage& message) {
     return isToBeWritten;
 }
 
+// The object service answers with these alone while it lives and cannot take a message.
+bool isServiceGone(int error) {
+    return error != ENOBUFS && error != EMSGSIZE && error != EDQUOT && error != ENOMEM;
+}
+
 }  // namespace
 
-void sendMessage(std::unique_ptr<QuilBaseMessage> message) {
+SendResult sendMessage(std::unique_ptr<QuilBaseMessage> message) {
     if (message == nullptr) {
-        return;
+        return SendResult::Written;
     }
     QUIL_LOG(LOG_LEVEL_INFO, "sendMessage: Callback [%s] for client id[%s] err[%d] has data[%d]",
              message->getCallbackName().c_str(), message->getClientId().c_str(),
@@ -44,11 +50,17 @@ void sendMessage(std::unique_ptr<QuilBaseMessage> message) {
     pps_encoder_add_string(&encoder, "id", message->getId());
     const bool isToBeWritten = addResult(&encoder, *message);
     pps_encoder_end_object(&encoder);
+    SendResult result = SendResult::Written;
     if (isToBeWritten) {
-        flushLogEcho();  // the object service may be slow to take it
+        // Who is addressed by no id is whoever is there now.
+        const int life = message->getClientId().empty() ? serviceLife() : message->getLife();
         const ssize_t written =
-            write(clientDescriptor(), pps_encoder_buffer(&encoder), pps_encoder_length(&encoder));
+            writeToClients(pps_encoder_buffer(&encoder), pps_encoder_length(&encoder), life);
+        if (written == -1) {
+            result = isServiceGone(errno) ? SendResult::ServiceGone : SendResult::Refused;
+        }
         QUIL_LOG(LOG_LEVEL_INFO, "Wrote %d bytes to pps.", static_cast<int>(written));
     }
     pps_encoder_cleanup(&encoder);
+    return result;
 }

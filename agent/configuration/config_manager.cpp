@@ -232,6 +232,10 @@ std::string QuilConfigManager::getListenAddress() const {
     return getValueOr("listen-address", getProxyHost());
 }
 
+std::string QuilConfigManager::getAllowedSenders() const {
+    return getValueOr("allowed-senders", "");
+}
+
 int QuilConfigManager::getPushTimeout() const {
     return getIntValue("push-timeout", kDefaultPushTimeoutSeconds);
 }

@@ -43,6 +43,8 @@ class QuilConfigManager {
     int getProxyPort() const;
     // Host on which pushes are awaited: the key "listen-address", else what getProxyHost gives.
     std::string getListenAddress() const;
+    // Who may push: addresses and networks, "" for everybody.
+    std::string getAllowedSenders() const;
     // Longest that one push may take to arrive, in seconds; 0 for no limit.
     int getPushTimeout() const;
     // Longest that one request to a push data server may take, in seconds; 0 for libcurl's own
@@ -63,8 +65,11 @@ class QuilConfigManager {
     static std::string readPpsAttribute(const std::string& objectPath,
                                         const std::string& attribute);
 
-  private:
+  protected:
+    // Reads everything. For getInstance, and for whoever tests one file after the other.
     QuilConfigManager();
+
+  private:
     bool readConfigFile();
     // A number that is not within 0 and `highest` is replaced by the nearest that is.
     void boundValue(const std::string& key, int highest);

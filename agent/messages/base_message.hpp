@@ -6,6 +6,7 @@
 #include <string>
 
 #include "agent/support/base_object.hpp"
+#include "agent/support/service_life.hpp"
 #include "platform/pps/encoder.hpp"
 
 // The numbers by which messages and queue nodes are dispatched.
@@ -72,6 +73,11 @@ class QuilBaseMessage : public QuilBaseObject {
     const std::string& getClientId() const { return m_clientId; }
     void setClientId(const std::string& clientId) { m_clientId = clientId; }
 
+    // Life of the object service (support/service_life.hpp) that the client id belongs to: the one
+    // in which the message was made, unless it is set.
+    int getLife() const { return m_life; }
+    void setLife(int life) { m_life = life; }
+
     // What a request carries beside application, id and client; of a channel registration, its
     // ppgUrl.
     const std::string& getArgument() const { return m_argument; }
@@ -91,4 +97,5 @@ class QuilBaseMessage : public QuilBaseObject {
     std::string m_clientId;
     std::string m_argument;
     int m_errorCode = RESULT_OK;
+    int m_life = serviceLife();
 };

@@ -55,16 +55,18 @@ void handleRegistration(QuilBaseMessage* message, bool isRegister) {
     }
 }
 
-void handlePush(std::unique_ptr<QuilBaseMessage> copy) {
+NodeOutcome handlePush(std::unique_ptr<QuilBaseMessage> copy) {
     // Another class of message under a push's number is nothing that could be delivered.
     if (dynamic_cast<QuilPushMessage*>(copy.get()) == nullptr) {
-        return;
+        return NodeOutcome::Done;
     }
     std::unique_ptr<QuilPushMessage> push(static_cast<QuilPushMessage*>(copy.release()));
-    pushNotification(std::move(push));
+    return pushNotification(std::move(push)) == PushOutcome::AwaitsClient
+               ? NodeOutcome::AwaitsClient
+               : NodeOutcome::Done;
 }
 
-void dispatch(const QuilMessageNode& node, std::unique_ptr<QuilBaseMessage> copy) {
+NodeOutcome dispatch(const QuilMessageNode& node, std::unique_ptr<QuilBaseMessage> copy) {
     switch (node.getType()) {
         case MESSAGE_CREATE_SESSION_COMPLETE:
         case MESSAGE_CREATE_CHANNEL_COMPLETE:
@@ -75,8 +77,7 @@ void dispatch(const QuilMessageNode& node, std::unique_ptr<QuilBaseMessage> copy
             processDestroyChannelCallback(std::move(copy));
             break;
         case MESSAGE_PUSH:
-            handlePush(std::move(copy));
-            break;
+            return handlePush(std::move(copy));
         case MESSAGE_SERVER_REGISTER:
             handleRegistration(node.getMessage(), true);
             break;
@@ -86,6 +87,7 @@ void dispatch(const QuilMessageNode& node, std::unique_ptr<QuilBaseMessage> copy
         default:
             break;
     }
+    return NodeOutcome::Done;
 }
 
 // A copy of the node's message, ready to be dispatched; null when the node cannot be copied. Throws
@@ -103,38 +105,38 @@ std::unique_ptr<QuilBaseMessage> takeCopy(const QuilMessageNode& node) {
     return copy;
 }
 
-// False when the node cannot be copied, and so was not dispatched.
-bool handle(const QuilMessageNode& node) {
+NodeOutcome handle(std::unique_ptr<QuilMessageNode>* node) {
     { const QuilLock lock(handlerLock()); }
-    QUIL_LOG(LOG_LEVEL_INFO, "%d received", node.getType());
+    QUIL_LOG(LOG_LEVEL_INFO, "%d received", (*node)->getType());
     std::unique_ptr<QuilBaseMessage> copy;
     try {
-        copy = takeCopy(node);
+        copy = takeCopy(**node);
     } catch (...) {
-        closeConnectionOf(node);  // nobody has taken it over
+        closeConnectionOf(**node);  // nobody has taken it over
         throw;
     }
     if (copy == nullptr) {
         QUIL_LOG(LOG_LEVEL_WARNING, "QuilMessageFactory::copyMessage returns NULL");
-        return false;
+        retain(std::move(*node));
+        return NodeOutcome::Done;
     }
-    dispatch(node, std::move(copy));
-    return true;
+    return dispatch(**node, std::move(copy));
 }
 
 }  // namespace
 
-void handleNode(std::unique_ptr<QuilMessageNode> node) {
-    const int type = node->getType();
+NodeOutcome handleNode(std::unique_ptr<QuilMessageNode>* node) {
+    const int type = (*node)->getType();
+    NodeOutcome outcome = NodeOutcome::Done;
     try {
-        if (!handle(*node)) {
-            retain(std::move(node));
-            return;
-        }
+        outcome = handle(node);
     } catch (...) {
         QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]",
                  type);
     }
-    const QuilLock lock(handlerLock());
-    node.reset();
+    if (outcome == NodeOutcome::Done && *node != nullptr) {
+        const QuilLock lock(handlerLock());
+        node->reset();
+    }
+    return outcome;
 }

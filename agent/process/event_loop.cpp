@@ -22,8 +22,10 @@
 #include "agent/pushes/push_intake.hpp"
 #include "agent/requests/request_reader.hpp"
 #include "agent/requests/session_requests.hpp"
+#include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/support/log.hpp"
+#include "agent/support/service_life.hpp"
 #include "agent/support/wake_up.hpp"
 
 namespace {
@@ -146,19 +148,36 @@ void servePorts(const std::vector<QuilPort*>& ports, const DescriptorSet& set) {
     }
 }
 
+// Until the object service is back, nothing is taken off the ports, and nobody could be told
+// anything.
+void awaitObjectService(int error) {
+    QUIL_LOG(LOG_LEVEL_WARNING, "quilAgentLoop: object service lost: errno[%d] error[%s]", error,
+             strerror(error));
+    // In this order: an id that is still there after the life has ended would seem to be of the
+    // next.
+    g_sessions->forgetClients();
+    endServiceLife();
+    flushLogEcho();
+    do {
+        std::this_thread::sleep_for(kPause);
+    } while (!reopenClientObject());
+    QUIL_LOG(LOG_LEVEL_NOTICE, "quilAgentLoop: object service is back");
+    QuilDataManager::getInstance()->reopenAndSave();
+}
+
 void serveClient() {
     QUIL_LOG(LOG_LEVEL_DEBUG, "Client if event.\n");
     int count = 0;
+    int error = 0;
     try {
         count = clientPPSMessageGet();
+        error = errno;
     } catch (...) {
         QUIL_LOG(LOG_LEVEL_WARNING,
                  "quilAgentLoop: exception occurred when trying to process a client request");
     }
-    if (count == -1) {
-        // The object service is gone, and the descriptor stays readable. Whoever supervises both
-        // has to start them anew; until then this must not eat the processor.
-        std::this_thread::sleep_for(kPause);
+    if (count == -1 && error != EAGAIN && error != EINTR) {
+        awaitObjectService(error);
     }
 }
 

@@ -85,6 +85,9 @@ bool QuilExchanges::append(std::unique_ptr<QuilMessageNode>* node) {
     const auto found = m_lanes.find(appId);
     if (found != m_lanes.end()) {
         Lane& lane = found->second;
+        if (lane.isParked && (*node)->getType() == MESSAGE_CREATE_SESSION_COMPLETE) {
+            return false;  // the answer that the lane waits for goes past it
+        }
         if (lane.nodes.size() >= kMostNodes) {
             throw std::length_error("too many messages wait for one application");
         }
@@ -98,23 +101,65 @@ bool QuilExchanges::append(std::unique_ptr<QuilMessageNode>* node) {
     if (!beginsExchange(**node)) {
         return false;
     }
-    // Made as a whole, then put into both maps, neither of which is left half done without memory.
-    Lane lane;
-    lane.server = serverOf(**node);
-    std::deque<std::string>& waiting = m_waiting[lane.server];
+    const std::string server = serverOf(**node);
+    queueLane(appId, server);
     try {
-        waiting.push_back(appId);
-        lane.nodes.push_back(nullptr);
-        Lane& made = m_lanes.emplace(appId, std::move(lane)).first->second;
-        made.nodes.front() = std::move(*node);
+        makeLane(appId, server, node);
     } catch (...) {
-        if (!waiting.empty() && waiting.back() == appId) {
-            waiting.pop_back();
-        }
+        m_waiting[server].pop_back();
         std::erase_if(m_waiting, [](const auto& entry) { return entry.second.empty(); });
         throw;
     }
     return true;
+}
+
+// Either all of it happens or, without memory, nothing.
+void QuilExchanges::makeLane(const std::string& appId, const std::string& server,
+                             std::unique_ptr<QuilMessageNode>* node) {
+    Lane lane;
+    lane.server = server;
+    lane.nodes.push_back(nullptr);
+    Lane& made = m_lanes.emplace(appId, std::move(lane)).first->second;
+    made.nodes.front() = std::move(*node);
+}
+
+void QuilExchanges::queueLane(const std::string& appId, const std::string& server) {
+    std::deque<std::string>& waiting = m_waiting[server];
+    try {
+        waiting.push_back(appId);
+    } catch (...) {
+        std::erase_if(m_waiting, [](const auto& entry) { return entry.second.empty(); });
+        throw;
+    }
+}
+
+void QuilExchanges::park(std::unique_ptr<QuilMessageNode> node) {
+    const std::string appId = appIdOf(*node);
+    try {
+        const QuilLock lock(m_lock);
+        makeLane(appId, "", &node);
+        m_lanes.at(appId).isParked = true;
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]",
+                 node->getType());
+        closeConnectionOf(*node);
+    }
+}
+
+void QuilExchanges::unpark(const std::string& appId) {
+    try {
+        const QuilLock lock(m_lock);
+        const auto found = m_lanes.find(appId);
+        if (found == m_lanes.end() || !found->second.isParked) {
+            return;
+        }
+        queueLane(appId, found->second.server);
+        found->second.isParked = false;
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: no memory for what waits for [%s]", appId.c_str());
+        return;
+    }
+    startThread();
 }
 
 void QuilExchanges::startThread() {
@@ -212,7 +257,27 @@ void QuilExchanges::workOff(const std::string& appId) {
         if (node == nullptr) {
             return;
         }
-        handleNode(std::move(node));
+        if (handleNode(&node) == NodeOutcome::AwaitsClient && parkAgain(appId, &node)) {
+            return;
+        }
+    }
+}
+
+// Puts a push back to the front of its lane. False without memory; then it is dropped with a line.
+bool QuilExchanges::parkAgain(const std::string& appId, std::unique_ptr<QuilMessageNode>* node) {
+    try {
+        const QuilLock lock(m_lock);
+        Lane& lane = m_lanes.at(appId);
+        lane.nodes.push_front(std::move(*node));
+        lane.isParked = true;
+        std::erase(m_running, &lane);
+        return true;
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]",
+                 (*node)->getType());
+        closeConnectionOf(**node);
+        node->reset();
+        return false;
     }
 }
 

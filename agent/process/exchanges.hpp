@@ -43,6 +43,13 @@ class QuilExchanges {
     // handler thread alone. Where no thread can be started the exchange runs before this returns.
     bool take(std::unique_ptr<QuilMessageNode>* node);
 
+    // Keeps a push whose application is away, and what is queued for the application behind it,
+    // until unpark. For the message handler thread alone; `node` is dropped with a line without
+    // memory.
+    void park(std::unique_ptr<QuilMessageNode> node);
+    // The application is back: what was parked for it is handled, in its order.
+    void unpark(const std::string& appId);
+
     // Whether many nodes wait in some lane, or in that application's. For the main loop, before
     // each wait.
     bool hasCrowd() const { return m_crowded != 0; }
@@ -53,12 +60,17 @@ class QuilExchanges {
         std::deque<std::unique_ptr<QuilMessageNode>> nodes;
         std::string server;  // that its first exchange is with
         bool isCrowded = false;
+        bool isParked = false;  // its first node awaits the application's client
     };
     // Applications whose lanes wait for a thread, oldest first, by server.
     using Waiting = std::map<std::string, std::deque<std::string>>;
 
     QuilExchanges();
     bool append(std::unique_ptr<QuilMessageNode>* node);
+    void makeLane(const std::string& appId, const std::string& server,
+                  std::unique_ptr<QuilMessageNode>* node) REQUIRES(m_lock);
+    void queueLane(const std::string& appId, const std::string& server) REQUIRES(m_lock);
+    bool parkAgain(const std::string& appId, std::unique_ptr<QuilMessageNode>* node);
     void startThread();
     static void* runThread(void* exchanges);
     void work();

@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <memory>
+#include <string>
 #include <utility>
 
 #include "agent/messages/message_queue.hpp"
@@ -19,8 +20,17 @@ namespace {
     pthread_setname_np(pthread_self(), "MSG HANDLER");
     for (;;) {
         std::unique_ptr<QuilMessageNode> node = QuilMessageManager::getInstance()->pop();
-        if (!QuilExchanges::getInstance()->take(&node)) {
-            handleNode(std::move(node));
+        QuilExchanges* exchanges = QuilExchanges::getInstance();
+        if (exchanges->take(&node)) {
+            continue;
+        }
+        const int type = node->getType();
+        const std::string appId =
+            node->getMessage() == nullptr ? "" : node->getMessage()->getName();
+        if (handleNode(&node) == NodeOutcome::AwaitsClient) {
+            exchanges->park(std::move(node));
+        } else if (type == MESSAGE_CREATE_SESSION_COMPLETE) {
+            exchanges->unpark(appId);
         }
     }
 }

@@ -17,6 +17,7 @@
 #include "agent/configuration/config_manager.hpp"
 #include "agent/messages/message_queue.hpp"
 #include "agent/support/log.hpp"
+#include "agent/support/service_life.hpp"
 
 namespace {
 
@@ -96,6 +97,7 @@ void PushConnection::finish(int lastCount) {
     const std::string clientId = m_session.getClientObjectId();
     if (!clientId.empty()) {
         m_push->setClientId(clientId);
+        m_push->setLife(serviceLife());
     }
     auto node = std::make_unique<QuilMessageNode>(MESSAGE_PUSH, std::move(m_push));
     m_socket.release();  // the push's, if it is still open; the queue closes it when it cannot take

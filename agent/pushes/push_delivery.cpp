@@ -9,6 +9,7 @@
 #include "agent/connections/connection.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/support/log.hpp"
+#include "agent/support/service_life.hpp"
 
 namespace {
 
@@ -30,30 +31,61 @@ class ConnectionKeeper {
     int m_socket;
 };
 
+// Whether its client id means somebody.
+bool isAddressed(const QuilPushMessage& push) {
+    return push.getLife() == serviceLife() && !push.getClientId().empty();
+}
+
+// Addresses the push to the client that its application has now. False when it has none.
+bool addressAnew(const QuilSession& session, QuilPushMessage* push) {
+    const int life = serviceLife();  // asked first: an id that is read after it is not older
+    const std::string clientId = session.getClientObjectId();
+    if (clientId.empty()) {
+        return false;
+    }
+    push->setClientId(clientId);
+    push->setLife(life);
+    return true;
+}
+
 }  // namespace
 
-void pushNotification(std::unique_ptr<QuilPushMessage> push) {
+PushOutcome pushNotification(std::unique_ptr<QuilPushMessage> push) {
     ConnectionKeeper connection(push->getSocket());
     if (push->hasError()) {
         QUIL_LOG(LOG_LEVEL_INFO, "pushNotification: id[%s] error code[%d]", push->getId().c_str(),
                  push->getErrorCode());
-        return;
+        return PushOutcome::Done;
     }
     const std::string appId = push->getName();
     QUIL_LOG(LOG_LEVEL_DEBUG, "pushNotification: app id[%s]\n", appId.c_str());
     QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId(appId);
     if (session == nullptr) {
         QUIL_LOG(LOG_LEVEL_WARNING, "Cannot find [%s] in session map", appId.c_str());
-        return;
+        return PushOutcome::Done;
+    }
+    if (!isAddressed(*push) && !addressAnew(*session, push.get()) && session->isRegistered()) {
+        connection.release();
+        return PushOutcome::AwaitsClient;
     }
     QUIL_LOG(LOG_LEVEL_DEBUG,
              "pushNotification: Sending data back to app id [%s] port [%d] client id[%s]\n",
              appId.c_str(), session->getPort().getPort(), session->getClientObjectId().c_str());
+    const std::string pushId = push->getId();
     const bool isStored =
-        push->getSocket() != -1 && session->addPushSocket(push->getId(), connection.release()) != 0;
-    if (session->isRegistered()) {
-        sendMessage(std::move(push));
-    } else if (isStored) {
-        session->deletePushSocket(push->getId());
+        push->getSocket() != -1 && session->addPushSocket(pushId, connection.release()) != 0;
+    if (!session->isRegistered()) {
+        if (isStored) {
+            session->deletePushSocket(pushId);
+        }
+        return PushOutcome::Done;
     }
+    const bool isWaitedFor = push->getSocket() != -1;
+    if (sendMessage(std::move(push)) != SendResult::ServiceGone || isStored != isWaitedFor) {
+        return PushOutcome::Done;
+    }
+    if (isStored) {
+        session->giveBackPushSocket(pushId);
+    }
+    return PushOutcome::AwaitsClient;
 }

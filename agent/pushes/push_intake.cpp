@@ -11,7 +11,9 @@
 #include <string>
 #include <utility>
 
+#include "agent/configuration/config_manager.hpp"
 #include "agent/connections/owned_socket.hpp"
+#include "agent/pushes/allowed_senders.hpp"
 #include "agent/pushes/push_connection.hpp"
 #include "agent/pushes/set_aside.hpp"
 #include "agent/sessions/session_manager.hpp"
@@ -23,6 +25,7 @@ namespace {
 using Clock = PushConnection::Clock;
 
 constexpr std::chrono::milliseconds kPauseAfterShortage{100};
+constexpr std::chrono::seconds kPauseBetweenRefusals{1};
 
 Clock::time_point g_pausedUntil{};
 
@@ -35,11 +38,39 @@ bool isShortage(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
+// Whether the sender may push. Tells of those who may not once a second at the most.
+bool isAllowed(int socket) {
+    static const auto* const allowed =
+        new AllowedSenders(QuilConfigManager::getInstance()->getAllowedSenders());
+    static Clock::time_point nextLine{};
+    static int refused = 0;
+    if (allowed->allowsPeerOf(socket)) {
+        return true;
+    }
+    ++refused;
+    const Clock::time_point now = Clock::now();
+    if (now >= nextLine) {
+        nextLine = now + kPauseBetweenRefusals;
+        QUIL_LOG(LOG_LEVEL_WARNING,
+                 "serverIfProcessData: sender [%s] may not push (%d refused since the last line)",
+                 peerName(socket).c_str(), refused);
+        refused = 0;
+    }
+    return false;
+}
+
+// Gives up what nobody will miss: connections of senders that are gone, else the one whose push has
+// been awaited in vain for longest. False when there is nothing of the kind.
+bool makeRoom() {
+    return QuilSessionManager::getInstance()->letGoOfDeadPushSockets() > 0 ||
+           setAside().closeLongestSilent();
+}
+
 // Accepts a connection on the session's port. -1 when there is none, which is logged unless the
 // session has stopped listening meanwhile.
 int acceptConnection(QuilSession& session) {
     int socket = session.acceptOnPort();
-    if (socket == -1 && isShortage(errno) && setAside().closeLongestSilent()) {
+    if (socket == -1 && isShortage(errno) && makeRoom()) {
         socket = session.acceptOnPort();
     }
     if (socket != -1) {
@@ -88,6 +119,9 @@ void serverIfProcessData(QuilPort* port) {
     }
     OwnedSocket accepted(acceptConnection(*session));
     if (accepted.get() == -1) {
+        return;
+    }
+    if (!isAllowed(accepted.get())) {
         return;
     }
     auto connection = std::make_unique<PushConnection>(accepted.get(), *session);

@@ -41,6 +41,7 @@ void addCreateChannelCompletedMessage(QuilServerRegMessage& request) {
              appId.c_str());
     auto completion = std::make_unique<QuilCreateChannelCompleteMessage>(appId, request.getId(),
                                                                          request.getClientId());
+    completion->setLife(request.getLife());
     bool isSuccess = false;
     if (request.getErrorCode() != RESULT_OK) {
         completion->setErrorCode(request.getErrorCode());
@@ -74,6 +75,7 @@ void addDestroyChannelCompletedMessage(const QuilServerRegMessage& request) {
     auto completion = std::make_unique<QuilDestroyChannelCompleteMessage>(
         request.getName(), request.getId(), request.getClientId());
     completion->setOrigin(request.getOrigin());
+    completion->setLife(request.getLife());
     addMessage(request.getErrorCode(), MESSAGE_DESTROY_CHANNEL_COMPLETE, request.getName(),
                request.getId(), request.getClientId(), std::move(completion));
 }

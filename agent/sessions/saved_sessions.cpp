@@ -155,6 +155,26 @@ int QuilDataManager::save() {
     return result;
 }
 
+int QuilDataManager::reopenAndSave() {
+    {
+        const QuilLock lock(m_saveLock);
+        const int handle =
+            open(platformPath(m_path).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kObjectMode);
+        if (handle == -1) {
+            QUIL_LOG(LOG_LEVEL_WARNING, "Could not open PPS file [%s], errno=%d", m_path.c_str(),
+                     errno);
+            return 0;
+        }
+        if (m_handle == -1) {
+            m_handle = handle;
+        } else {
+            dup3(handle, m_handle, O_CLOEXEC);
+            close(handle);
+        }
+    }
+    return save();
+}
+
 int QuilDataManager::saveSessions() {
     if (initEncoder() == 0) {
         return 0;

@@ -27,6 +27,9 @@ class QuilDataManager {
     // no configuration, no session manager or an exception on the way; else 1, also when the write
     // itself failed (which is logged, as the number of bytes written).
     int save();
+    // Opens the object anew after the object service has come back, and saves. The result of that;
+    // 0 when the object cannot be opened, which is logged. Any thread.
+    int reopenAndSave();
     // 1 when the SIM is the one of the last load, or when either of the two is not known; else 0.
     int is_same_sim() const;
 
@@ -41,8 +44,8 @@ class QuilDataManager {
     int initEncoder() REQUIRES(m_saveLock);
     int saveSessions() REQUIRES(m_saveLock);
 
-    int m_handle = -1;
     QuilMutex m_saveLock;  // outermost of all locks; held throughout a save
+    int m_handle = -1;     // replaced under m_saveLock once other threads exist
     pps_encoder_t m_encoder GUARDED_BY(m_saveLock);
     pps_decoder_t m_decoder;  // used by load alone
     std::string m_path;

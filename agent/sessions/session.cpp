@@ -4,11 +4,13 @@
 
 #include "agent/sessions/session.hpp"
 
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 
+#include "agent/configuration/config_manager.hpp"
 #include "agent/connections/acknowledgement.hpp"
 #include "agent/connections/listening_socket.hpp"
 #include "agent/sessions/states/session_states.hpp"
@@ -19,6 +21,31 @@
 namespace {
 
 using Lock = QuilLock<QuilRecursiveMutex>;
+
+constexpr std::chrono::seconds kPauseBetweenLooks{1};
+// Where no time is set for a push to come in.
+constexpr std::chrono::seconds kDefaultPatience{30};
+
+// Whether nobody waits on that connection any more, as far as can be told.
+bool isDead(const QuilPushSocket& kept) {
+    const std::optional<std::chrono::milliseconds> hungUp = kept.hungUpFor();
+    if (!hungUp) {
+        return false;
+    }
+    const std::chrono::seconds timeout(QuilConfigManager::getInstance()->getPushTimeout());
+    return *hungUp >= (timeout.count() > 0 ? timeout : kDefaultPatience);
+}
+
+// Half of the descriptors there can be, which start-up has settled: one session must leave the
+// others some.
+std::size_t mostPushSockets() {
+    static const std::size_t most = [] {
+        rlimit limit{};
+        const bool isKnown = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur > 1;
+        return isKnown ? static_cast<std::size_t>(limit.rlim_cur / 2) : SIZE_MAX;
+    }();
+    return most;
+}
 
 }  // namespace
 
@@ -64,7 +91,7 @@ QuilSession::~QuilSession() {
     stopListenOnPort();
     const QuilLock pushLock(m_pushSocketLock);
     for (const auto& entry : m_pushSockets) {
-        entry.second->release();
+        entry.second.socket->release();
     }
 }
 
@@ -284,8 +311,15 @@ int QuilSession::addPushSocket(const std::string& pushId, int socket) {
         QUIL_LOG(LOG_LEVEL_DEBUG, "QuilSession::addPushSocket: adding push id[%s] socket [%d]",
                  pushId.c_str(), socket);
         const QuilLock pushLock(m_pushSocketLock);
-        result = m_pushSockets.emplace(pushId, pushSocket).second ? 1 : 0;
-        m_pushSocketCount = static_cast<int>(m_pushSockets.size());
+        makeRoomForPushSocket(pushId);
+        if (m_pushSockets.count(pushId) == 0) {
+            // A number that stays without its connection, for want of memory, does no harm.
+            const std::uint64_t number = ++m_lastPushSocketNumber;
+            m_pushIdsByAge.emplace_hint(m_pushIdsByAge.end(), number, pushId);
+            m_pushSockets.emplace(pushId, KeptPushSocket{pushSocket, number});
+            m_pushSocketCount = static_cast<int>(m_pushSockets.size());
+            result = 1;
+        }
     } catch (...) {
         if (pushSocket == nullptr) {
             close(socket);
@@ -299,6 +333,59 @@ int QuilSession::addPushSocket(const std::string& pushId, int socket) {
     return result;
 }
 
+// The dead make room first: for their ids as well as for descriptors. All of them are looked at
+// once a second at the most, the one that has the id each time.
+void QuilSession::makeRoomForPushSocket(const std::string& pushId) {
+    const auto now = std::chrono::steady_clock::now();
+    const auto held = m_pushSockets.find(pushId);
+    if (held != m_pushSockets.end() && isDead(*held->second.socket)) {
+        erasePushSocket(held);
+    } else if (now >= m_nextLookForDead) {
+        m_nextLookForDead = now + kPauseBetweenLooks;
+        letGoOfDead();
+    }
+    while (m_pushSockets.size() >= mostPushSockets() && !m_pushIdsByAge.empty()) {
+        const auto oldest = m_pushSockets.find(m_pushIdsByAge.begin()->second);
+        if (oldest == m_pushSockets.end() ||
+            oldest->second.number != m_pushIdsByAge.begin()->first) {
+            m_pushIdsByAge.erase(m_pushIdsByAge.begin());
+            continue;
+        }
+        QUIL_LOG(LOG_LEVEL_WARNING,
+                 "QuilSession::addPushSocket: oldest push id[%s] given up: %d wait for an answer",
+                 oldest->first.c_str(), static_cast<int>(m_pushSockets.size()));
+        erasePushSocket(oldest);
+    }
+}
+
+QuilSession::PushSockets::iterator QuilSession::erasePushSocket(PushSockets::iterator kept) {
+    m_pushIdsByAge.erase(kept->second.number);
+    const auto next = m_pushSockets.erase(kept);
+    m_pushSocketCount = static_cast<int>(m_pushSockets.size());
+    return next;
+}
+
+int QuilSession::letGoOfDead() {
+    int count = 0;
+    for (auto kept = m_pushSockets.begin(); kept != m_pushSockets.end();) {
+        if (!isDead(*kept->second.socket)) {
+            ++kept;
+            continue;
+        }
+        QUIL_LOG(LOG_LEVEL_DEBUG, "QuilSession: sender of push id[%s] hung up, let go",
+                 kept->first.c_str());
+        kept = erasePushSocket(kept);
+        ++count;
+    }
+    return count;
+}
+
+int QuilSession::letGoOfDeadPushSockets() {
+    const Lock lock(m_lock);
+    const QuilLock pushLock(m_pushSocketLock);
+    return letGoOfDead();
+}
+
 std::shared_ptr<QuilPushSocket> QuilSession::getPushSocket(const std::string& pushId) const {
     QUIL_LOG(LOG_LEVEL_DEBUG, "getPushSocket: get [%s] size of map %d", pushId.c_str(),
              m_pushSocketCount.load());
@@ -308,7 +395,7 @@ std::shared_ptr<QuilPushSocket> QuilSession::getPushSocket(const std::string& pu
     const Lock lock(m_lock);
     const QuilLock pushLock(m_pushSocketLock);
     const auto found = m_pushSockets.find(pushId);
-    return found == m_pushSockets.end() ? nullptr : found->second;
+    return found == m_pushSockets.end() ? nullptr : found->second.socket;
 }
 
 void QuilSession::deletePushSocket(const std::string& pushId) {
@@ -321,14 +408,25 @@ void QuilSession::deletePushSocket(const std::string& pushId) {
     const Lock lock(m_lock);
     const QuilLock pushLock(m_pushSocketLock);
     try {
-        if (m_pushSockets.erase(pushId) != 0) {
-            m_pushSocketCount = static_cast<int>(m_pushSockets.size());
+        const auto found = m_pushSockets.find(pushId);
+        if (found != m_pushSockets.end()) {
+            erasePushSocket(found);
             QUIL_LOG(LOG_LEVEL_DEBUG, "deletePushSocket: map size[%d]", m_pushSocketCount.load());
         }
     } catch (...) {
         QUIL_LOG(LOG_LEVEL_WARNING,
                  "exception occurred when trying to get push socket for pushId=[%s]",
                  pushId.c_str());
+    }
+}
+
+void QuilSession::giveBackPushSocket(const std::string& pushId) {
+    const Lock lock(m_lock);
+    const QuilLock pushLock(m_pushSocketLock);
+    const auto found = m_pushSockets.find(pushId);
+    if (found != m_pushSockets.end()) {
+        found->second.socket->release();
+        erasePushSocket(found);
     }
 }
 

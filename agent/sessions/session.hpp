@@ -4,6 +4,8 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -100,13 +102,19 @@ class QuilSession {
 
     // Keeps an accepted connection under a push id and takes ownership of the descriptor. 1 when
     // stored. 0 when not: with a descriptor below 1, which is left alone; or when the id is already
-    // held: the kept one wins, and the new descriptor is closed.
+    // held: the kept one wins, and the new descriptor is closed. Lets go of connections whose
+    // sender hung up, and beyond the bound of the oldest one.
     int addPushSocket(const std::string& pushId, int socket);
+    // Closes the kept connections whose sender hung up, each at the earliest "push-timeout" after
+    // that: a sender may close its writing half and wait for the answer. Gives how many.
+    int letGoOfDeadPushSockets();
     // The connection kept under the id, or null. Shared, so that it stays open for as long as the
     // caller uses it.
     std::shared_ptr<QuilPushSocket> getPushSocket(const std::string& pushId) const;
     // Closes and forgets the connection kept under the id.
     void deletePushSocket(const std::string& pushId);
+    // Forgets the connection kept under the id without closing it: the caller owns it again.
+    void giveBackPushSocket(const std::string& pushId);
     // The application's answer: writes the acknowledgement when `sendAck`, then closes the
     // connection.
     void acknowledgePush(const std::string& pushId, bool sendAck);
@@ -125,8 +133,20 @@ class QuilSession {
     std::string m_token GUARDED_BY(m_lock);
     std::unique_ptr<QuilBaseState> m_state GUARDED_BY(m_lock);
     int m_channelRequests GUARDED_BY(m_lock) = 0;
-    std::map<std::string, std::shared_ptr<QuilPushSocket>> m_pushSockets
-        GUARDED_BY(m_pushSocketLock);
+    struct KeptPushSocket {
+        std::shared_ptr<QuilPushSocket> socket;
+        std::uint64_t number;  // in the order of their coming
+    };
+    using PushSockets = std::map<std::string, KeptPushSocket>;
+
+    PushSockets::iterator erasePushSocket(PushSockets::iterator kept) REQUIRES(m_pushSocketLock);
+    int letGoOfDead() REQUIRES(m_pushSocketLock);
+    void makeRoomForPushSocket(const std::string& pushId) REQUIRES(m_pushSocketLock);
+
+    PushSockets m_pushSockets GUARDED_BY(m_pushSocketLock);
+    std::map<std::uint64_t, std::string> m_pushIdsByAge GUARDED_BY(m_pushSocketLock);
+    std::uint64_t m_lastPushSocketNumber GUARDED_BY(m_pushSocketLock) = 0;
+    std::chrono::steady_clock::time_point m_nextLookForDead GUARDED_BY(m_pushSocketLock){};
     // Size of the map, for lines that are logged without its lock.
     std::atomic<int> m_pushSocketCount{0};
     // Taken while m_lock is held, so that it is never held when resetPort makes it anew.

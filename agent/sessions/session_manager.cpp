@@ -293,3 +293,19 @@ std::vector<QuilPort*> QuilSessionManager::getAllPorts() {
     }
     return m_ports;
 }
+
+int QuilSessionManager::letGoOfDeadPushSockets() {
+    const Lock lock(m_lock);
+    int count = 0;
+    for (const auto& entry : m_sessions) {
+        count += entry.second->letGoOfDeadPushSockets();
+    }
+    return count;
+}
+
+void QuilSessionManager::forgetClients() {
+    const Lock lock(m_lock);
+    for (const auto& entry : m_sessions) {
+        entry.second->setClientObjectId("");
+    }
+}

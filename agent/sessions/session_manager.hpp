@@ -70,6 +70,12 @@ class QuilSessionManager {
                                               const std::string& clientId, QuilSession* session)>;
     int processSimChange(const DestroyChannel& destroyChannel);
 
+    // Takes their client from all sessions: the object service that it was connected to is gone.
+    void forgetClients();
+
+    // Lets go of all sessions' kept push connections whose sender hung up. Gives how many.
+    int letGoOfDeadPushSockets();
+
     // The ports of all sessions that are registered and have one; without memory for a new list,
     // the one before. The pointers are valid as long as the sessions.
     std::vector<QuilPort*> getAllPorts();

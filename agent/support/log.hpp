@@ -15,6 +15,7 @@ enum QuilLogLevel {
     LOG_LEVEL_SHORTAGE = 1,  // only for the line that tells of too little stack
     LOG_LEVEL_ERROR = 2,     // fatal at start-up, or the loop gives up
     LOG_LEVEL_WARNING = 3,   // a failure that is survived
+    LOG_LEVEL_NOTICE = 4,    // what was lost is back
     LOG_LEVEL_INFO = 5,      // progress
     LOG_LEVEL_DEBUG = 6      // detail
 };

@@ -16,7 +16,9 @@
 
 #include "tests/integration/tool_process.hpp"
 #include "tests/support/child_process.hpp"
+#include "tests/support/client_connection.hpp"
 #include "tests/support/ppsd_mount.hpp"
+#include "tests/support/push_sender.hpp"
 #include "tests/support/wait_until.hpp"
 
 namespace {
@@ -48,6 +50,31 @@ class Listening {
 
   private:
     int m_socket;
+};
+
+// Takes all descriptors below `end`, also from the programs that are started meanwhile.
+class InheritedDescriptors {
+  public:
+    explicit InheritedDescriptors(int end) {
+        for (;;) {
+            const int descriptor = open("/dev/null", O_RDONLY);
+            if (descriptor < 0 || descriptor >= end) {
+                close(descriptor);
+                return;
+            }
+            m_taken.push_back(descriptor);
+        }
+    }
+    ~InheritedDescriptors() {
+        for (const int descriptor : m_taken) {
+            close(descriptor);
+        }
+    }
+    InheritedDescriptors(const InheritedDescriptors&) = delete;
+    InheritedDescriptors& operator=(const InheritedDescriptors&) = delete;
+
+  private:
+    std::vector<int> m_taken;
 };
 
 // A system that lacks nothing; each test takes something away.
@@ -280,6 +307,65 @@ TEST_F(Status, NamesAPortThatNobodyListensOn) {
     startAgent();
     saveSession(port);
     EXPECT_EQ(check(), "port-silent 1");
+}
+
+// With its low descriptors taken, the agent's later ports come to lie beyond 255.
+TEST_F(Status, NamesPortsThatTheAgentCannotWatch) {
+    constexpr int kFirstUnwatched = 256;
+    constexpr int kLeftToTheAgent = 32;
+    constexpr int kChannels = 40;
+    {
+        const InheritedDescriptors taken(kFirstUnwatched - kLeftToTheAgent);
+        startAgent();
+    }
+    m_agent->closeOutput();  // nobody reads on
+    const std::string portFile = m_root.path("/port");
+    ToolProcess server(m_root.path(), "pushsim",
+                       {"serve", "--port-file", portFile, "--ports", "21000-29000"});
+    ASSERT_TRUE(server.waitFor("listening on"));
+    std::string port;
+    std::ifstream(portFile) >> port;
+    ClientConnection client(m_ppsd.path("/services/push/ipc"));
+    for (int i = 0; i < kChannels; ++i) {
+        const std::string app = "com.app" + std::to_string(i);
+        client.request("createSession", "s", app);
+        EXPECT_EQ(client.next().msg, "onCreateSessionComplete");
+        client.request("createChannel", "c", app, "\"ppgUrl\":\"http://127.0.0.1:" + port + "\"");
+        EXPECT_EQ(client.next().token, "2a3b");
+        if (i == 0) {
+            EXPECT_EQ(check(), "0");
+        }
+    }
+    ASSERT_TRUE(waitUntil([this] {
+        return contains(runTool(m_root.path(), "quilctl", {"status"}).output,
+                        "com.app" + std::to_string(kChannels - 1));
+    }));
+    const ToolRun checked = runTool(m_root.path(), "quilctl", {"status", "--check"});
+    const std::string last = "com.app" + std::to_string(kChannels - 1);
+    EXPECT_TRUE(contains(checked.output, " of " + last + " is on descriptor ")) << checked.output;
+    EXPECT_FALSE(contains(checked.output, " of com.app0 ")) << checked.output;
+    const ToolRun shown = runTool(m_root.path(), "quilctl", {"status"});
+    EXPECT_TRUE(contains(shown.output, ", listening, NOT watched")) << shown.output;
+
+    const auto status =
+        nlohmann::json::parse(runTool(m_root.path(), "quilctl", {"status", "--json"}).output);
+    std::string expected;
+    for (const auto& session : status["sessions"]) {
+        expected += session["watched"] ? "" : "port-unwatched ";
+    }
+    EXPECT_EQ(check(), expected + "1");
+
+    // What it says is so: the one waits, the other is served.
+    for (const auto& session : status["sessions"]) {
+        if (session["app"] != "com.app0" && session["app"] != last) {
+            continue;
+        }
+        const bool isWatched = session["app"] == "com.app0";
+        EXPECT_EQ(session["watched"], isWatched);
+        const PushSender sender(session["port"].get<int>());
+        ASSERT_TRUE(sender.send(makePush("m", "x")));
+        EXPECT_EQ(client.next(isWatched ? 20 : 0.5).id, isWatched ? "m" : "") << session;
+    }
 }
 
 TEST_F(Status, NamesDamagedAndOverlongSavedSessions) {

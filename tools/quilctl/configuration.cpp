@@ -22,6 +22,7 @@ constexpr Key kKeys[] = {{"name", "Push Agent", false},
                          {"proxy-host", "127.0.0.1", false},
                          {"proxy-port", "287", true},
                          {"listen-address", "", false},  // that of proxy-host, filled in below
+                         {"allowed-senders", "", false},
                          {"push-timeout", "30", true},
                          {"http-timeout", "0", true},
                          {"guid", "", false},

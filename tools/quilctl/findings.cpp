@@ -121,12 +121,13 @@ void judgeConfiguration(const StatusFacts& facts, Findings& findings) {
     }
     if (std::atoi(settingOf(configuration, "http-timeout").c_str()) <= 0) {
         warn(findings, "http-timeout",
-             "http-timeout is off: one silent push server holds up every application",
+             "http-timeout is off: a silent push server holds up its applications for ever",
              "set http-timeout to 60");
     }
     if (std::atoi(settingOf(configuration, "push-timeout").c_str()) <= 0) {
         warn(findings, "push-timeout",
-             "push-timeout is off: one sender that stops in the middle holds up all pushes",
+             "push-timeout is off: senders that stop in the middle are waited for until there are "
+             "too many",
              "set push-timeout to 30");
     }
 }
@@ -202,6 +203,20 @@ void judgePorts(const StatusFacts& facts, Findings& findings) {
     }
 }
 
+void judgeDescriptors(const StatusFacts& facts, Findings& findings) {
+    for (const AgentPort& port : facts.agentPorts) {
+        if (port.descriptor <= kHighestWatchedDescriptor) {
+            continue;
+        }
+        add(findings, "port-unwatched",
+            "port " + std::to_string(port.port) + (port.appId.empty() ? "" : " of " + port.appId) +
+                " is on descriptor " + std::to_string(port.descriptor) +
+                " of the agent, which watches none above " +
+                std::to_string(kHighestWatchedDescriptor) + ": pushes wait there for ever",
+            "destroy channels that nobody needs, then create this one again");
+    }
+}
+
 }  // namespace
 
 std::vector<Finding> findProblems(const StatusFacts& facts) {
@@ -213,6 +228,7 @@ std::vector<Finding> findProblems(const StatusFacts& facts) {
     judgeSaved(facts, found);
     judgeSharedPorts(facts, found);
     judgePorts(facts, found);
+    judgeDescriptors(facts, found);
     Findings ordered;
     for (const bool isWarning : {false, true}) {
         for (const Finding& finding : found) {

@@ -19,13 +19,24 @@ constexpr int kTypePush = 5;
 constexpr int kTypeRegister = 7;
 constexpr int kTypeDeregister = 8;
 
+std::optional<PushTrace> takeFirstOf(std::deque<PushTrace>* pushes, const std::string& appId) {
+    for (auto push = pushes->begin(); push != pushes->end(); ++push) {
+        if (push->appId == appId) {
+            PushTrace found = *push;
+            pushes->erase(push);
+            return found;
+        }
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 void LogTracer::take(std::string_view text, std::optional<double> time) {
     m_now = time;
     // Each of these knows whether a line is one of its own; the first that does ends the search.
-    takeReceiving(text) || takeQueue(text) || takeDelivery(text) || takeAnswer(text) ||
-        takeChannel(text);
+    takeReceiving(text) || takeGivenUp(text) || takeQueue(text) || takeDelivery(text) ||
+        takeAnswer(text) || takeChannel(text);
     takeTrouble(text);
 }
 
@@ -47,7 +58,6 @@ void LogTracer::finish() {
     m_queue.clear();
     m_delivered.clear();
     m_channels.clear();
-    m_channel = nullptr;
 }
 
 // The main thread: a connection on a port, what it read, and that it is done with it.
@@ -85,31 +95,70 @@ bool LogTracer::takeReceiving(std::string_view text) {
     return false;
 }
 
+// The main thread, between two connections: one of which no more is awaited. What had come of it
+// looks as if it were queued; what came before has left the queue.
+bool LogTracer::takeGivenUp(std::string_view text) {
+    if (m_receiving || !startsWith(text, "serverIfProcessData: push for app id [")) {
+        return false;
+    }
+    const std::string appId = between(text, "app id [", "] ").value_or("");
+    PushTrace push = takeFirstOf(&m_queue, appId).value_or(PushTrace{});
+    push.appId = appId;
+    push.trouble = text.substr(std::string_view("serverIfProcessData: ").size());
+    onPush(push);
+    return true;
+}
+
 // The handler thread: it took a message of some type.
 bool LogTracer::takeQueue(std::string_view text) {
+    if (m_handledType == kTypePush && m_handled && startsWith(text, "app id[")) {
+        takePushOf(between(text, "app id[", "] clientId").value_or(""));
+        return true;
+    }
     const std::size_t digits = text.find_first_not_of("0123456789");
     if (digits == 0 || digits == std::string_view::npos || text.substr(digits) != " received") {
         return false;
     }
     endHandled();
-    m_channel = nullptr;
     m_handledType = std::atoi(std::string(text).c_str());
     if (m_handledType == kTypePush) {
-        // The handler may be quicker than the line with which the main thread ends.
-        if (m_queue.empty() && m_receiving) {
-            m_receiving->wasQueued = true;
-            m_receiving->queued = m_now;
-            m_handled = std::exchange(m_receiving, std::nullopt);
-        } else if (!m_queue.empty()) {
-            m_handled = m_queue.front();
-            m_queue.pop_front();
-        }
-        if (m_handled) {
-            m_handled->taken = m_now;
-            m_handled->wasTaken = true;
-        }
+        takePush();
     }
     return true;
+}
+
+// Whose it is, the next line tells; until then it is the first of the queue.
+void LogTracer::takePush() {
+    m_handled.emplace();
+    // The handler may be quicker than the line with which the main thread ends.
+    if (m_queue.empty() && m_receiving && m_receiving->bytes >= 0) {
+        m_receiving->queued = m_now;
+        m_handled = std::exchange(m_receiving, std::nullopt);
+    } else if (!m_queue.empty()) {
+        m_handled = m_queue.front();
+        m_queue.pop_front();
+    }
+    m_handled->taken = m_now;
+    m_handled->wasQueued = true;
+    m_handled->wasTaken = true;
+}
+
+// One whose bytes came in parts is passed by others.
+void LogTracer::takePushOf(const std::string& appId) {
+    if (m_handled->appId == appId) {
+        return;
+    }
+    PushTrace taken = takeFirstOf(&m_queue, appId).value_or(PushTrace{});
+    taken.appId = appId;
+    taken.taken = m_handled->taken;
+    taken.wasQueued = true;
+    taken.wasTaken = true;
+    if (!m_handled->appId.empty()) {
+        m_handled->taken.reset();
+        m_handled->wasTaken = false;
+        m_queue.push_front(*m_handled);
+    }
+    m_handled = taken;
 }
 
 // The handler thread is done with its push: an application has it, or nobody ever will.
@@ -210,6 +259,41 @@ void LogTracer::endAnswered() {
     m_answering.reset();
 }
 
+ChannelTrace* LogTracer::findChannel(const std::string& appId, bool isDestroying, bool wasTaken) {
+    for (ChannelTrace& channel : m_channels) {
+        if (channel.appId == appId && channel.isDestroying == isDestroying &&
+            channel.wasTaken == wasTaken) {
+            return &channel;
+        }
+    }
+    return nullptr;
+}
+
+// The one that the line names, or the only one that is under way.
+ChannelTrace* LogTracer::findChannelInTrouble(std::string_view text) {
+    ChannelTrace* only = nullptr;
+    int count = 0;
+    for (ChannelTrace& channel : m_channels) {
+        if (!channel.wasTaken) {
+            continue;
+        }
+        const std::string query = "serviceid=" + channel.appId;
+        if (contains(text, query + "&") || contains(text, query + "]") ||
+            contains(text, "[" + channel.appId + "]")) {
+            return &channel;
+        }
+        only = &channel;
+        ++count;
+    }
+    return count == 1 ? only : nullptr;
+}
+
+void LogTracer::endChannel(const ChannelTrace& channel) {
+    onChannel(channel);
+    m_channels.remove_if([&channel](const ChannelTrace& other) { return &channel == &other; });
+}
+
+// Several exchanges with push servers may be under way; an application has one at a time.
 bool LogTracer::takeChannel(std::string_view text) {
     if (startsWith(text, "addMessage: msg type[7]") ||
         startsWith(text, "addMessage: msg type[8]")) {
@@ -221,39 +305,34 @@ bool LogTracer::takeChannel(std::string_view text) {
         return true;
     }
     const bool isRegistration = m_handledType == kTypeRegister || m_handledType == kTypeDeregister;
-    if (startsWith(text, "app id[") && isRegistration && m_channel == nullptr) {
-        const std::string appId = between(text, "app id[", "] clientId").value_or("");
-        for (ChannelTrace& channel : m_channels) {
-            if (channel.appId == appId &&
-                channel.isDestroying == (m_handledType == kTypeDeregister)) {
-                channel.taken = m_now;
-                m_channel = &channel;
-                break;
-            }
+    if (startsWith(text, "app id[") && isRegistration) {
+        if (ChannelTrace* channel = findChannel(between(text, "app id[", "] clientId").value_or(""),
+                                                m_handledType == kTypeDeregister, false)) {
+            channel->taken = m_now;
+            channel->wasTaken = true;
         }
         return true;
     }
-    if (m_channel == nullptr) {
-        return false;
-    }
-    if (!m_channel->isDestroying && contains(text, "next state[Register]") &&
-        contains(text, "[" + m_channel->appId + "]")) {
-        m_channel->isGood = true;
+    if (contains(text, "next state[Register]")) {
+        if (ChannelTrace* channel =
+                findChannel(between(text, "app id [", "] current").value_or(""), false, true)) {
+            channel->isGood = true;
+        }
         return true;
     }
-    const std::string end =
-        m_channel->isDestroying ? "addMessage: msg type[3]" : "addMessage: msg type[2]";
-    if (!startsWith(text, end)) {
+    const bool isDestroyed = startsWith(text, "addMessage: msg type[3]");
+    if (!isDestroyed && !startsWith(text, "addMessage: msg type[2]")) {
         return false;
     }
-    if (m_channel->isDestroying) {
-        m_channel->isGood = contains(text, "errorCode[0]");
+    if (ChannelTrace* channel = findChannel(
+            between(text, "provider id[", "] errorCode").value_or(""), isDestroyed, true)) {
+        if (isDestroyed) {
+            channel->isGood = contains(text, "errorCode[0]");
+        }
+        channel->ended = m_now;
+        channel->hasEnded = true;
+        endChannel(*channel);
     }
-    m_channel->ended = m_now;
-    m_channel->hasEnded = true;
-    onChannel(*m_channel);
-    m_channels.remove_if([this](const ChannelTrace& channel) { return &channel == m_channel; });
-    m_channel = nullptr;
     return true;
 }
 
@@ -264,8 +343,8 @@ void LogTracer::takeTrouble(std::string_view text) {
                            startsWith(text, "OVRA registration failed") ||
                            contains(text, "OVRA server rejected registration") ||
                            startsWith(text, "Error opening port");
-    if (m_channel != nullptr && isChannel && m_channel->trouble.empty()) {
-        m_channel->trouble = text;
+    if (ChannelTrace* channel = isChannel ? findChannelInTrouble(text) : nullptr) {
+        channel->trouble = channel->trouble.empty() ? text : channel->trouble;
     }
     if (m_handled && startsWith(text, "pushNotification: id[")) {
         m_handled->id = between(text, "id[", "] error code").value_or("");

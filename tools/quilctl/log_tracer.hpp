@@ -1,9 +1,10 @@
 // Follows pushes and channels through the lines of the agent's log.
 //
-// The agent's log names no push until it is delivered, but its order tells all: one thread receives
-// and queues, the other works off the queue in the same order. So the tracer keeps the queue that
-// the agent has, and a push is found again by its place in it, later by its id. Works at the
-// default verbosity; with -v the log also tells whether a sender waits.
+// The agent's log names no push until it is delivered, but its order tells nearly all: one thread
+// receives and queues, the other works off the queue and names the application. So the tracer keeps
+// the queue that the agent has, and a push is found again by its application and its place in it,
+// later by its id. Works at the default verbosity; with -v the log also tells whether a sender
+// waits.
 
 #pragma once
 
@@ -41,6 +42,7 @@ struct ChannelTrace {
     std::optional<double> requested;
     std::optional<double> taken;  // out of the queue
     std::optional<double> ended;  // the push server's part is over
+    bool wasTaken = false;
     bool hasEnded = false;
     bool isGood = false;
     std::string trouble;
@@ -61,6 +63,9 @@ class LogTracer {
   private:
     bool takeReceiving(std::string_view text);
     bool takeQueue(std::string_view text);
+    bool takeGivenUp(std::string_view text);
+    void takePush();
+    void takePushOf(const std::string& appId);
     bool takeDelivery(std::string_view text);
     bool takeAnswer(std::string_view text);
     bool takeChannel(std::string_view text);
@@ -68,6 +73,9 @@ class LogTracer {
     void endAnswered();
     void endHandled();
     PushTrace* findDelivered(const std::string& id);
+    ChannelTrace* findChannel(const std::string& appId, bool isDestroying, bool wasTaken);
+    ChannelTrace* findChannelInTrouble(std::string_view text);
+    void endChannel(const ChannelTrace& channel);
 
     std::optional<double> m_now;
     std::optional<PushTrace> m_receiving;    // the main thread's
@@ -77,6 +85,5 @@ class LogTracer {
     std::optional<std::string> m_answering;  // id of the push whose answer the main thread handles
     bool m_isWriting = false;                // the handler writes m_handled to its application
     int m_handledType = 0;                   // of the message that the handler thread took last
-    std::list<ChannelTrace> m_channels;      // not ended yet
-    ChannelTrace* m_channel = nullptr;       // the handler thread's, within m_channels
+    std::list<ChannelTrace> m_channels;      // not ended yet; several at once with a push server
 };

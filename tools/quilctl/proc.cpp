@@ -22,8 +22,10 @@ void readTable(const char* path, std::vector<TcpSocket>* sockets) {
     std::getline(file, line);  // the headings
     while (std::getline(file, line)) {
         std::istringstream fields(line);
-        std::string slot, local, remote, state, queues, timer, retransmits, user;
-        fields >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> user;
+        std::string slot, local, remote, state, queues, timer, retransmits, user, timeout;
+        unsigned long inode = 0;
+        fields >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> user >>
+            timeout >> inode;
         const std::size_t colon = local.rfind(':');
         if (!fields || colon == std::string::npos) {
             continue;
@@ -35,6 +37,7 @@ void readTable(const char* path, std::vector<TcpSocket>* sockets) {
         socket.isListening = code == kStateListen;
         socket.isHeld = code == kStateEstablished || code == kStateCloseWait;
         socket.user = static_cast<uid_t>(std::strtoul(user.c_str(), nullptr, 10));
+        socket.inode = inode;
         sockets->push_back(socket);
     }
 }
@@ -96,6 +99,22 @@ std::vector<TcpSocket> readTcpSockets() {
     std::vector<TcpSocket> sockets;
     readTable("/proc/net/tcp", &sockets);
     readTable("/proc/net/tcp6", &sockets);
+    return sockets;
+}
+
+std::vector<OpenSocket> readOpenSockets(pid_t process) {
+    static const std::string prefix = "socket:[";
+    std::vector<OpenSocket> sockets;
+    std::error_code error;
+    std::filesystem::directory_iterator entry("/proc/" + std::to_string(process) + "/fd", error);
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        std::error_code isGone;
+        const std::string target = std::filesystem::read_symlink(entry->path(), isGone);
+        if (target.compare(0, prefix.size(), prefix) == 0) {
+            sockets.push_back({std::atoi(entry->path().filename().c_str()),
+                               std::strtoul(target.c_str() + prefix.size(), nullptr, 10)});
+        }
+    }
     return sockets;
 }
 

@@ -21,9 +21,19 @@ struct TcpSocket {
     bool isListening = false;
     bool isHeld = false;  // connected, or half closed by the other side
     uid_t user = 0;
+    unsigned long inode = 0;  // as /proc/PID/fd names it
+};
+
+// A socket that a process has open.
+struct OpenSocket {
+    int descriptor = -1;  // its number there
+    unsigned long inode = 0;
 };
 
 std::vector<TcpSocket> readTcpSockets();
+
+// None when this user may not look: of a process that changed its user, only root may.
+std::vector<OpenSocket> readOpenSockets(pid_t process);
 
 // Processes named "quilagent" whose QUIL_ROOT is ours, or cannot be seen.
 std::vector<AgentProcess> findAgents();

@@ -2,6 +2,7 @@
 
 #include <pwd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "tools/common/terminal.hpp"
@@ -38,9 +39,17 @@ void showAgent(const Style& style, const StatusFacts& facts) {
     }
 }
 
-std::string sessionText(const SavedSession& session) {
+bool isWatched(const StatusFacts& facts, const SavedSession& session) {
+    return std::none_of(
+        facts.agentPorts.begin(), facts.agentPorts.end(), [&](const AgentPort& port) {
+            return port.port == session.port && port.descriptor > kHighestWatchedDescriptor;
+        });
+}
+
+std::string sessionText(const SavedSession& session, bool isWatched) {
     std::string text = session.appId + ", port " + std::to_string(session.port) + ", " +
-                       (session.isListening ? "listening" : "NOT listening");
+                       (session.isListening ? "listening" : "NOT listening") +
+                       (isWatched ? "" : ", NOT watched");
     text += session.heldConnections == 0 ? ""
                                          : ", " + std::to_string(session.heldConnections) +
                                                " unanswered (their age: quilctl trace)";
@@ -48,7 +57,8 @@ std::string sessionText(const SavedSession& session) {
     return text + (session.launchString.empty() ? "" : ", launches " + session.launchString);
 }
 
-void showSessions(const Style& style, const SavedObject& saved) {
+void showSessions(const Style& style, const StatusFacts& facts) {
+    const SavedObject& saved = facts.saved;
     row(style, "saved sessions",
         !saved.exists ? "none"
         : !saved.isReadable
@@ -57,7 +67,8 @@ void showSessions(const Style& style, const SavedObject& saved) {
                   " of the " + std::to_string(kLoadableBytes) + " bytes that a start loads",
         !saved.exists || saved.isReadable);
     for (const SavedSession& session : saved.sessions) {
-        row(style, "", sessionText(session), session.isListening);
+        const bool watched = isWatched(facts, session);
+        row(style, "", sessionText(session, watched), session.isListening && watched);
     }
 }
 
@@ -82,7 +93,7 @@ void showForPeople(const StatusFacts& facts) {
                     style.faint("(" + setting.source + ")").c_str());
     }
     if (isMounted) {
-        showSessions(style, facts.saved);
+        showSessions(style, facts);
     }
 }
 
@@ -109,6 +120,7 @@ nlohmann::ordered_json asJson(const StatusFacts& facts) {
                                       {"launchString", session.launchString},
                                       {"port", session.port},
                                       {"listening", session.isListening},
+                                      {"watched", isWatched(facts, session)},
                                       {"unanswered", session.heldConnections}});
     }
     return object;

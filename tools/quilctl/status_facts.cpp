@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 
 #include "platform/pps/decoder.hpp"
 #include "platform/root/root.hpp"
@@ -141,6 +142,33 @@ SavedObject readSaved(const std::vector<AgentProcess>& agents) {
     return saved;
 }
 
+std::vector<AgentPort> findAgentPorts(const StatusFacts& facts) {
+    std::map<unsigned long, int> listening;  // port by inode
+    for (const TcpSocket& socket : readTcpSockets()) {
+        if (socket.isListening) {
+            listening[socket.inode] = socket.port;
+        }
+    }
+    std::vector<AgentPort> ports;
+    for (const AgentProcess& agent : facts.agents) {
+        for (const OpenSocket& socket : readOpenSockets(agent.pid)) {
+            const auto found = listening.find(socket.inode);
+            if (found == listening.end()) {
+                continue;
+            }
+            AgentPort port{found->second, socket.descriptor, ""};
+            for (const SavedSession& session : facts.saved.sessions) {
+                port.appId = session.port == port.port ? session.appId : port.appId;
+            }
+            ports.push_back(port);
+        }
+    }
+    std::sort(ports.begin(), ports.end(), [](const AgentPort& left, const AgentPort& right) {
+        return left.descriptor < right.descriptor;
+    });
+    return ports;
+}
+
 void lookAtPushObject(StatusFacts* facts) {
     const std::string path = platformPath(kPushObject);
     struct stat info {};
@@ -207,5 +235,6 @@ StatusFacts collectFacts() {
                           readIdentity("IMSI", kSim, "imsi", facts.agents)};
         facts.saved = readSaved(facts.agents);
     }
+    facts.agentPorts = findAgentPorts(facts);
     return facts;
 }

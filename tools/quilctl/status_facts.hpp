@@ -44,6 +44,13 @@ struct SavedObject {
     std::vector<SavedSession> sessions;
 };
 
+// A port on which an agent listens.
+struct AgentPort {
+    int port = 0;
+    int descriptor = -1;  // of the listening socket, in the agent
+    std::string appId;    // empty when no saved session has the port
+};
+
 struct StatusFacts {
     ServiceState service = ServiceState::Absent;
     std::vector<AgentProcess> agents;  // those of this QUIL_ROOT, as far as that can be seen
@@ -53,12 +60,16 @@ struct StatusFacts {
     Configuration configuration;
     std::vector<IdentityValue> identity;
     SavedObject saved;
-    bool isProxyLocal = false;      // proxy-host is a loopback address
-    bool isProxyListening = false;  // and something listens on its port
+    std::vector<AgentPort> agentPorts;  // none when only root can see them
+    bool isProxyLocal = false;          // proxy-host is a loopback address
+    bool isProxyListening = false;      // and something listens on its port
     bool isListenAddressOurs = true;
 };
 
 // An object of more bytes than this is cut when the agent starts.
 constexpr std::size_t kLoadableBytes = 15359;
+
+// The agent watches no port whose listening socket has a higher descriptor.
+constexpr int kHighestWatchedDescriptor = 255;
 
 StatusFacts collectFacts();

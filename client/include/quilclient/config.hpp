@@ -16,8 +16,9 @@ struct Config {
     std::string appId;   // provider application id: how the agent and the push server know you
     std::string ppgUrl;  // where the push server is, "http://host:port"; taken as it stands
 
-    // The longest that one request may go unanswered. The agent works off registrations with push
-    // servers one by one, two HTTP requests of up to a minute each, and answers queue up behind.
+    // The longest that one request may go unanswered. What an application asks for waits behind its
+    // own registration, which takes two HTTP requests of up to a minute each, and may have to wait
+    // for its turn when many applications register.
     std::chrono::milliseconds requestTimeout{150000};
     // How long no push may have come since the session was created before its channel is asked for.
     // Pushes wait on the port of a session that the agent brought back from before its restart, and

@@ -170,6 +170,17 @@ TEST_F(FindingsTest, SavedSessionsForbiddenTooLongOrDamaged) {
     EXPECT_EQ(found(), "saved-damaged");
 }
 
+TEST_F(FindingsTest, PortBeyondWhatTheAgentWatches) {
+    m_facts.agentPorts = {{4400, 255, "com.app"}};
+    EXPECT_EQ(found(), "");
+    m_facts.agentPorts = {{4400, 256, "com.app"}, {4401, 300, ""}};
+    EXPECT_EQ(found(), "port-unwatched port-unwatched");
+    const std::vector<Finding> findings = findProblems(m_facts);
+    ASSERT_EQ(findings.size(), 2U);
+    EXPECT_EQ(findings[0].words.substr(0, 42), "port 4400 of com.app is on descriptor 256 ");
+    EXPECT_EQ(findings[1].words.substr(0, 31), "port 4401 is on descriptor 300 ") << "nobody's";
+}
+
 TEST_F(FindingsTest, PortSilentOrTaken) {
     m_facts.saved.sessions[0].listener = 1000;
     EXPECT_EQ(found(), "port-taken");

@@ -35,8 +35,15 @@ class Tracing : public ::testing::Test {
              "quilAgentLoop: serverIfProcessData port [1] fd[9]"});
     }
 
-    void deliver(const char* id) {
-        log({"5 received", "app id[a] clientId[@ipc.1]",
+    // A connection whose push is not in when it is accepted.
+    void setAside(const char* app) {
+        log({(std::string("quilAgentLoop: Port 1 receiving data for App id [") + app + "]").c_str(),
+             "quilAgentLoop: serverIfProcessData port [1] fd[9]",
+             "quilAgentLoop: All the valid ports are"});
+    }
+
+    void deliver(const char* id, const std::string& app = "a") {
+        log({"5 received", ("app id[" + app + "] clientId[@ipc.1]").c_str(),
              "sendMessage: Callback [pushNotification] for client id[@ipc.1] err[0] has data[1]"});
         if (id != nullptr) {
             log({(std::string("addData: name [Push-Message-ID] value[") + id + "]").c_str()});
@@ -85,10 +92,72 @@ TEST_F(Tracing, KeepsTheOrderOfTheQueue) {
     receive("a", "1");
     receive("b", "2");
     deliver("m1");
-    deliver("m2");
+    deliver("m2", "b");
     answer("rejectPush", "m2");
     answer("acceptPush", "m1");
     EXPECT_EQ(m_shown, "b 'm2' 2 delivered rejected\na 'm1' 1 delivered accepted\n");
+}
+
+TEST_F(Tracing, FollowsAPushThatWasSetAside) {
+    setAside("a");
+    receive("a", "66");
+    deliver("m1");
+    answer("acceptPush", "m1");
+    m_tracer.finish();
+    EXPECT_EQ(m_shown, "a 'm1' 66 delivered accepted\n");
+}
+
+TEST_F(Tracing, TellsAPushFromOneThatPassesIt) {
+    receive("a", "66");  // only its beginning
+    receive("b", "2");
+    deliver("m2", "b");
+    answer("acceptPush", "m2");
+    deliver("m1", "a");
+    answer("acceptPush", "m1");
+    EXPECT_EQ(m_shown, "b 'm2' 2 delivered accepted\na 'm1' 66 delivered accepted\n");
+}
+
+TEST_F(Tracing, TellsOfAPushThatDidNotComeInInTime) {
+    receive("b", "1");
+    receive("a", "66");
+    log({"serverIfProcessData: push for app id [a] not complete after 30 seconds"});
+    EXPECT_EQ(m_shown, "a '' 66 push for app id [a] not complete after 30 seconds\n");
+    m_shown.clear();
+    setAside("c");
+    log(
+        {"serverIfProcessData: push for app id [c] given up: of 64 that wait it has been silent "
+         "longest"});
+    EXPECT_EQ(m_shown.substr(0, 35), "c '' -1 push for app id [c] given u");
+}
+
+// A log may begin in the middle of it.
+TEST_F(Tracing, FollowsAPushWhoseBeginningIsNotInTheLog) {
+    deliver("m1");
+    answer("acceptPush", "m1");
+    EXPECT_EQ(m_shown, "a 'm1' -1 delivered accepted\n");
+}
+
+TEST_F(Tracing, FollowsChannelsThatAreMadeAtTheSameTime) {
+    for (const char* line :
+         {"addMessage: msg type[7] provider id[a] errorCode[0]",
+          "addMessage: msg type[7] provider id[b] errorCode[0]",
+          "addMessage: msg type[7] provider id[c] errorCode[0]", "7 received",
+          "app id[a] clientId[@ipc.1]", "7 received", "app id[b] clientId[@ipc.2]", "7 received",
+          "app id[c] clientId[@ipc.2]",
+          " Provider app id [b] current state[Create] next state[Register]",
+          "addMessage: msg type[2] provider id[b] errorCode[0]", "2 received",
+          "app id[b] clientId[@ipc.2]",
+          "HTTP Transport failure: rc [7] HTTP Status[0] "
+          "url[http://x/mss/PD_subReg?serviceid=c&osversion=1&model=2]",
+          " Provider app id [a] current state[Create] next state[Register]",
+          "addMessage: msg type[2] provider id[a] errorCode[0]",
+          "addMessage: msg type[2] provider id[c] errorCode[0]"}) {
+        log({line});
+    }
+    EXPECT_EQ(m_shown,
+              "b create good\na create good\n"
+              "c create bad HTTP Transport failure: rc [7] HTTP Status[0] "
+              "url[http://x/mss/PD_subReg?serviceid=c&osversion=1&model=2]\n");
 }
 
 TEST_F(Tracing, FindsPushesWithMadeUpIds) {

@@ -25,6 +25,8 @@
 
 namespace {
 
+constexpr const char* kSaved = "/pps/services/push/quilagent";
+
 const std::string kWaiting = "quilAgentLoop: Waiting (select)...";
 const std::string kPush = "POST /x\r\nContent-Length: 5\r\nPush-Message-ID:m1\r\n\r\nhello";
 const std::string kNotification =
@@ -381,18 +383,42 @@ TEST_F(EventLoop, SelectOnAClosedDescriptorIsLoggedAndSurvived) {
 }
 
 // The object service is gone: its descriptor is readable for ever, and every read fails.
-TEST_F(EventLoop, FailingReadOfTheClientObjectCostsLittle) {
+TEST_F(EventLoop, LostObjectServiceIsToldOnceAndAwaitedQuietly) {
+    const Listener listener = addListener("app", "@ipc.17");
     startLoop();
+    const std::string server = path("/pps/services/push/ipc?server");
+    std::filesystem::remove(server);
+    std::filesystem::create_directory(server);  // which nobody can open as an object
+    clearRecordedLines();
     const int folder = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);  // reads fail with EISDIR
     ASSERT_NE(folder, -1);
     ASSERT_NE(dup3(folder, clientDescriptor(), O_CLOEXEC), -1);
     wakeMainLoop();
-    ASSERT_TRUE(waitForLogged(3, "clientPPSMessageGet: Unable to read push PPS object."))
-        << recordedText();
-    const int before = passes();
+    const std::string lost = "quilAgentLoop: object service lost: errno[21] error[Is a directory]";
+    ASSERT_TRUE(waitForLogged(3, lost)) << recordedText();
+    EXPECT_TRUE(waitUntil([&] { return listener.session->getClientObjectId().empty(); }));
+    // Nothing is taken off the ports, and nothing more is said.
+    const std::string told = recordedText();
+    sendPush(listener.port);
+    std::this_thread::sleep_for(std::chrono::milliseconds(350));
+    EXPECT_EQ(recordedText(), told);
+
+    std::filesystem::remove(server);
     const auto begin = std::chrono::steady_clock::now();
-    ASSERT_TRUE(waitForPasses(before + 4));
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(290));
+    writeFile("/pps/services/push/ipc?server", "");
+    ASSERT_TRUE(waitForLogged(4, "quilAgentLoop: object service is back")) << recordedText();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1000));
+    replaceDescriptor();
+    EXPECT_TRUE(waitForLogged(
+        5, "Save: Wrote " + std::to_string(readFile(kSaved).size()) + " bytes to pps."))
+        << recordedText();
+    EXPECT_EQ(countRecorded(3, lost), 1);
+    // The application is back, and gets what waited for it.
+    sendRequest(
+        "@ipc.3\nmsg::createSession\nid::1\n"
+        "dat:json:{\"providerApplicationId\":\"app\"}\n");
+    EXPECT_NE(nextReply().find("onCreateSessionComplete"), std::string::npos);
+    EXPECT_NE(nextReply().find("pushNotification"), std::string::npos);
 }
 
 TEST_F(EventLoop, EmptyReadOfTheClientObjectDoesNotPause) {

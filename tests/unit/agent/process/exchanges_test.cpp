@@ -18,10 +18,13 @@
 
 #include "agent/clients/client_object.hpp"
 #include "agent/messages/message_queue.hpp"
+#include "agent/messages/push_message.hpp"
 #include "agent/messages/reply_messages.hpp"
 #include "agent/process/exchanges.hpp"
 #include "agent/process/handler_thread.hpp"
 #include "agent/sessions/session_manager.hpp"
+#include "agent/sessions/states/base_state.hpp"
+#include "agent/support/service_life.hpp"
 #include "tests/support/agent/sessions_fixture.hpp"
 #include "tests/support/loopback.hpp"
 #include "tests/support/recorded_log.hpp"
@@ -324,4 +327,52 @@ TEST_F(Exchanges, WithoutAThreadTheExchangeHappensAllTheSame) {
     pthread_setattr_default_np(&before);
     EXPECT_TRUE(isTold) << told();
     EXPECT_TRUE(wasLogged(3, "No thread for an exchange with a push data server"));
+}
+
+// A push that came off its port just before the object service ended is not lost.
+TEST_F(Exchanges, PushThatWasTakenBeforeTheServiceEndedWaitsForItsApplication) {
+    addSession("a");
+    QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId("a");
+    putIntoState(*session, STATE_REGISTER);
+    const auto makePush = [](const std::string& id) {
+        const std::string bytes = "POST /\r\nPush-Message-ID:" + id + "\r\n\r\nhello";
+        auto push_ = std::make_unique<QuilPushMessage>("a", "@ipc.a");
+        push_->setPayload(bytes.data(), static_cast<int>(bytes.size()));
+        return push_;
+    };
+    Connected connection;
+    auto first = makePush("m1");
+    first->setSocket(connection.here);
+    connection.here = -1;
+    auto second = makePush("m2");
+    // The service ends, with both of them on their way.
+    QuilSessionManager::getInstance()->forgetClients();
+    endServiceLife();
+    push(5, std::move(first));
+    push(5, std::move(second));
+    addSession("b");
+    pushReply("b", "1");
+    ASSERT_TRUE(waitUntilTold("b:1 ")) << told();
+    EXPECT_EQ(told(), "b:1 ");
+    EXPECT_FALSE(connection.isClosedWithoutAByte());
+    // The application comes back as another client of the new service.
+    session->setClientObjectId("@ipc.z");
+    push(1, std::make_unique<QuilCreateSessionCompleteMessage>("a", "s", "@ipc.z"));
+    EXPECT_TRUE(waitUntilTold("b:1 z:s z:m1 z:m2 ")) << told();
+    session->acknowledgePush("m1", true);
+    EXPECT_EQ(connection.readUntilClosed().size(), 72U);
+    // And all is as before.
+    push(5, makePush("m3"));
+    EXPECT_TRUE(waitUntil([this] { return told().ends_with("a:m3 "); })) << told();
+}
+
+TEST_F(Exchanges, ReplyToAClientOfTheServiceBeforeGoesToNobody) {
+    addSession("a");
+    addSession("b");
+    auto old = std::make_unique<QuilResponseMessage>("a", "old", "@ipc.a");
+    endServiceLife();
+    push(4, std::move(old));
+    pushReply("b", "1");
+    EXPECT_TRUE(waitUntilTold("b:1 ")) << told();
+    EXPECT_TRUE(wasLogged(5, "Wrote -1 bytes to pps."));
 }

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
 #include <thread>
@@ -66,7 +67,11 @@ class PushListener : public ::testing::Test {
     // False when the intake has nothing to do within that time.
     bool serveOnce(double seconds) {
         pollfd watched = {openPushIntake(), POLLIN, 0};
-        if (poll(&watched, 1, static_cast<int>(seconds * 1000)) != 1) {
+        int ready = 0;
+        do {
+            ready = poll(&watched, 1, static_cast<int>(seconds * 1000));
+        } while (ready == -1 && errno == EINTR);
+        if (ready != 1) {
             return false;
         }
         servePushIntake();

@@ -1,13 +1,12 @@
 // Connections whose push is not in yet: nobody waits for them, they go on by themselves, and they
 // are bounded.
 
-#include <sys/resource.h>
-
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "agent/connections/owned_socket.hpp"
+#include "tests/support/file_limit.hpp"
 #include "tests/unit/agent/pushes/push_listener_fixture.hpp"
 
 namespace {
@@ -40,22 +39,6 @@ class SetAside : public PushListener {
 class HurriedSetAside : public PushListener {
   protected:
     HurriedSetAside() : PushListener("push-timeout 1\n") {}
-};
-
-// A limit on open files as long as it lives.
-class FileLimit {
-  public:
-    explicit FileLimit(rlim_t files) {
-        getrlimit(RLIMIT_NOFILE, &m_before);
-        const rlimit limit{files, m_before.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &limit);
-    }
-    ~FileLimit() { setrlimit(RLIMIT_NOFILE, &m_before); }
-    FileLimit(const FileLimit&) = delete;
-    FileLimit& operator=(const FileLimit&) = delete;
-
-  private:
-    rlimit m_before{};
 };
 
 }  // namespace
@@ -225,4 +208,41 @@ TEST_F(SetAside, WantOfDescriptorsTakesTheLongestSilentFirst) {
     EXPECT_FALSE(silent->isOpen());
     EXPECT_NE(takePush(), nullptr);
     EXPECT_FALSE(isPushIntakePaused());
+}
+
+TEST_F(HurriedSetAside, WantOfDescriptorsTakesTheConnectionsOfDeadSendersBeforeAll) {
+    const FileLimit limit(400);
+    {
+        Peer vanished(portNumber());
+        vanished.send(kExample);
+        ASSERT_TRUE(hasWaitingConnection(10));
+        serverIfProcessData(&m_session->getPort());
+        const auto push = QuilMessageManager::getInstance()->pop();
+        auto& message = dynamic_cast<QuilPushMessage&>(*push->getMessage());
+        ASSERT_EQ(m_session->addPushSocket("vanished", message.getSocket()), 1);
+    }
+    Peer patient(portNumber());
+    patient.send(kExample);
+    ASSERT_TRUE(hasWaitingConnection(10));
+    serverIfProcessData(&m_session->getPort());
+    const auto push = QuilMessageManager::getInstance()->pop();
+    auto& message = dynamic_cast<QuilPushMessage&>(*push->getMessage());
+    ASSERT_EQ(m_session->addPushSocket("patient", message.getSocket()), 1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    const Peer silent(portNumber());
+    ASSERT_TRUE(hasWaitingConnection(10));
+    serverIfProcessData(&m_session->getPort());
+    const Peer sender(portNumber());
+    sender.send(kExample);
+    ASSERT_TRUE(hasWaitingConnection(10));
+    std::vector<std::unique_ptr<OwnedSocket>> allOthers;
+    while (lowestFreeDescriptor() != -1) {
+        allOthers.push_back(std::make_unique<OwnedSocket>(open("/dev/null", O_RDONLY)));
+    }
+    clearRecordedLines();
+    serverIfProcessData(&m_session->getPort());
+    EXPECT_TRUE(wasLogged(6, "QuilMessageManager::push: return_code = 1")) << recordedText();
+    EXPECT_EQ(m_session->getPushSocket("vanished"), nullptr);
+    EXPECT_NE(m_session->getPushSocket("patient"), nullptr);
+    EXPECT_EQ(countSetAsideConnections(), 1);
 }

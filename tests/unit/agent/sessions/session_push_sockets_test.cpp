@@ -16,6 +16,7 @@
 
 #include "agent/sessions/session.hpp"
 #include "tests/support/agent/sessions_fixture.hpp"
+#include "tests/support/file_limit.hpp"
 #include "tests/support/recorded_log.hpp"
 #include "tests/support/scarce_memory.hpp"
 
@@ -33,6 +34,26 @@ class PushSockets : public SessionsTest {
     std::string number(int value) const { return std::to_string(value); }
 
     QuilSession m_session{"app", "@ipc.1"};
+};
+
+// Senders that hang up are given a second.
+class DeadPushSockets : public PushSockets {
+  protected:
+    DeadPushSockets() { m_platform.configure("push-timeout 1\n"); }
+
+    // A TCP connection kept under that id; gives the sender's end.
+    int keepTcp(const std::string& pushId, int expected = 1) {
+        const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_TRUE(bindLoopback(listener));
+        EXPECT_EQ(listen(listener, 1), 0);
+        const int sender = connectLoopback(boundPort(listener));
+        const int accepted = accept(listener, nullptr, nullptr);
+        close(listener);
+        EXPECT_EQ(m_session.addPushSocket(pushId, accepted), expected);
+        return sender;
+    }
+    bool isKept(const std::string& pushId) { return m_session.getPushSocket(pushId) != nullptr; }
+    static void waitForTheirTime() { std::this_thread::sleep_for(std::chrono::milliseconds(1100)); }
 };
 
 std::string localTime(std::time_t when) {
@@ -144,7 +165,7 @@ TEST_F(PushSockets, OutOfMemoryWhileAddingClosesTheConnection) {
             ASSERT_TRUE(wasLogged(6, "QuilSession::addPushSocket: return_code = 0"));
         }
     }
-    EXPECT_EQ(failures, 3) << "two copies of the id are made: one kept, one as the key";
+    EXPECT_EQ(failures, 4) << "three copies of the id are made: with the connection, as the key, and by age";
     m_session.deletePushSocket(pushId);
 }
 
@@ -393,4 +414,71 @@ TEST_F(PushSockets, DestroyedSessionLeavesWaitingConnectionsOpen) {
     session.reset();
     EXPECT_TRUE(isOpen(connection.here));
     EXPECT_FALSE(connection.isClosedWithoutAByte());
+}
+
+TEST_F(DeadPushSockets, SenderThatHungUpIsLetGoAtTheNextPushAfterItsTime) {
+    close(keepTcp("dead"));
+    const int alive = keepTcp("alive");
+    EXPECT_TRUE(isKept("dead")) << "it was given no time";
+    waitForTheirTime();
+    const int next = keepTcp("next");
+    EXPECT_FALSE(isKept("dead"));
+    EXPECT_TRUE(isKept("alive"));
+    EXPECT_TRUE(wasLogged(6, "QuilSession: sender of push id[dead] hung up, let go"));
+    close(alive);
+    close(next);
+}
+
+TEST_F(DeadPushSockets, SenderThatClosedItsWritingHalfCanBeAnsweredUntilThen) {
+    const int sender = keepTcp("half");
+    shutdown(sender, SHUT_WR);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const int other = keepTcp("other");
+    m_session.acknowledgePush("half", true);
+    char bytes[128];
+    EXPECT_EQ(recv(sender, bytes, sizeof bytes, MSG_WAITALL), 72);
+    close(sender);
+    close(other);
+}
+
+TEST_F(DeadPushSockets, IdOfADeadSenderIsFreeAgain) {
+    close(keepTcp("id"));
+    const int refused = keepTcp("id", 0);
+    waitForTheirTime();
+    keepTcp("other");
+    const int taken = keepTcp("id");
+    m_session.acknowledgePush("id", true);
+    char bytes[128];
+    EXPECT_EQ(recv(taken, bytes, sizeof bytes, MSG_WAITALL), 72);
+    close(refused);
+    close(taken);
+}
+
+TEST_F(DeadPushSockets, LookingForThemCountsThem) {
+    close(keepTcp("first"));
+    close(keepTcp("second"));
+    const int alive = keepTcp("alive");
+    EXPECT_EQ(m_session.letGoOfDeadPushSockets(), 0);
+    waitForTheirTime();
+    EXPECT_EQ(m_session.letGoOfDeadPushSockets(), 2);
+    EXPECT_TRUE(isKept("alive"));
+    close(alive);
+}
+
+// One session must leave the others some descriptors.
+TEST_F(DeadPushSockets, BeyondHalfOfTheDescriptorsTheOldestIsGivenUp) {
+    const FileLimit limit(60);
+    for (int i = 0; i < 30; ++i) {
+        Connected pair;
+        keep("p" + std::to_string(i), &pair);
+    }
+    EXPECT_TRUE(isKept("p0"));
+    Connected pair;
+    keep("p30", &pair);
+    EXPECT_FALSE(isKept("p0"));
+    EXPECT_TRUE(isKept("p1"));
+    EXPECT_TRUE(isKept("p30"));
+    EXPECT_TRUE(wasLogged(
+        3, "QuilSession::addPushSocket: oldest push id[p0] given up: 30 wait for an answer"))
+        << recordedText();
 }
