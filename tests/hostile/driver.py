@@ -21,6 +21,7 @@ def arguments_of(words):
     parser.add_argument("--list", action="store_true", help="name the scenarios and what each checks")
     parser.add_argument("--preset", default="release", choices=["release", "asan", "tsan"])
     parser.add_argument("--json", metavar="FILE", help="write all figures to FILE")
+    parser.add_argument("--markdown", metavar="FILE", help="write the table of docs/reliability.md to FILE")
     parser.add_argument("--million", action="store_true", help="instead: the memory of an agent over a million pushes")
     parser.add_argument("--pushes", type=int, metavar="N", help="with --million: so many instead")
     parser.add_argument("--no-build", action="store_true", help="use what is built")
@@ -110,4 +111,6 @@ def main(words, source):
         report.write_json(arguments.json, results, {
             "preset": arguments.preset, "short": arguments.short, "seed": seed, "seconds": round(seconds, 1),
             "processors": os.cpu_count(), "load": os.getloadavg()[0]})
+    if arguments.markdown:
+        report.write_markdown(arguments.markdown, results)
     return 0 if all(result.verdict != "FAIL" for result in results) else 1

@@ -87,3 +87,21 @@ def write_json(path, results, facts):
     with open(path, "w", encoding="utf-8") as file:
         json.dump({**facts, "scenarios": [result.as_json() for result in results]}, file, indent=2)
         file.write("\n")
+
+
+def write_markdown(path, results):
+    """The table of docs/reliability.md."""
+    with open(path, "w", encoding="utf-8") as file:
+        file.write("| scenario | innocent peers, or what was tried | measured: samples | measured: p50/p99/max ms | measured: p99 alone, ms | "
+                   "measured: lost | verdict |\n|---|---|---:|---:|---:|---:|---|\n")
+        for result in results:
+            for number, row in enumerate(wait_rows(result) or [[result.tried or "-", *5 * "-", str(result.lost())]]):
+                unanswered = f", {row[5]} unanswered" if row[5] not in ("0", "-") else ""
+                cells = [f"`{result.name}`" if number == 0 else "", row[0], row[1], row[2] + unanswered, row[3], row[6],
+                         result.verdict if number == 0 else ""]
+                file.write(f"| {' | '.join(cells)} |\n")
+        file.write("\n")
+        for result in results:
+            for check in result.checks:
+                if not check.is_kept and check.is_judged:
+                    file.write(f"- `{result.name}`, broken: {check.text}: {check.value}\n")
