@@ -57,6 +57,7 @@ PushOutcome pushNotification(std::unique_ptr<QuilPushMessage> push) {
                  push->getErrorCode());
         return PushOutcome::Done;
     }
+    QuilSessionManager::getInstance()->lookForDeadPushSockets();
     const std::string appId = push->getName();
     QUIL_LOG(LOG_LEVEL_DEBUG, "pushNotification: app id[%s]\n", appId.c_str());
     QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId(appId);

@@ -22,7 +22,6 @@ namespace {
 
 using Lock = QuilLock<QuilRecursiveMutex>;
 
-constexpr std::chrono::seconds kPauseBetweenLooks{1};
 // Where no time is set for a push to come in.
 constexpr std::chrono::seconds kDefaultPatience{30};
 
@@ -333,16 +332,11 @@ int QuilSession::addPushSocket(const std::string& pushId, int socket) {
     return result;
 }
 
-// The dead make room first: for their ids as well as for descriptors. All of them are looked at
-// once a second at the most, the one that has the id each time.
+// A dead sender makes room for its id, the oldest of too many for a descriptor.
 void QuilSession::makeRoomForPushSocket(const std::string& pushId) {
-    const auto now = std::chrono::steady_clock::now();
     const auto held = m_pushSockets.find(pushId);
     if (held != m_pushSockets.end() && isDead(*held->second.socket)) {
         erasePushSocket(held);
-    } else if (now >= m_nextLookForDead) {
-        m_nextLookForDead = now + kPauseBetweenLooks;
-        letGoOfDead();
     }
     while (m_pushSockets.size() >= mostPushSockets() && !m_pushIdsByAge.empty()) {
         const auto oldest = m_pushSockets.find(m_pushIdsByAge.begin()->second);
@@ -365,7 +359,9 @@ QuilSession::PushSockets::iterator QuilSession::erasePushSocket(PushSockets::ite
     return next;
 }
 
-int QuilSession::letGoOfDead() {
+int QuilSession::letGoOfDeadPushSockets() {
+    const Lock lock(m_lock);
+    const QuilLock pushLock(m_pushSocketLock);
     int count = 0;
     for (auto kept = m_pushSockets.begin(); kept != m_pushSockets.end();) {
         if (!isDead(*kept->second.socket)) {
@@ -378,12 +374,6 @@ int QuilSession::letGoOfDead() {
         ++count;
     }
     return count;
-}
-
-int QuilSession::letGoOfDeadPushSockets() {
-    const Lock lock(m_lock);
-    const QuilLock pushLock(m_pushSocketLock);
-    return letGoOfDead();
 }
 
 std::shared_ptr<QuilPushSocket> QuilSession::getPushSocket(const std::string& pushId) const {

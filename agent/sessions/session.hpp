@@ -4,7 +4,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -140,13 +139,11 @@ class QuilSession {
     using PushSockets = std::map<std::string, KeptPushSocket>;
 
     PushSockets::iterator erasePushSocket(PushSockets::iterator kept) REQUIRES(m_pushSocketLock);
-    int letGoOfDead() REQUIRES(m_pushSocketLock);
     void makeRoomForPushSocket(const std::string& pushId) REQUIRES(m_pushSocketLock);
 
     PushSockets m_pushSockets GUARDED_BY(m_pushSocketLock);
     std::map<std::uint64_t, std::string> m_pushIdsByAge GUARDED_BY(m_pushSocketLock);
     std::uint64_t m_lastPushSocketNumber GUARDED_BY(m_pushSocketLock) = 0;
-    std::chrono::steady_clock::time_point m_nextLookForDead GUARDED_BY(m_pushSocketLock){};
     // Size of the map, for lines that are logged without its lock.
     std::atomic<int> m_pushSocketCount{0};
     // Taken while m_lock is held, so that it is never held when resetPort makes it anew.

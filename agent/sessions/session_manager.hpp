@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -73,8 +74,11 @@ class QuilSessionManager {
     // Takes their client from all sessions: the object service that it was connected to is gone.
     void forgetClients();
 
-    // Lets go of all sessions' kept push connections whose sender hung up. Gives how many.
+    // Lets go of all sessions' kept push connections whose sender hung up
+    // (QuilSession::letGoOfDeadPushSockets). Gives how many.
     int letGoOfDeadPushSockets();
+    // The same, once a second at the most; for every push that comes.
+    void lookForDeadPushSockets();
 
     // The ports of all sessions that are registered and have one; without memory for a new list,
     // the one before. The pointers are valid as long as the sessions.
@@ -85,5 +89,6 @@ class QuilSessionManager {
 
     std::map<std::string, std::unique_ptr<QuilSession>> m_sessions GUARDED_BY(m_lock);
     std::vector<QuilPort*> m_ports GUARDED_BY(m_lock);
+    std::chrono::steady_clock::time_point m_nextLookForDead GUARDED_BY(m_lock){};
     QuilRecursiveMutex m_lock;
 };

@@ -300,14 +300,18 @@ TEST_F(Exchanges, WhatIsTooMuchForOneLaneIsDroppedWithALine) {
     for (int i = 0; i < 1025; ++i) {
         pushReply("a", "r");
     }
+    constexpr double kSeconds = 60;  // an instrumented program takes its time for so many lines
     EXPECT_TRUE(waitForLogged(3,
                               "msgHandler: exception occurred when handling message [4]: too many "
-                              "messages wait for one application"));
+                              "messages wait for one application",
+                              kSeconds));
     server.release();
-    EXPECT_TRUE(waitUntil([this] {
-        const std::string all = told();
-        return std::count(all.begin(), all.end(), ':') == 1025;  // and the completion
-    }));
+    EXPECT_TRUE(waitUntil(
+        [this] {
+            const std::string all = told();
+            return std::count(all.begin(), all.end(), ':') == 1025;  // and the completion
+        },
+        kSeconds));
 }
 
 TEST_F(Exchanges, WithoutAThreadTheExchangeHappensAllTheSame) {

@@ -3,6 +3,8 @@
 #include "agent/sessions/session_manager.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <memory>
@@ -612,4 +614,31 @@ TEST_F(SessionManager, PortsWithoutMemoryForANewListAreTheOnesBefore) {
     }
     EXPECT_TRUE(wasLogged(3, "exception occurred when trying to get all ports."));
     EXPECT_EQ(m_manager.getAllPorts().size(), 2U);
+}
+
+// Any push that comes is the occasion, whoever it is for; a second has to pass between two looks.
+TEST_F(SessionManager, DeadSendersOfAllSessionsAreLookedForOnceASecond) {
+    m_platform.configure("push-timeout 1\n");
+    const auto keepDead = [this](const std::string& appId) {
+        const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_TRUE(bindLoopback(listener));
+        EXPECT_EQ(listen(listener, 1), 0);
+        close(connectLoopback(boundPort(listener)));
+        QuilSession& session = add(appId, "@ipc.1", STATE_REGISTER);
+        EXPECT_EQ(session.addPushSocket("p", accept(listener, nullptr, nullptr)), 1);
+        close(listener);
+        return &session;
+    };
+    QuilSession* first = keepDead("a");
+    QuilSession* second = keepDead("b");
+    m_manager.lookForDeadPushSockets();
+    EXPECT_NE(first->getPushSocket("p"), nullptr) << "it was given no time";
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    m_manager.lookForDeadPushSockets();
+    EXPECT_EQ(first->getPushSocket("p"), nullptr);
+    EXPECT_EQ(second->getPushSocket("p"), nullptr);
+    QuilSession* third = keepDead("c");
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    m_manager.lookForDeadPushSockets();
+    EXPECT_NE(third->getPushSocket("p"), nullptr);
 }
