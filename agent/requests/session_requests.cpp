@@ -83,7 +83,8 @@ void quilCreateChannel(const std::string& appId, const std::string& id, const st
 void quilDestroyChannel(const std::string& appId, const std::string& id,
                         const std::string& clientId, QuilSession* session) {
     QUIL_LOG(LOG_LEVEL_DEBUG, "quilDestroyChannel Called app id [%s]\n", appId.c_str());
-    if (session == nullptr) {
+    const bool isSimChange = session != nullptr;
+    if (!isSimChange) {
         session = findSession(appId);
     }
     if (session == nullptr) {
@@ -105,8 +106,8 @@ void quilDestroyChannel(const std::string& appId, const std::string& id,
         std::make_unique<QuilServerRegMessage>(appId, id, clientId, session->getPpgUrl());
     request->setRegister(false);
     request->setMessageType(MESSAGE_SERVER_DEREGISTER);
-    request->setOrigin({.channelRequests = session->getChannelRequests(),
-                        .isSimChange = session->getStateType() == STATE_SIM_CHANGE});
+    request->setOrigin(
+        {.channelRequests = session->getChannelRequests(), .isSimChange = isSimChange});
     addMessage(RESULT_OK, MESSAGE_SERVER_DEREGISTER, appId, id, clientId, std::move(request));
 }
 

@@ -22,8 +22,9 @@ void quilCreateSession(const std::string& appId, const std::string& id,
 void quilCreateChannel(const std::string& appId, const std::string& id, const std::string& clientId,
                        const std::string& ppgUrl);
 
-// Queues the deregistration of the application's channel. `session` may be null, then it is looked
-// up. Answers at once 10100 (no session), 10106 (never registered) and 10004 (any other state).
+// Queues the deregistration of the application's channel. `session` is null for a request of the
+// application's own; the pass over the sessions of another SIM gives the one that it is at. Answers
+// at once 10100 (no session), 10106 (never registered) and 10004 (any other state).
 void quilDestroyChannel(const std::string& appId, const std::string& id,
                         const std::string& clientId, QuilSession* session);
 

@@ -72,6 +72,35 @@ ssize_t send(int descriptor, const void* bytes, std::size_t length, int flags) {
 }
 }
 
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+namespace {
+
+// Allocations of this thread while it counts, those of the C library too.
+thread_local bool t_counts = false;
+thread_local int t_allocations = 0;
+
+}  // namespace
+
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* block, std::size_t size);
+
+void* malloc(std::size_t size) {
+    t_allocations += t_counts ? 1 : 0;
+    return __libc_malloc(size);
+}
+void* calloc(std::size_t count, std::size_t size) {
+    t_allocations += t_counts ? 1 : 0;
+    return __libc_calloc(count, size);
+}
+void* realloc(void* block, std::size_t size) {
+    t_allocations += t_counts ? 1 : 0;
+    return __libc_realloc(block, size);
+}
+}
+#endif
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -271,6 +300,28 @@ TEST_F(Slog, LineCostsOneCall) {
     EXPECT_EQ(g_connectCalls, 1);
     EXPECT_EQ(g_sendCalls, 100);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(Slog, LineAllocatesNothing) {
+    const std::string longText(10000, 'x');
+    g_fixedTime = 1772683382;  // the time zone is asked for once a second
+    slogf(11000, 5, "first");
+    t_counts = true;
+    slogf(11000, 5, "%s", longText.c_str());
+    for (int i = 0; i < 1000; ++i) {
+        slogf(11000, 5, "line %d", i);
+    }
+    t_counts = false;
+    EXPECT_EQ(t_allocations, 0);
+    EXPECT_EQ(nextLine(), priority(6) + "first");
+    EXPECT_EQ(nextLine(), priority(6) + std::string(4351, 'x'));
+    t_counts = true;
+    void* volatile block = malloc(10);  // not to be left out by the compiler
+    free(block);
+    t_counts = false;
+    EXPECT_EQ(t_allocations, 1) << "the counter counts";
+}
+#endif
 
 TEST_F(Slog, DaemonThatDoesNotReadLosesLinesNeverTime) {
     constexpr int kLines = 10000;

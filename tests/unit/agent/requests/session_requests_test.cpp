@@ -339,7 +339,9 @@ TEST_F(SessionRequests, DestroyRemembersHowManyChannelsWereAskedForAndWhetherThe
     addSession<QuilSimChangeState>("sim", "");
     quilDestroyChannel("app", "1", "@ipc.17", nullptr);
     quilCreateChannel("app", "2", "@ipc.17", "http://h");
-    quilDestroyChannel("sim", "", "", nullptr);
+    QuilSessionManager* sessions = QuilSessionManager::getInstance();
+    quilDestroyChannel("sim", "", "", sessions->getSessionByAppId("sim"));
+    quilDestroyChannel("sim", "3", "@ipc.18", nullptr);
     QuilMessageManager* queue = QuilMessageManager::getInstance();
     const auto originOf = [queue] {
         const std::unique_ptr<QuilMessageNode> node = queue->pop();
@@ -348,9 +350,9 @@ TEST_F(SessionRequests, DestroyRemembersHowManyChannelsWereAskedForAndWhetherThe
     const DeregistrationOrigin asked = originOf();
     originOf();
     const DeregistrationOrigin bySim = originOf();
+    EXPECT_FALSE(originOf().isSimChange) << "the application's own request";
     EXPECT_FALSE(asked.isSimChange);
     EXPECT_TRUE(bySim.isSimChange);
-    QuilSessionManager* sessions = QuilSessionManager::getInstance();
     EXPECT_TRUE(sessions->getSessionByAppId("app")->hasNewerChannelThan(asked.channelRequests));
     EXPECT_FALSE(sessions->getSessionByAppId("sim")->hasNewerChannelThan(bySim.channelRequests));
 }

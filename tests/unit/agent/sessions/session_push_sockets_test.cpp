@@ -165,7 +165,8 @@ TEST_F(PushSockets, OutOfMemoryWhileAddingClosesTheConnection) {
             ASSERT_TRUE(wasLogged(6, "QuilSession::addPushSocket: return_code = 0"));
         }
     }
-    EXPECT_EQ(failures, 4) << "three copies of the id are made: with the connection, as the key, and by age";
+    EXPECT_EQ(failures, 4)
+        << "three copies of the id are made: with the connection, as the key, and by age";
     m_session.deletePushSocket(pushId);
 }
 
