@@ -91,6 +91,7 @@ class Device:
         self.preload = preload  # for the object service
         self.configuration = ["proxy-port 0", *configuration]
         self.root = tempfile.mkdtemp(prefix="quilhostile.")
+        context.guard.add(self.root)
         os.chmod(self.root, 0o755)
         self.processes = []
         self.ppsd = self.agent = self.server = None
@@ -98,7 +99,6 @@ class Device:
         self.environment["QUIL_ROOT"] = self.root
         self.set_sanitizer_options()
         self.server_port = 0
-        self.is_mount_watched = False
         Device.corner += 1
         # Below the range from which the system takes ports by itself.
         self.first_port = 10000 + (os.getpid() % 28 * 4 + Device.corner) % 110 * 200
@@ -174,10 +174,6 @@ class Device:
             self.context.guard.remove(process.pid)
 
     def start_ppsd(self):
-        if not self.is_mount_watched:
-            self.context.guard.add(self.path("/pps"))
-            self.is_mount_watched = True
-
         def limits():
             # Attackers share a user with innocents where nobody is root; the service's files are not what is tested.
             soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
@@ -284,9 +280,9 @@ class Device:
             self.stop(process)
         if os.path.ismount(self.path("/pps")) or self.is_dead_mount():
             subprocess.run(["fusermount3", "-u", "-z", "-q", self.path("/pps")], check=False)
-        if self.is_mount_watched:
-            self.context.guard.remove(self.path("/pps"))
-        shutil.rmtree(self.root, ignore_errors=True)
+        if not os.path.ismount(self.path("/pps")):
+            shutil.rmtree(self.root, ignore_errors=True)
+        self.context.guard.remove(self.root)
 
     def is_dead_mount(self):
         try:

@@ -32,7 +32,7 @@ def measure_alone(context, result, innocents, seconds):
         if worst < P99_MS / 2 or not context.is_timed:
             break
     else:
-        result.notes.append(f"this machine was busy before the attack: a p99 of {worst:.1f} ms with nobody attacking")
+        result.notes.append(f"slow before the attack already: a p99 of {worst:.1f} ms with nobody attacking")
     for kind, waits in found.items():
         result.baseline.setdefault(kind, Waits()).add(waits)
 

@@ -6,6 +6,7 @@ import os
 import shutil
 import socket
 import subprocess
+import tempfile
 import time
 
 from hostile.device import Device, DeviceFailed, is_root
@@ -26,9 +27,11 @@ def call(result):
 class OwnLogSocket:
     """A /dev of the agent's own, in which "log" is a socket of this process."""
 
-    def __init__(self):
-        self.folder = f"/tmp/quilhostile-dev.{os.getpid()}"
-        os.mkdir(self.folder, 0o755)
+    def __init__(self, guard):
+        self.guard = guard
+        self.folder = tempfile.mkdtemp(prefix="quilhostile-dev.")
+        guard.add(self.folder)
+        os.chmod(self.folder, 0o755)
         for name in DEVICES:
             open(f"{self.folder}/{name}", "wb").close()
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -62,6 +65,7 @@ class OwnLogSocket:
     def close(self):
         self.socket.close()
         shutil.rmtree(self.folder, ignore_errors=True)
+        self.guard.remove(self.folder)
 
 
 class SilentLog(Scenario):
@@ -69,7 +73,7 @@ class SilentLog(Scenario):
     promise = "A log socket that nobody reads leaves requests and pushes at a p99 under 20 ms."
 
     def run(self, context, result):
-        log = OwnLogSocket()
+        log = OwnLogSocket(context.guard)
         try:
             self.attack(context, result, log)
         finally:

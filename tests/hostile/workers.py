@@ -8,9 +8,11 @@ import ctypes
 import os
 import pickle
 import select
+import shutil
 import signal
 import socket
 import struct
+import subprocess
 import sys
 import time
 import traceback
@@ -189,7 +191,8 @@ def kill_all():
 
 
 class Guard:
-    """A child that cleans up when the driver is killed: ends the programs and takes the mounts away that are left.
+    """A child that cleans up when the driver is killed: ends the programs that are left, takes away the mounts, and
+    removes the scratch folders; each by its own number or path, since other runs may go on beside this one.
 
     The agent changes its user, so the kernel does not end it together with the driver.
     """
@@ -228,11 +231,11 @@ class Guard:
                 except OSError:
                     pass
         for what in left:
-            if not what.isdigit():
-                pid = os.fork()
-                if pid == 0:
-                    os.execvp("fusermount3", ["fusermount3", "-u", "-z", "-q", what])
-                os.waitpid(pid, 0)
+            if what.startswith("/"):
+                subprocess.run(["fusermount3", "-u", "-z", "-q", f"{what}/pps"], check=False)
+                # Never into a mount: what lies behind it would go as well.
+                if not os.path.ismount(f"{what}/pps"):
+                    shutil.rmtree(what, ignore_errors=True)
 
     def add(self, what):
         os.write(self.writer, f"+{what}\n".encode())
