@@ -34,7 +34,7 @@ class AllGone(Scenario):
                          attack(storm_unread, device.ipc, "storm.1"), attack(storm_with_opens, device.ipc, "storm.2")]
             unanswered.begin_round(0, 0)
             unanswered.hear(20)
-            time.sleep(context.pick(4, 1.5))
+            time.sleep(context.pick(4, 1))
             peak = device.descriptors()
             for worker in attackers:
                 worker.tell_to_stop()

@@ -212,7 +212,7 @@ def leave_unanswered(control, path, url, apps, ports_of, count, vanishes):
         count = int(told[0]) or count
         started = last = time.monotonic()
         begun = delivered = 0
-        while delivered < count and time.monotonic() - last < 3:
+        while delivered < count and time.monotonic() - last < (3 if vanishes else 1.2):
             due = min(count, int((time.monotonic() - started) * UNANSWERED_PER_SECOND) + 1)
             while begun < due and len(pushes.on_way) < BACKLOG * len(pushes.ports):
                 pushes.begin()

@@ -22,7 +22,7 @@ class ClientStorms(Scenario):
             storms = [attack(function, device.ipc, f"storm.{number}.{function.__name__}")
                       for number in range(2) for function in STORMS]
             time.sleep(0.5)
-            result.attacked = innocents.measure(context.pick(8, 2.5), grace=context.pick(5, 3))
+            result.attacked = innocents.measure(context.pick(8, 2.5), grace=context.pick(5, 2))
             for storm in storms:
                 storm.tell_to_stop()
             say_tried(result, *[storm.result(20) for storm in storms])

@@ -25,7 +25,7 @@ class DeadServers(Scenario):
             victims.hear(10)
             time.sleep(0.5)
             # Longer than a registration may take, so that those come in again that were given up.
-            result.attacked = innocents.measure(context.pick(9, 3), grace=context.pick(6, 3))
+            result.attacked = innocents.measure(context.pick(9, 2.5), grace=context.pick(6, 3))
             say_tried(result, servers.stop(), victims.stop())
             judge_waits(context, result, at_least=100)
             result.check_waits(REGISTRATIONS, context.pick(20, 5), max_ms=REGISTRATION_MS, is_judged=context.is_timed)

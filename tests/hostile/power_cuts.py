@@ -155,7 +155,7 @@ class PowerCuts(Scenario):
         device.start_ppsd()
         writers = [Worker(write_always, device.path("/pps"), journal, f"writer{number}") for number in range(WRITERS)]
         started = time.monotonic()
-        time.sleep(context.pick(4, 1.2))
+        time.sleep(context.pick(4, 0.8))
         # As long as it takes where the disk is slow, within bounds.
         while count_done(journal) < context.pick(1000, 200) and time.monotonic() - started < 20:
             time.sleep(0.1)

@@ -31,7 +31,7 @@ class ScarceDescriptors(Scenario):
             told = stayers.hear(20)
             slow = attack(hold_slow_senders, ports, 200)
             time.sleep(0.5)
-            result.attacked = innocents.measure(context.pick(6, 2.5), grace=3)
+            result.attacked = innocents.measure(context.pick(6, 2), grace=3)
             peak = device.descriptors()
             say_tried(result, stayers.stop(), slow.stop())
             result.notes.append(f"{told['pushes']} of 800 unanswered pushes came to their application")

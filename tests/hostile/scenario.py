@@ -26,7 +26,7 @@ class Scenario:
 def measure_alone(context, result, innocents, seconds):
     """The innocents' waits before the attack. A machine that is too busy with other things to tell anything gets a few
     chances to calm down; whatever it then is, promises are judged in full."""
-    for _ in range(4):
+    for _ in range(context.pick(4, 2)):
         found = innocents.measure(seconds)
         worst = max(waits.figures()["p99"] or 0 for waits in found.values())
         if worst < P99_MS / 2 or not context.is_timed:

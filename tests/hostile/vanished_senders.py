@@ -52,8 +52,8 @@ class VanishedSenders(Scenario):
 
     def run(self, context, result):
         count = context.pick(3000, 1000)
-        found = vanish(context, result, "", None, count, context.pick(9, 4.5))
-        low = vanish(context, result, " (300 descriptors)", 300, count, context.pick(9, 4.5))
+        found = vanish(context, result, "", None, count, context.pick(9, 3.5))
+        low = vanish(context, result, " (300 descriptors)", 300, count, context.pick(9, 3.5))
         for kind in (REQUESTS, PUSHES):
             result.attacked[kind] = found[kind]
             result.attacked[f"{kind}, 300 descriptors"] = low[kind]
