@@ -25,6 +25,11 @@ bool beginsExchange(const QuilMessageNode& node) {
     return node.getType() == MESSAGE_SERVER_REGISTER || node.getType() == MESSAGE_SERVER_DEREGISTER;
 }
 
+bool endsExchange(const QuilMessageNode& node) {
+    return node.getType() == MESSAGE_CREATE_CHANNEL_COMPLETE ||
+           node.getType() == MESSAGE_DESTROY_CHANNEL_COMPLETE;
+}
+
 std::string appIdOf(const QuilMessageNode& node) {
     return node.getMessage() == nullptr ? "" : node.getMessage()->getName();
 }
@@ -88,7 +93,9 @@ bool QuilExchanges::append(std::unique_ptr<QuilMessageNode>* node) {
         if (lane.isParked && (*node)->getType() == MESSAGE_CREATE_SESSION_COMPLETE) {
             return false;  // the answer that the lane waits for goes past it
         }
-        if (lane.nodes.size() >= kMostNodes) {
+        // What ends an exchange comes when the lane may be full of what waited for it.
+        const std::size_t most = endsExchange(**node) ? 2 * kMostNodes : kMostNodes;
+        if (lane.nodes.size() >= most) {
             throw std::length_error("too many messages wait for one application");
         }
         lane.nodes.push_back(std::move(*node));

@@ -28,7 +28,7 @@ class QuilExchanges {
 
     // From so many nodes in its lane on, nothing more is taken off an application's port; the main
     // loop is woken when there are few again. Beyond the most, what is queued for it is dropped
-    // with a line.
+    // with a line; what ends an exchange has as much room again.
     static constexpr std::size_t kManyNodes = 64;
     static constexpr std::size_t kFewNodes = 16;
     static constexpr std::size_t kMostNodes = 1024;

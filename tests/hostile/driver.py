@@ -24,6 +24,8 @@ def arguments_of(words):
     parser.add_argument("--markdown", metavar="FILE", help="write the table of docs/reliability.md to FILE")
     parser.add_argument("--million", action="store_true", help="instead: the memory of an agent over a million pushes")
     parser.add_argument("--pushes", type=int, metavar="N", help="with --million: so many instead")
+    parser.add_argument("--slack", type=float, default=1.0, metavar="FACTOR",
+                        help="judge waits by so many times what is promised, where the machine is not one's own")
     parser.add_argument("--no-build", action="store_true", help="use what is built")
     parser.add_argument("--seed", type=int, help="for what is chosen at random")
     return parser.parse_args(words)
@@ -95,6 +97,7 @@ def main(words, source):
     context = Context(os.path.join(build, "bin"), os.path.join(build, "lib"), arguments.preset, arguments.short, guard,
                       screen)
     context.seed = seed
+    Result.slack = arguments.slack
     screen.say(f"preset {arguments.preset}, {os.cpu_count()} processors, load {os.getloadavg()[0]:.1f}, seed {seed}")
     started = time.monotonic()
     try:

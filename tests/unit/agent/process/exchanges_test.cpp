@@ -312,6 +312,7 @@ TEST_F(Exchanges, WhatIsTooMuchForOneLaneIsDroppedWithALine) {
             return std::count(all.begin(), all.end(), ':') == 1025;  // and the completion
         },
         kSeconds));
+    EXPECT_TRUE(told().ends_with("a:c ")) << "the end of the exchange was dropped";
 }
 
 TEST_F(Exchanges, WithoutAThreadTheExchangeHappensAllTheSame) {
