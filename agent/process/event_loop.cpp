@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -73,8 +74,12 @@ class Room {
     bool forPushes() const { return !m_isQueueCrowded; }
     bool forRequests() const { return !m_isQueueCrowded || !m_queue->isOverfull(); }
     bool forPushesOf(const QuilPort& port) const {
-        return m_exchanges == nullptr || !m_exchanges->hasCrowd() ||
-               !m_exchanges->isCrowded(port.getName());
+        try {
+            return m_exchanges == nullptr || !m_exchanges->hasCrowd() ||
+                   !m_exchanges->isCrowded(port.getName());
+        } catch (...) {
+            return false;  // no memory for its name either
+        }
     }
 
   private:
@@ -82,6 +87,18 @@ class Room {
     QuilExchanges* m_exchanges = QuilExchanges::getInstance();
     bool m_isQueueCrowded;
 };
+
+// Set-aside connections are not to pay for the time in which nobody could see to them.
+void postponeWhatIsHeldBack(const Room& room) {
+    static std::optional<std::chrono::steady_clock::time_point> heldSince;
+    const auto now = std::chrono::steady_clock::now();
+    if (!room.forPushes()) {
+        heldSince = heldSince.value_or(now);
+    } else if (heldSince) {
+        postponePushIntake(now - *heldSince);
+        heldSince.reset();
+    }
+}
 
 // False when a descriptor that the loop cannot do without is out of range.
 bool buildSet(const std::vector<QuilPort*>& ports, DescriptorSet* set) {
@@ -100,6 +117,7 @@ bool buildSet(const std::vector<QuilPort*>& ports, DescriptorSet* set) {
     if (room.forPushes() && isWatchable(g_intake)) {
         set->add(g_intake);
     }
+    postponeWhatIsHeldBack(room);
     if (!isWatchable(g_clientDescriptor)) {
         QUIL_LOG(LOG_LEVEL_ERROR, "QuilAgent: invalid client file descriptor %d",
                  g_clientDescriptor);
@@ -148,6 +166,23 @@ void servePorts(const std::vector<QuilPort*>& ports, const DescriptorSet& set) {
     }
 }
 
+void serveSetAside() {
+    try {
+        servePushIntake();
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING,
+                 "quilAgentLoop: exception occurred when trying to serverIfProcessData");
+    }
+}
+
+bool isObjectServiceBack() {
+    try {
+        return reopenClientObject();
+    } catch (...) {
+        return false;  // without memory it is tried again
+    }
+}
+
 // Until the object service is back, nothing is taken off the ports, and nobody could be told
 // anything.
 void awaitObjectService(int error) {
@@ -158,11 +193,17 @@ void awaitObjectService(int error) {
     g_sessions->forgetClients();
     endServiceLife();
     flushLogEcho();
+    const auto lost = std::chrono::steady_clock::now();
     do {
         std::this_thread::sleep_for(kPause);
-    } while (!reopenClientObject());
+    } while (!isObjectServiceBack());
+    postponePushIntake(std::chrono::steady_clock::now() - lost);
     QUIL_LOG(LOG_LEVEL_NOTICE, "quilAgentLoop: object service is back");
-    QuilDataManager::getInstance()->reopenAndSave();
+    try {
+        QuilDataManager::getInstance()->reopenAndSave();
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "quilAgentLoop: no memory to save the sessions again");
+    }
 }
 
 void serveClient() {
@@ -263,7 +304,7 @@ void quilAgentLoop() {
         // waits behind that push falls with the port.
         servePorts(ports, set);
         if (set.has(g_intake)) {
-            servePushIntake();
+            serveSetAside();
         }
         if (set.has(g_clientDescriptor)) {
             serveClient();

@@ -17,6 +17,7 @@
 #include "agent/messages/reply_messages.hpp"
 #include "agent/process/dispatch.hpp"
 #include "agent/support/log.hpp"
+#include "agent/support/service_life.hpp"
 #include "agent/support/wake_up.hpp"
 
 namespace {
@@ -28,6 +29,12 @@ bool beginsExchange(const QuilMessageNode& node) {
 bool endsExchange(const QuilMessageNode& node) {
     return node.getType() == MESSAGE_CREATE_CHANNEL_COMPLETE ||
            node.getType() == MESSAGE_DESTROY_CHANNEL_COMPLETE;
+}
+
+// The answer to a "createSession" of the present life of the object service.
+bool isPresentAnswer(const std::unique_ptr<QuilMessageNode>& node) {
+    return node->getType() == MESSAGE_CREATE_SESSION_COMPLETE && node->getMessage() != nullptr &&
+           node->getMessage()->getLife() == serviceLife();
 }
 
 std::string appIdOf(const QuilMessageNode& node) {
@@ -141,8 +148,8 @@ void QuilExchanges::queueLane(const std::string& appId, const std::string& serve
 }
 
 void QuilExchanges::park(std::unique_ptr<QuilMessageNode> node) {
-    const std::string appId = appIdOf(*node);
     try {
+        const std::string appId = appIdOf(*node);
         const QuilLock lock(m_lock);
         makeLane(appId, "", &node);
         m_lanes.at(appId).isParked = true;
@@ -153,19 +160,18 @@ void QuilExchanges::park(std::unique_ptr<QuilMessageNode> node) {
     }
 }
 
+// Worked off on the caller's thread, which is where its nodes would have been handled: only an
+// exchange among them has to wait for a thread.
 void QuilExchanges::unpark(const std::string& appId) {
-    try {
+    {
         const QuilLock lock(m_lock);
         const auto found = m_lanes.find(appId);
         if (found == m_lanes.end() || !found->second.isParked) {
             return;
         }
-        queueLane(appId, found->second.server);
         found->second.isParked = false;
-    } catch (...) {
-        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: no memory for what waits for [%s]", appId.c_str());
-        return;
     }
+    workOff(appId, false);
     startThread();
 }
 
@@ -197,7 +203,7 @@ void* QuilExchanges::runThread(void* exchanges) {
 void QuilExchanges::work() {
     std::string appId = beginNext();
     while (!appId.empty()) {
-        workOff(appId);
+        workOff(appId, true);
         appId = beginNext();
     }
     flushLogEcho();
@@ -254,10 +260,11 @@ std::string QuilExchanges::takeNext() {
     return appId;
 }
 
-void QuilExchanges::workOff(const std::string& appId) {
+void QuilExchanges::workOff(const std::string& appId, bool mayBeginExchange) {
     for (;;) {
         bool isRelieved = false;
-        std::unique_ptr<QuilMessageNode> node = takeFrom(appId, &isRelieved);
+        std::unique_ptr<QuilMessageNode> node = takeFrom(appId, mayBeginExchange, &isRelieved);
+        mayBeginExchange = false;
         if (isRelieved) {
             wakeMainLoop();
         }
@@ -270,26 +277,8 @@ void QuilExchanges::workOff(const std::string& appId) {
     }
 }
 
-// Puts a push back to the front of its lane. False without memory; then it is dropped with a line.
-bool QuilExchanges::parkAgain(const std::string& appId, std::unique_ptr<QuilMessageNode>* node) {
-    try {
-        const QuilLock lock(m_lock);
-        Lane& lane = m_lanes.at(appId);
-        lane.nodes.push_front(std::move(*node));
-        lane.isParked = true;
-        std::erase(m_running, &lane);
-        return true;
-    } catch (...) {
-        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]",
-                 (*node)->getType());
-        closeConnectionOf(**node);
-        node->reset();
-        return false;
-    }
-}
-
 std::unique_ptr<QuilMessageNode> QuilExchanges::takeFrom(const std::string& appId,
-                                                         bool* isRelieved) {
+                                                         bool mayBeginExchange, bool* isRelieved) {
     const QuilLock lock(m_lock);
     Lane& lane = m_lanes.at(appId);
     if (lane.isCrowded && lane.nodes.size() <= kFewNodes) {
@@ -302,13 +291,56 @@ std::unique_ptr<QuilMessageNode> QuilExchanges::takeFrom(const std::string& appI
         m_lanes.erase(appId);
         return nullptr;
     }
+    if (beginsExchange(*lane.nodes.front()) && !mayBeginExchange && waitForTurn(appId, &lane)) {
+        return nullptr;
+    }
     std::unique_ptr<QuilMessageNode> node = std::move(lane.nodes.front());
     lane.nodes.pop_front();
     return node;
+}
+
+// Another exchange is another turn, and may be with another server. False without memory; then it
+// goes on in this turn.
+bool QuilExchanges::waitForTurn(const std::string& appId, Lane* lane) {
+    try {
+        std::string server = serverOf(*lane->nodes.front());
+        queueLane(appId, server);
+        std::erase(m_running, lane);
+        lane->server.swap(server);
+        return true;
+    } catch (...) {
+        return false;
+    }
 }
 
 bool QuilExchanges::isCrowded(const std::string& appId) {
     const QuilLock lock(m_lock);
     const auto found = m_lanes.find(appId);
     return found != m_lanes.end() && found->second.isCrowded;
+}
+
+// Puts a push back to the front of its lane, which then waits for the application. False when the
+// lane is to be gone on with: the application has come back meanwhile, or, without memory, the push
+// was dropped with a line.
+bool QuilExchanges::parkAgain(const std::string& appId, std::unique_ptr<QuilMessageNode>* node) {
+    try {
+        const QuilLock lock(m_lock);
+        Lane& lane = m_lanes.at(appId);
+        lane.nodes.push_front(std::move(*node));
+        const auto answer = std::find_if(lane.nodes.begin(), lane.nodes.end(), isPresentAnswer);
+        if (answer != lane.nodes.end()) {
+            // Its answer first, as if it had gone past the parked lane.
+            std::rotate(lane.nodes.begin(), answer, answer + 1);
+            return false;
+        }
+        lane.isParked = true;
+        std::erase(m_running, &lane);
+        return true;
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]",
+                 (*node)->getType());
+        closeConnectionOf(**node);
+        node->reset();
+        return false;
+    }
 }

@@ -58,7 +58,7 @@ class QuilExchanges {
   private:
     struct Lane {
         std::deque<std::unique_ptr<QuilMessageNode>> nodes;
-        std::string server;  // that its first exchange is with
+        std::string server;  // that its present or next exchange is with
         bool isCrowded = false;
         bool isParked = false;  // its first node awaits the application's client
     };
@@ -81,9 +81,14 @@ class QuilExchanges {
     Waiting::iterator findNext() REQUIRES(m_lock);
     // Marks the lane that is next as running and gives its application, "" for none.
     std::string takeNext() REQUIRES(m_lock);
-    void workOff(const std::string& appId);
-    // The lane's next node; null when it is empty, and then the lane is gone.
-    std::unique_ptr<QuilMessageNode> takeFrom(const std::string& appId, bool* isRelieved);
+    // Handles what is in the lane; up to the first exchange, or with `mayBeginExchange` the second,
+    // which then waits for its turn.
+    void workOff(const std::string& appId, bool mayBeginExchange);
+    // The lane's next node; null when it is empty, and then the lane is gone, or when it has to
+    // wait for its turn.
+    std::unique_ptr<QuilMessageNode> takeFrom(const std::string& appId, bool mayBeginExchange,
+                                              bool* isRelieved);
+    bool waitForTurn(const std::string& appId, Lane* lane) REQUIRES(m_lock);
 
     // A leaf: nothing else is taken, logged or destroyed under it.
     QuilMutex m_lock;

@@ -16,21 +16,31 @@
 
 namespace {
 
+void takeOver(std::unique_ptr<QuilMessageNode>* node) {
+    QuilExchanges* exchanges = QuilExchanges::getInstance();
+    if (exchanges->take(node)) {
+        return;
+    }
+    const bool isBack = (*node)->getType() == MESSAGE_CREATE_SESSION_COMPLETE;
+    const std::string appId = isBack ? (*node)->getMessage()->getName() : "";
+    if (handleNode(node) == NodeOutcome::AwaitsClient) {
+        exchanges->park(std::move(*node));
+    } else if (isBack) {
+        exchanges->unpark(appId);
+    }
+}
+
 [[noreturn]] void* runHandler(void* /*unused*/) {
     pthread_setname_np(pthread_self(), "MSG HANDLER");
     for (;;) {
         std::unique_ptr<QuilMessageNode> node = QuilMessageManager::getInstance()->pop();
-        QuilExchanges* exchanges = QuilExchanges::getInstance();
-        if (exchanges->take(&node)) {
-            continue;
-        }
-        const int type = node->getType();
-        const std::string appId =
-            node->getMessage() == nullptr ? "" : node->getMessage()->getName();
-        if (handleNode(&node) == NodeOutcome::AwaitsClient) {
-            exchanges->park(std::move(node));
-        } else if (type == MESSAGE_CREATE_SESSION_COMPLETE) {
-            exchanges->unpark(appId);
+        try {
+            takeOver(&node);
+        } catch (...) {
+            QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: a message was lost for want of memory");
+            if (node != nullptr) {
+                closeConnectionOf(*node);
+            }
         }
     }
 }

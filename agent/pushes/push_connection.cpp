@@ -29,13 +29,19 @@ Buffer g_buffer;
 }  // namespace
 
 PushConnection::PushConnection(int socket, QuilSession& session)
-    : m_socket(socket),
-      m_session(session),
+    : m_session(session),
       m_appId(session.getProviderAppId()),
       m_timeoutSeconds(QuilConfigManager::getInstance()->getPushTimeout()),
       m_lastHeard(Clock::now()),
       m_deadline(m_timeoutSeconds > 0 ? m_lastHeard + std::chrono::seconds(m_timeoutSeconds)
-                                      : Clock::time_point::max()) {}
+                                      : Clock::time_point::max()),
+      m_socket(socket) {}
+
+void PushConnection::postpone(Clock::duration time) {
+    if (m_deadline != Clock::time_point::max()) {
+        m_deadline += time;
+    }
+}
 
 PushConnection::Progress PushConnection::advance() {
     for (;;) {

@@ -20,7 +20,8 @@ class PushConnection {
         Done    // the push was queued or dropped; there is nothing left to do
     };
 
-    // Takes an accepted socket over for a session, which must outlive this. The time for the push
+    // Takes an accepted socket over for a session, which must outlive this; when it throws, without
+    // memory, the socket is still the caller's. The time for the push
     // to come in ("push-timeout") runs from now.
     PushConnection(int socket, QuilSession& session);
     PushConnection(const PushConnection&) = delete;
@@ -30,6 +31,8 @@ class PushConnection {
     // dropped.
     Progress advance();
 
+    // Gives it so much more time, in which nobody could see to it.
+    void postpone(Clock::duration time);
     // Logs that the time was up.
     void logTimeout() const;
 
@@ -48,11 +51,11 @@ class PushConnection {
     int readBehindPush(int lastCount);
     void closeAfterPush();
 
-    OwnedSocket m_socket;
     QuilSession& m_session;
     std::string m_appId;
     int m_timeoutSeconds;
     Clock::time_point m_lastHeard;
     Clock::time_point m_deadline;
     std::unique_ptr<QuilPushMessage> m_push;  // null until the first read
+    OwnedSocket m_socket;  // last: a constructor that throws must not have taken it over
 };

@@ -73,20 +73,18 @@ PushOutcome pushNotification(std::unique_ptr<QuilPushMessage> push) {
              "pushNotification: Sending data back to app id [%s] port [%d] client id[%s]\n",
              appId.c_str(), session->getPort().getPort(), session->getClientObjectId().c_str());
     const std::string pushId = push->getId();
-    const bool isStored =
-        push->getSocket() != -1 && session->addPushSocket(pushId, connection.release()) != 0;
+    const int socket = push->getSocket();
+    const bool isStored = socket != -1 && session->addPushSocket(pushId, connection.release()) != 0;
     if (!session->isRegistered()) {
         if (isStored) {
             session->deletePushSocket(pushId);
         }
         return PushOutcome::Done;
     }
-    const bool isWaitedFor = push->getSocket() != -1;
-    if (sendMessage(std::move(push)) != SendResult::ServiceGone || isStored != isWaitedFor) {
+    if (sendMessage(std::move(push)) != SendResult::ServiceGone) {
         return PushOutcome::Done;
     }
-    if (isStored) {
-        session->giveBackPushSocket(pushId);
-    }
-    return PushOutcome::AwaitsClient;
+    // A connection that is gone by now, closed for whatever reason, has told its sender.
+    const bool isOurs = socket == -1 || (isStored && session->giveBackPushSocket(pushId, socket));
+    return isOurs ? PushOutcome::AwaitsClient : PushOutcome::Done;
 }

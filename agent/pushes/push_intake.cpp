@@ -4,8 +4,11 @@
 
 #include "agent/pushes/push_intake.hpp"
 
+#include <sys/resource.h>
+
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -26,6 +29,7 @@ using Clock = PushConnection::Clock;
 
 constexpr std::chrono::milliseconds kPauseAfterShortage{100};
 constexpr std::chrono::seconds kPauseBetweenRefusals{1};
+constexpr int kReservedDescriptors = 32;
 
 Clock::time_point g_pausedUntil{};
 
@@ -36,6 +40,17 @@ SetAsideConnections& setAside() {
 
 bool isShortage(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+// The last few numbers are for what is not a push: talks with push servers, and the object service
+// when it comes back. Senders may take one now and then, and room is made at once.
+int firstReservedDescriptor() {
+    static const int first = [] {
+        rlimit limit{};
+        const bool isKnown = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur <= INT_MAX;
+        return isKnown ? static_cast<int>(limit.rlim_cur) - kReservedDescriptors : INT_MAX;
+    }();
+    return first;
 }
 
 // Whether the sender may push. Tells of those who may not once a second at the most.
@@ -59,11 +74,13 @@ bool isAllowed(int socket) {
     return false;
 }
 
-// Gives up what nobody will miss: connections of senders that are gone, else the one whose push has
-// been awaited in vain for longest. False when there is nothing of the kind.
+// Gives up what will be missed least: connections of senders that are gone, else the one whose push
+// has been awaited in vain for longest, else one whose answer has. False when there is none of
+// these.
 bool makeRoom() {
-    return QuilSessionManager::getInstance()->letGoOfDeadPushSockets() > 0 ||
-           setAside().closeLongestSilent();
+    QuilSessionManager* sessions = QuilSessionManager::getInstance();
+    return sessions->letGoOfDeadPushSockets() > 0 || setAside().closeLongestSilent() ||
+           sessions->giveUpOldestPushSocket();
 }
 
 // Accepts a connection on the session's port. -1 when there is none, which is logged unless the
@@ -74,7 +91,11 @@ int acceptConnection(QuilSession& session) {
         socket = session.acceptOnPort();
     }
     if (socket != -1) {
-        return moveToHighDescriptor(socket);
+        socket = moveToHighDescriptor(socket);
+        if (socket >= firstReservedDescriptor()) {
+            makeRoom();
+        }
+        return socket;
     }
     const int error = errno;
     if (error != 0) {
@@ -133,6 +154,10 @@ void serverIfProcessData(QuilPort* port) {
 
 void servePushIntake() {
     setAside().serve();
+}
+
+void postponePushIntake(Clock::duration time) {
+    setAside().postpone(time);
 }
 
 int countSetAsideConnections() {

@@ -5,6 +5,8 @@
 
 #pragma once
 
+#include <chrono>
+
 #include "agent/sessions/port.hpp"
 
 // The descriptor to wait on beside the ports' own: readable when servePushIntake has something to
@@ -20,6 +22,9 @@ void serverIfProcessData(QuilPort* port);
 // Goes on with set-aside connections whose next bytes came, and closes those whose time
 // ("push-timeout") is up.
 void servePushIntake();
+
+// Gives set-aside connections so much more time, in which the loop could not see to them.
+void postponePushIntake(std::chrono::steady_clock::duration time);
 
 // How many connections are set aside.
 int countSetAsideConnections();

@@ -38,7 +38,7 @@ std::size_t mostInAll() {
 // whose push the lines between them are about.
 template <typename Work>
 void asOfItsPort(const PushConnection& connection, Work work) {
-    const std::string appId = connection.appId();
+    const std::string& appId = connection.appId();
     const QuilPort& port = connection.session().getPort();
     QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Port %d receiving data for App id [%s]",
              port.getPort(), appId.c_str());
@@ -166,6 +166,13 @@ void SetAsideConnections::makeRoomFor(const PushConnection& newcomer) {
     } else if (!m_connections.empty() && m_connections.size() >= mostInAll()) {
         closeSilent(longestSilent(nullptr));
     }
+}
+
+void SetAsideConnections::postpone(Clock::duration time) {
+    for (const auto& entry : m_connections) {
+        entry.second->postpone(time);
+    }
+    setTimer();
 }
 
 void SetAsideConnections::wakeAt(Clock::time_point moment) {

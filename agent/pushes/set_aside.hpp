@@ -31,6 +31,8 @@ class SetAsideConnections {
     void add(std::unique_ptr<PushConnection> connection);
     // Goes on with a bounded number of those whose bytes came, and closes those whose time is up.
     void serve();
+    // Moves all deadlines by a time in which nobody could see to the connections.
+    void postpone(PushConnection::Clock::duration time);
     // Closes the connection that has been silent longest, to make room. False when there is none.
     bool closeLongestSilent();
 

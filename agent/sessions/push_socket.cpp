@@ -17,7 +17,7 @@ QuilPushSocket::QuilPushSocket(std::string pushId, int socket)
 QuilPushSocket::~QuilPushSocket() {
     if (m_socket != -1 && close(m_socket) != 0) {
         QUIL_LOG(LOG_LEVEL_ERROR, "pushId[%s]: Error closing socket[%d]", m_pushId.c_str(),
-                 m_socket);
+                 m_socket.load());
     }
 }
 

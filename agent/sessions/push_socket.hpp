@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <optional>
 #include <string>
@@ -26,5 +27,6 @@ class QuilPushSocket {
 
   private:
     std::string m_pushId;
-    int m_socket;  // -1 for none
+    // -1 for none. Whoever holds the object may be sending on it while it is given up.
+    std::atomic<int> m_socket;
 };

@@ -312,10 +312,16 @@ int QuilSession::addPushSocket(const std::string& pushId, int socket) {
         const QuilLock pushLock(m_pushSocketLock);
         makeRoomForPushSocket(pushId);
         if (m_pushSockets.count(pushId) == 0) {
-            // A number that stays without its connection, for want of memory, does no harm.
             const std::uint64_t number = ++m_lastPushSocketNumber;
-            m_pushIdsByAge.emplace_hint(m_pushIdsByAge.end(), number, pushId);
-            m_pushSockets.emplace(pushId, KeptPushSocket{pushSocket, number});
+            const auto age = m_pushSocketsByAge.emplace_hint(m_pushSocketsByAge.end(), number,
+                                                             m_pushSockets.end());
+            try {
+                age->second =
+                    m_pushSockets.emplace(pushId, KeptPushSocket{pushSocket, number}).first;
+            } catch (...) {
+                m_pushSocketsByAge.erase(age);
+                throw;
+            }
             m_pushSocketCount = static_cast<int>(m_pushSockets.size());
             result = 1;
         }
@@ -338,22 +344,30 @@ void QuilSession::makeRoomForPushSocket(const std::string& pushId) {
     if (held != m_pushSockets.end() && isDead(*held->second.socket)) {
         erasePushSocket(held);
     }
-    while (m_pushSockets.size() >= mostPushSockets() && !m_pushIdsByAge.empty()) {
-        const auto oldest = m_pushSockets.find(m_pushIdsByAge.begin()->second);
-        if (oldest == m_pushSockets.end() ||
-            oldest->second.number != m_pushIdsByAge.begin()->first) {
-            m_pushIdsByAge.erase(m_pushIdsByAge.begin());
-            continue;
-        }
-        QUIL_LOG(LOG_LEVEL_WARNING,
-                 "QuilSession::addPushSocket: oldest push id[%s] given up: %d wait for an answer",
-                 oldest->first.c_str(), static_cast<int>(m_pushSockets.size()));
-        erasePushSocket(oldest);
+    while (m_pushSockets.size() >= mostPushSockets() && giveUpOldest()) {
     }
 }
 
+bool QuilSession::giveUpOldest() {
+    if (m_pushSocketsByAge.empty()) {
+        return false;
+    }
+    const auto oldest = m_pushSocketsByAge.begin()->second;
+    QUIL_LOG(LOG_LEVEL_WARNING,
+             "QuilSession::addPushSocket: oldest push id[%s] given up: %d wait for an answer",
+             oldest->first.c_str(), static_cast<int>(m_pushSockets.size()));
+    erasePushSocket(oldest);
+    return true;
+}
+
+bool QuilSession::giveUpOldestPushSocket() {
+    const Lock lock(m_lock);
+    const QuilLock pushLock(m_pushSocketLock);
+    return giveUpOldest();
+}
+
 QuilSession::PushSockets::iterator QuilSession::erasePushSocket(PushSockets::iterator kept) {
-    m_pushIdsByAge.erase(kept->second.number);
+    m_pushSocketsByAge.erase(kept->second.number);
     const auto next = m_pushSockets.erase(kept);
     m_pushSocketCount = static_cast<int>(m_pushSockets.size());
     return next;
@@ -410,14 +424,16 @@ void QuilSession::deletePushSocket(const std::string& pushId) {
     }
 }
 
-void QuilSession::giveBackPushSocket(const std::string& pushId) {
+bool QuilSession::giveBackPushSocket(const std::string& pushId, int socket) {
     const Lock lock(m_lock);
     const QuilLock pushLock(m_pushSocketLock);
     const auto found = m_pushSockets.find(pushId);
-    if (found != m_pushSockets.end()) {
-        found->second.socket->release();
-        erasePushSocket(found);
+    if (found == m_pushSockets.end() || found->second.socket->getSocket() != socket) {
+        return false;
     }
+    found->second.socket->release();
+    erasePushSocket(found);
+    return true;
 }
 
 void QuilSession::acknowledgePush(const std::string& pushId, bool sendAck) {

@@ -112,8 +112,12 @@ class QuilSession {
     std::shared_ptr<QuilPushSocket> getPushSocket(const std::string& pushId) const;
     // Closes and forgets the connection kept under the id.
     void deletePushSocket(const std::string& pushId);
-    // Forgets the connection kept under the id without closing it: the caller owns it again.
-    void giveBackPushSocket(const std::string& pushId);
+    int countPushSockets() const { return m_pushSocketCount; }
+    // Closes the connection that has been kept longest. False when there is none.
+    bool giveUpOldestPushSocket();
+    // Forgets the connection kept under the id without closing it: the caller owns it again. False
+    // when it is not `socket` that is kept there, which then belongs to nobody any more.
+    bool giveBackPushSocket(const std::string& pushId, int socket);
     // The application's answer: writes the acknowledgement when `sendAck`, then closes the
     // connection.
     void acknowledgePush(const std::string& pushId, bool sendAck);
@@ -140,9 +144,10 @@ class QuilSession {
 
     PushSockets::iterator erasePushSocket(PushSockets::iterator kept) REQUIRES(m_pushSocketLock);
     void makeRoomForPushSocket(const std::string& pushId) REQUIRES(m_pushSocketLock);
+    bool giveUpOldest() REQUIRES(m_pushSocketLock);
 
     PushSockets m_pushSockets GUARDED_BY(m_pushSocketLock);
-    std::map<std::uint64_t, std::string> m_pushIdsByAge GUARDED_BY(m_pushSocketLock);
+    std::map<std::uint64_t, PushSockets::iterator> m_pushSocketsByAge GUARDED_BY(m_pushSocketLock);
     std::uint64_t m_lastPushSocketNumber GUARDED_BY(m_pushSocketLock) = 0;
     // Size of the map, for lines that are logged without its lock.
     std::atomic<int> m_pushSocketCount{0};

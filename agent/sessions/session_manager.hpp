@@ -77,7 +77,10 @@ class QuilSessionManager {
     // Lets go of all sessions' kept push connections whose sender hung up
     // (QuilSession::letGoOfDeadPushSockets). Gives how many.
     int letGoOfDeadPushSockets();
-    // The same, once a second at the most; for every push that comes.
+    // Closes the oldest kept push connection of the session that has most of them. False when there
+    // is none.
+    bool giveUpOldestPushSocket();
+    // letGoOfDeadPushSockets, once a second at the most; for every push that comes.
     void lookForDeadPushSockets();
 
     // The ports of all sessions that are registered and have one; without memory for a new list,

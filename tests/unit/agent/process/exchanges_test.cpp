@@ -381,3 +381,77 @@ TEST_F(Exchanges, ReplyToAClientOfTheServiceBeforeGoesToNobody) {
     EXPECT_TRUE(waitUntilTold("b:1 ")) << told();
     EXPECT_TRUE(wasLogged(5, "Wrote -1 bytes to pps."));
 }
+
+// The second exchange of an application is with another server, and must not count against the
+// first.
+TEST_F(Exchanges, EachExchangeCountsForItsOwnServer) {
+    HoldingServer dead;
+    HoldingServer good;
+    good.release();
+    for (int i = 0; i < 4; ++i) {
+        const std::string appId = "app" + std::to_string(i);
+        beginExchange(appId, good.url(), "1");
+        beginExchange(appId, dead.url(), "2");
+    }
+    ASSERT_TRUE(waitUntil([&] { return dead.countHeld() == 4; }));
+    beginExchange("b", good.url());
+    EXPECT_TRUE(waitUntil([this] { return told().find("b:c ") != std::string::npos; })) << told();
+}
+
+// The application comes back in the moment in which its push is about to be parked.
+TEST_F(Exchanges, ApplicationThatReturnsWhileAPushIsBeingParkedIsAnsweredAndGetsIt) {
+    HoldingServer server;
+    beginExchange("a", server.url());
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
+    QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId("a");
+    const std::string bytes = "POST /\r\nPush-Message-ID:m1\r\n\r\nhello";
+    auto message = std::make_unique<QuilPushMessage>("a", "@ipc.a");
+    message->setPayload(bytes.data(), static_cast<int>(bytes.size()));
+    push(5, std::move(message));
+    addSession("b");
+    pushReply("b", "1");
+    ASSERT_TRUE(waitUntilTold("b:1 ")) << told();
+    putIntoState(*session, STATE_REGISTER);
+    QuilSessionManager::getInstance()->forgetClients();
+    endServiceLife();
+    {
+        // The copy of the push goes when it could not be addressed.
+        const LogGate gate("freeHttpHeaders: name [Push-Message-ID] value[m1]");
+        server.release();
+        ASSERT_TRUE(gate.waitUntilHeld());
+        session->setClientObjectId("@ipc.z");
+        push(1, std::make_unique<QuilCreateSessionCompleteMessage>("a", "s", "@ipc.z"));
+        addSession("c");
+        pushReply("c", "1");
+        ASSERT_TRUE(waitUntil([this] { return told().find("c:1 ") != std::string::npos; }));
+    }
+    EXPECT_TRUE(waitUntil([this] { return told().find("z:s z:m1 ") != std::string::npos; }))
+        << told();
+}
+
+TEST_F(Exchanges, ReturningApplicationNeedsNoThreadForWhatWasParked) {
+    HoldingServer dead[4];
+    for (int i = 0; i < 16; ++i) {
+        beginExchange("app" + std::to_string(i), dead[i % 4].url());
+    }
+    ASSERT_TRUE(waitUntil([&] {
+        return dead[0].countHeld() + dead[1].countHeld() + dead[2].countHeld() +
+                   dead[3].countHeld() >=
+               12;
+    }));
+    addSession("a");
+    QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId("a");
+    putIntoState(*session, STATE_REGISTER);
+    auto message = std::make_unique<QuilPushMessage>("a", "@ipc.a");
+    const std::string bytes = "POST /\r\nPush-Message-ID:m1\r\n\r\nhello";
+    message->setPayload(bytes.data(), static_cast<int>(bytes.size()));
+    QuilSessionManager::getInstance()->forgetClients();
+    endServiceLife();
+    push(5, std::move(message));
+    session->setClientObjectId("@ipc.z");
+    push(1, std::make_unique<QuilCreateSessionCompleteMessage>("a", "s", "@ipc.z"));
+    EXPECT_TRUE(waitUntil([this] {
+        const std::string all = told();
+        return all.find("z:s ") != std::string::npos && all.find("z:m1 ") != std::string::npos;
+    })) << told();
+}

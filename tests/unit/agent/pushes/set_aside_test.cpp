@@ -246,3 +246,37 @@ TEST_F(HurriedSetAside, WantOfDescriptorsTakesTheConnectionsOfDeadSendersBeforeA
     EXPECT_NE(m_session->getPushSocket("patient"), nullptr);
     EXPECT_EQ(countSetAsideConnections(), 1);
 }
+
+// Nobody is dead and nobody is silent: whoever has waited for an answer longest is missed least.
+TEST_F(SetAside, WantOfDescriptorsTakesTheOldestUnansweredPushLast) {
+    const FileLimit limit(400);
+    const Peer patient(portNumber());
+    patient.send(kExample);
+    accept();
+    const auto push = QuilMessageManager::getInstance()->pop();
+    auto& message = dynamic_cast<QuilPushMessage&>(*push->getMessage());
+    ASSERT_EQ(m_session->addPushSocket("patient", message.getSocket()), 1);
+    const Peer sender(portNumber());
+    sender.send(kExample);
+    ASSERT_TRUE(hasWaitingConnection(10));
+    std::vector<std::unique_ptr<OwnedSocket>> allOthers;
+    while (lowestFreeDescriptor() != -1) {
+        allOthers.push_back(std::make_unique<OwnedSocket>(open("/dev/null", O_RDONLY)));
+    }
+    clearRecordedLines();
+    serverIfProcessData(&m_session->getPort());
+    EXPECT_TRUE(wasLogged(6, "QuilMessageManager::push: return_code = 1")) << recordedText();
+    EXPECT_EQ(m_session->getPushSocket("patient"), nullptr);
+    EXPECT_TRUE(patient.seesClose());
+}
+
+TEST_F(HurriedSetAside, TimeInWhichNobodyCouldSeeToItDoesNotCount) {
+    const Peer sender(portNumber());
+    ASSERT_TRUE(hasWaitingConnection(10));
+    serverIfProcessData(&m_session->getPort());
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    sender.send(kExample);
+    postponePushIntake(std::chrono::milliseconds(1100));
+    ASSERT_TRUE(serveOnce(5));
+    EXPECT_NE(takePush(), nullptr);
+}

@@ -165,8 +165,7 @@ TEST_F(PushSockets, OutOfMemoryWhileAddingClosesTheConnection) {
             ASSERT_TRUE(wasLogged(6, "QuilSession::addPushSocket: return_code = 0"));
         }
     }
-    EXPECT_EQ(failures, 4)
-        << "three copies of the id are made: with the connection, as the key, and by age";
+    EXPECT_EQ(failures, 3) << "two copies of the id are made: one kept, one as the key";
     m_session.deletePushSocket(pushId);
 }
 
@@ -470,4 +469,17 @@ TEST_F(DeadPushSockets, BeyondHalfOfTheDescriptorsTheOldestIsGivenUp) {
     EXPECT_TRUE(wasLogged(
         3, "QuilSession::addPushSocket: oldest push id[p0] given up: 30 wait for an answer"))
         << recordedText();
+}
+
+TEST_F(PushSockets, ConnectionIsGivenBackOnlyAsLongAsItIsTheOneThatIsKept) {
+    Connected first;
+    const int number_ = first.here;
+    keep("p1", &first);
+    EXPECT_FALSE(m_session.giveBackPushSocket("p1", number_ + 1));
+    EXPECT_FALSE(m_session.giveBackPushSocket("p2", number_));
+    EXPECT_TRUE(m_session.giveBackPushSocket("p1", number_));
+    EXPECT_TRUE(isOpen(number_));
+    EXPECT_EQ(m_session.getPushSocket("p1"), nullptr);
+    EXPECT_FALSE(m_session.giveBackPushSocket("p1", number_));
+    close(number_);
 }
