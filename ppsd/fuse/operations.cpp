@@ -52,8 +52,9 @@ Store::Owner callerOf(fuse_req_t request) {
     return {caller->uid, caller->gid};
 }
 
-Store::Access accessOf(int flags) {
-    return {(flags & O_ACCMODE) != O_WRONLY, (flags & O_TRUNC) != 0};
+Store::Access accessOf(fuse_req_t request, int flags) {
+    const fuse_ctx* caller = fuse_req_ctx(request);
+    return {(flags & O_ACCMODE) != O_WRONLY, (flags & O_TRUNC) != 0, {caller->uid, caller->pid}};
 }
 
 // A name on which options make no sense.
@@ -262,8 +263,9 @@ void Operations::open(fuse_req_t request, fuse_ino_t inode, int flags) {
     const Inode* found = find(inode);
     std::shared_ptr<Node> node = found == nullptr ? nullptr : found->node;
     std::unique_ptr<OpenFile> file;
-    const int error =
-        node == nullptr ? ENOENT : m_store.open(node, found->options, accessOf(flags), file);
+    const int error = node == nullptr
+                          ? ENOENT
+                          : m_store.open(node, found->options, accessOf(request, flags), file);
     if (error != 0) {
         fuse_reply_err(request, error);
         return;
@@ -283,8 +285,8 @@ void Operations::create(fuse_req_t request, fuse_ino_t folder, const char* name,
     std::unique_ptr<OpenFile> file;
     int error = parent == nullptr ? ENOENT : parseObjectName(name, parsed);
     if (error == 0) {
-        error =
-            m_store.create(*parent, parsed, callerOf(request), mode, accessOf(flags), node, file);
+        error = m_store.create(*parent, parsed, callerOf(request), mode, accessOf(request, flags),
+                               node, file);
     }
     if (error == EEXIST && (flags & O_EXCL) == 0) {
         error = ESTALE;  // it came into being just now: the kernel looks it up once more

@@ -2,8 +2,13 @@
 // broadcast puts one string into every client's queue. Every queue operation costs the same however
 // long the queue is.
 //
-// A broadcast is one write and so obeys the rule of all writes: when one of the clients has no
-// room, it fails and nobody gets it. The server may then address the others one by one.
+// A client that opens and closes before the server has heard of it, and says nothing, takes its
+// notice with it: an application that opens and closes in a storm leaves what was read of it and
+// nothing more.
+//
+// A broadcast goes to those who have room. The others have missed a message of a stream, which
+// would look whole to them, so they are hung up on: they read what is queued, then the end, and may
+// open again. To the server they have closed.
 
 #include "ppsd/store/channel.hpp"
 
@@ -35,6 +40,7 @@ void Channel::attachServer(ServerFile& server) {
 void Channel::detachServer() {
     m_server = nullptr;
     m_pending.clear();
+    m_departedBytes.clear();
     const auto notice = std::make_shared<const std::string>("-@" + m_name + "\n");
     for (const auto& [id, client] : m_clients) {
         client->m_ended = true;
@@ -45,28 +51,57 @@ void Channel::detachServer() {
 
 void Channel::attachClient(ClientFile& client) {
     m_clients.emplace(client.m_id, &client);
-    addNotice('+', client.m_id);
+    addPending(client, nullptr, '+');
 }
 
 void Channel::detachClient(ClientFile& client) {
-    m_clients.erase(client.m_id);
-    m_departedBytes += client.m_bytesAtServer;
-    addNotice('-', client.m_id);
+    if (m_clients.erase(client.m_id) == 0 || m_server == nullptr) {
+        return;
+    }
+    bool isUnknown = false;
+    changeBacklog(client, [&](Backlog& backlog) {
+        isUnknown = backlog.isOpeningAlone();
+        if (isUnknown) {
+            backlog.clear();
+        }
+    });
+    if (!isUnknown) {
+        m_departedBytes[client.m_opener.user] += client.m_bytesAtServer + kDepartedClientBytes;
+        addPending(client, nullptr, '-');
+    }
+}
+
+void Channel::hangUp(ClientFile& client) {
+    detachClient(client);
+    client.m_ended = true;
+    m_listener.readinessChanged(client);
 }
 
 std::string Channel::tagOf(std::uint64_t client) const {
     return "@" + m_name + "." + std::to_string(client) + "\n";
 }
 
-void Channel::addNotice(char sign, std::uint64_t client) {
-    addPending({client, nullptr, sign});
+Channel::Pending Channel::Backlog::take() {
+    Pending first = std::move(m_items.front());
+    m_items.pop_front();
+    return first;
 }
 
-void Channel::addPending(Pending message) {
+template <typename Action>
+void Channel::changeBacklog(const ClientFile& client, Action action) {
+    m_pending.change(client.m_opener.user, [&](auto& processes) {
+        processes.change(client.m_opener.process,
+                         [&](auto& clients) { clients.change(client.m_id, action); });
+    });
+}
+
+void Channel::addPending(const ClientFile& from, std::unique_ptr<std::string> text, char sign) {
     if (m_server == nullptr) {
         return;
     }
-    m_pending.push_back(std::move(message));
+    changeBacklog(from, [&](Backlog& backlog) {
+        backlog.add({from.m_id, std::move(text), from.m_opener.user, sign});
+    });
     m_listener.readinessChanged(*m_server);
 }
 
@@ -74,19 +109,31 @@ std::string Channel::takePending() {
     if (m_pending.empty()) {
         return {};
     }
-    Pending message = std::move(m_pending.front());
-    m_pending.pop_front();
-    if (message.text == nullptr) {
-        return message.sign + tagOf(message.client);
+    Pending read = m_pending.take();
+    giveBack(read);
+    return read.text == nullptr ? read.sign + tagOf(read.client) : std::move(*read.text);
+}
+
+// The room that `read` took until now.
+void Channel::giveBack(const Pending& read) {
+    const auto client = m_clients.find(read.client);
+    if (client != m_clients.end()) {
+        client->second->m_bytesAtServer -= read.text == nullptr ? 0 : read.text->size();
+        return;
     }
-    const auto client = m_clients.find(message.client);
-    (client == m_clients.end() ? m_departedBytes : client->second->m_bytesAtServer) -=
-        message.text->size();
-    return std::move(*message.text);
+    const auto departed = m_departedBytes.find(read.user);
+    if (read.text != nullptr) {
+        departed->second -= read.text->size();
+    } else if (read.sign == '-') {
+        departed->second -= kDepartedClientBytes;
+    }
+    if (departed->second == 0) {
+        m_departedBytes.erase(departed);
+    }
 }
 
 int Channel::sendToServer(ClientFile& from, std::string_view text) {
-    if (m_server == nullptr) {
+    if (m_server == nullptr || from.m_ended) {
         return EPIPE;
     }
     if (text.size() > kMessageMaxBytes) {
@@ -99,12 +146,13 @@ int Channel::sendToServer(ClientFile& from, std::string_view text) {
     }
     std::string message = tagOf(from.m_id);
     appendLines(message, lines);
+    const auto departed = m_departedBytes.find(from.m_opener.user);
     if (from.m_bytesAtServer + message.size() > kServerQueuePerClientMaxBytes ||
-        m_departedBytes > kServerQueueDepartedMaxBytes) {
+        (departed != m_departedBytes.end() && departed->second > kServerQueueDepartedMaxBytes)) {
         return ENOBUFS;
     }
     from.m_bytesAtServer += message.size();
-    addPending({from.m_id, std::make_unique<std::string>(std::move(message))});
+    addPending(from, std::make_unique<std::string>(std::move(message)), 0);
     return 0;
 }
 
@@ -153,27 +201,37 @@ int Channel::sendToClients(std::string_view text) {
     if (error != 0) {
         return error;
     }
-    std::vector<ClientFile*> receivers;
-    if (toOne && receiver != nullptr) {
-        receivers.push_back(receiver);
-    } else if (!toOne) {
-        for (const auto& [id, client] : m_clients) {
-            receivers.push_back(client);
-        }
-    }
     std::string content = "@" + m_name + "\n";
     appendLines(content, lines);
     const auto message = std::make_shared<const std::string>(std::move(content));
-    for (const ClientFile* client : receivers) {
-        if (!client->hasRoomFor(message->size())) {
-            return ENOBUFS;
-        }
+    if (!toOne) {
+        sendToAll(message);
+        return 0;
     }
-    for (ClientFile* client : receivers) {
+    if (receiver == nullptr) {
+        return 0;
+    }
+    if (!receiver->hasRoomFor(message->size())) {
+        return ENOBUFS;
+    }
+    receiver->enqueue(message);
+    m_listener.readinessChanged(*receiver);
+    return 0;
+}
+
+void Channel::sendToAll(const std::shared_ptr<const std::string>& message) {
+    std::vector<ClientFile*> full;
+    for (const auto& [id, client] : m_clients) {
+        if (!client->hasRoomFor(message->size())) {
+            full.push_back(client);
+            continue;
+        }
         client->enqueue(message);
         m_listener.readinessChanged(*client);
     }
-    return 0;
+    for (ClientFile* client : full) {
+        hangUp(*client);
+    }
 }
 
 ServerFile::ServerFile(std::shared_ptr<Channel> channel, OpenOptions options,
@@ -205,8 +263,8 @@ Readiness ServerFile::readiness() const {
 }
 
 ClientFile::ClientFile(std::shared_ptr<Channel> channel, OpenOptions options, std::uint64_t id,
-                       bool reads)
-    : OpenFile(options), m_channel(std::move(channel)), m_id(id), m_reads(reads) {
+                       Opener opener, bool reads)
+    : OpenFile(options), m_channel(std::move(channel)), m_id(id), m_opener(opener), m_reads(reads) {
     m_channel->attachClient(*this);
 }
 

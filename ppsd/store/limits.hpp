@@ -25,9 +25,13 @@ inline constexpr std::size_t kClientQueueMaxBytes = 1024 * 1024;
 // Messages of one connected client that wait for the server.
 inline constexpr std::size_t kServerQueuePerClientMaxBytes = 1024 * 1024;
 
-// Messages of clients that closed before the server read them, all of them together. Keeps a client
-// that writes, closes and opens again in a circle from passing the bound above.
+// Messages of clients of one user that closed before the server read them, all of them together.
+// Keeps a client that writes, closes and opens again in a circle from passing the bound above.
 inline constexpr std::size_t kServerQueueDepartedMaxBytes = 64 * 1024 * 1024;
+
+// What such a client counts for beside its messages, which can be small: its place among those who
+// have a turn, and its closing.
+inline constexpr std::size_t kDepartedClientBytes = 512;
 
 // What st_blksize says: programs that size their buffer by it take any message whole.
 inline constexpr std::size_t kPreferredBlockBytes = 512 * 1024;

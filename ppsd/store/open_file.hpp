@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -10,6 +12,12 @@
 #include "ppsd/store/object_name.hpp"
 
 class OpenFile;
+
+// Who opened a file, as the kernel tells it: of a process with several threads, the one that did.
+struct Opener {
+    uid_t user = 0;
+    pid_t process = 0;
+};
 
 // Told when the readiness of an open file may have risen: it became readable, or was hung up. The
 // call comes from within an operation on another file, so it must note the fact and return; it must

@@ -123,7 +123,8 @@ int Store::open(std::shared_ptr<Node>& node, OpenOptions options, Access access,
             return ENOENT;
         }
         const auto served = std::static_pointer_cast<ServedNode>(node);
-        file = std::make_unique<ClientFile>(served->channel, options, m_nextClient++, access.reads);
+        file = std::make_unique<ClientFile>(served->channel, options, m_nextClient++, access.opener,
+                                            access.reads);
         return 0;
     }
     if (!options.server) {

@@ -27,6 +27,7 @@ class Store {
     struct Access {
         bool reads = true;
         bool truncates = false;
+        Opener opener = {};
     };
 
     struct ListEntry {

@@ -98,10 +98,78 @@ struct ModelChannel {
         std::string text;
         std::uint64_t client;
         bool isMessage;
+        Opener opener;
     };
+    // In which order users, their processes and the clients of these have a turn; by key of whose
+    // turn it is part.
+    using Ring = std::vector<std::uint64_t>;
+
     std::string name;
     bool hasServer = true;
-    std::deque<Pending> pending;
+    std::vector<Pending> pending;  // as they came
+    std::map<std::string, Ring> rings;
+
+    static std::string keyOf(Opener opener) {
+        return std::to_string(opener.user) + "." + std::to_string(opener.process);
+    }
+
+    void add(const Pending& item) {
+        pending.push_back(item);
+        const auto join = [](Ring& ring, std::uint64_t who) {
+            if (std::find(ring.begin(), ring.end(), who) == ring.end()) {
+                ring.push_back(who);
+            }
+        };
+        join(rings["users"], item.opener.user);
+        join(rings[std::to_string(item.opener.user)],
+             static_cast<std::uint64_t>(item.opener.process));
+        join(rings[keyOf(item.opener)], item.client);
+    }
+
+    // Takes away what is at `index`; those who have nothing more lose their places, and the others
+    // stay, or go to the end after a turn.
+    Pending take(std::size_t index, bool isTurn) {
+        const Pending item = pending[index];
+        pending.erase(pending.begin() + static_cast<std::ptrdiff_t>(index));
+        const auto pass = [&](Ring& ring, std::uint64_t who, auto isSame) {
+            const bool stays = std::any_of(pending.begin(), pending.end(), isSame);
+            if (isTurn || !stays) {
+                std::erase(ring, who);
+            }
+            if (isTurn && stays) {
+                ring.push_back(who);
+            }
+        };
+        const Opener by = item.opener;
+        pass(rings["users"], by.user, [&](const Pending& p) { return p.opener.user == by.user; });
+        pass(rings[std::to_string(by.user)], static_cast<std::uint64_t>(by.process),
+             [&](const Pending& p) { return keyOf(p.opener) == keyOf(by); });
+        pass(rings[keyOf(by)], item.client,
+             [&](const Pending& p) { return p.client == item.client; });
+        return item;
+    }
+
+    Pending takeNext() {
+        const auto user = static_cast<uid_t>(rings["users"].front());
+        const auto process = static_cast<pid_t>(rings[std::to_string(user)].front());
+        const std::uint64_t client = rings[keyOf({user, process})].front();
+        const auto next = std::find_if(pending.begin(), pending.end(),
+                                       [&](const Pending& p) { return p.client == client; });
+        return take(static_cast<std::size_t>(next - pending.begin()), true);
+    }
+
+    // What a client leaves that is gone.
+    void leave(std::uint64_t client, const Pending& notice) {
+        const auto isItsOwn = [&](const Pending& p) { return p.client == client; };
+        const auto first = std::find_if(pending.begin(), pending.end(), isItsOwn);
+        if (first != pending.end() && first->text[0] == '+' &&
+            std::count_if(pending.begin(), pending.end(), isItsOwn) == 1) {
+            take(static_cast<std::size_t>(first - pending.begin()), false);
+        } else if (hasServer) {
+            add(notice);
+        }
+    }
+
     std::map<std::uint64_t, ModelFile*> clients;
 };
 
@@ -115,6 +183,7 @@ struct ModelFile {
     // An end of a channel.
     std::shared_ptr<ModelChannel> channel;
     std::uint64_t client = 0;  // 0 for the server
+    Opener opener;
     bool reads = true;
     std::deque<std::string> queue;
     std::size_t queuedBytes = 0;
@@ -180,6 +249,7 @@ class Model {
              ModelFile& file) {
         file.options = options;
         file.reads = access.reads;
+        file.opener = access.opener;
         if (node->kind == ModelNode::kFolder) {
             return EISDIR;
         }
@@ -190,7 +260,7 @@ class Model {
             file.channel = node->channel;
             file.client = nextClient++;
             file.channel->clients[file.client] = &file;
-            tellServer(*file.channel, {"+" + tag(file), file.client, false});
+            tellServer(*file.channel, {"+" + tag(file), file.client, false, file.opener});
             return 0;
         }
         const bool isServed = node->folder != nullptr && node->folder->served.contains(node->name);
@@ -325,8 +395,7 @@ class Model {
             if (file.channel->pending.empty()) {
                 return ReadOutcome::kNothing;
             }
-            const ModelChannel::Pending first = file.channel->pending.front();
-            file.channel->pending.pop_front();
+            const ModelChannel::Pending first = file.channel->takeNext();
             const auto sender = file.channel->clients.find(first.client);
             if (first.isMessage && sender != file.channel->clients.end()) {
                 sender->second->bytesAtServer -= first.text.size();
@@ -354,14 +423,14 @@ class Model {
         }
         ModelChannel& channel = *file.channel;
         if (file.client != 0) {
-            channel.clients.erase(file.client);
-            tellServer(channel, {"-" + tag(file), file.client, false});
+            depart(file);
             return;
         }
         file.node->folder->served.erase(file.node->name);
         file.node->folder = nullptr;
         channel.hasServer = false;
         channel.pending.clear();
+        channel.rings.clear();
         for (const auto& [id, client] : channel.clients) {
             enqueue(*client, "-@" + channel.name + "\n");
             client->isEnded = true;
@@ -389,7 +458,14 @@ class Model {
 
     static void tellServer(ModelChannel& channel, const ModelChannel::Pending& pending) {
         if (channel.hasServer) {
-            channel.pending.push_back(pending);
+            channel.add(pending);
+        }
+    }
+
+    static void depart(ModelFile& client) {
+        if (client.channel->clients.erase(client.client) != 0) {
+            client.channel->leave(client.client,
+                                  {"-" + tag(client), client.client, false, client.opener});
         }
     }
 
@@ -470,7 +546,7 @@ class Model {
 
     static int writeClient(ModelFile& file, const std::vector<Line>& lines, std::size_t bytes,
                            bool isTorn) {
-        if (!file.channel->hasServer) {
+        if (!file.channel->hasServer || file.isEnded) {
             return EPIPE;
         }
         if (bytes > kMessageMaxBytes) {
@@ -484,7 +560,7 @@ class Model {
             return ENOBUFS;
         }
         file.bytesAtServer += message.size();
-        tellServer(*file.channel, {message, file.client, true});
+        tellServer(*file.channel, {message, file.client, true, file.opener});
         return 0;
     }
 
@@ -495,6 +571,7 @@ class Model {
         }
         std::vector<Line> message = lines;
         std::map<std::uint64_t, ModelFile*> receivers = file.channel->clients;
+        bool isToAll = true;
         // Its first line may say to whom.
         if (!message.empty() && message[0].kind == Line::kObject) {
             const std::string address = message[0].text.substr(1, message[0].text.size() - 2);
@@ -503,6 +580,7 @@ class Model {
                 return EINVAL;
             }
             if (address != name) {
+                isToAll = false;
                 if (address.rfind(name + ".", 0) != 0) {
                     return EINVAL;
                 }
@@ -522,12 +600,14 @@ class Model {
         }
         const std::string text = "@" + file.channel->name + "\n" + messageOf(message);
         for (const auto& [id, client] : receivers) {
-            if (client->reads && client->queuedBytes + text.size() > kClientQueueMaxBytes) {
+            if (!client->reads || client->queuedBytes + text.size() <= kClientQueueMaxBytes) {
+                enqueue(*client, text);
+            } else if (isToAll) {
+                depart(*client);
+                client->isEnded = true;
+            } else {
                 return ENOBUFS;
             }
-        }
-        for (const auto& [id, client] : receivers) {
-            enqueue(*client, text);
         }
         return 0;
     }
@@ -637,7 +717,8 @@ class Run {
     }
     Store::Access pickAccess() {
         const unsigned byte = m_bytes.next();
-        return {byte % 4 != 3, byte % 16 == 4};
+        const Opener opener{byte / 16 % 2, static_cast<pid_t>(byte / 32 % 2)};
+        return {byte % 4 != 3, byte % 16 == 4, opener};
     }
 
     void keep(std::unique_ptr<OpenFile> file, std::unique_ptr<ModelFile> model) {

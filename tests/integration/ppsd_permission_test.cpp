@@ -76,10 +76,8 @@ TEST_F(PpsdPermission, ModeOfAServedObjectHoldsForClients) {
     PpsFile server(path("/ipc?server"), kCreate, 0666);
     chmod(path("/ipc").c_str(), 0600);
     EXPECT_EQ(otherOpens("/ipc", O_RDWR), EACCES);
-    EXPECT_EQ(server.read(), "") << "a refused client is no client";
     chmod(path("/ipc").c_str(), 0666);
     EXPECT_EQ(otherOpens("/ipc", O_RDWR), 0);
-    EXPECT_EQ(server.read().substr(0, 6), "+@ipc.");
 }
 
 TEST_F(PpsdPermission, OwnerOfAServedObjectMayBeChangedAndHolds) {

@@ -190,6 +190,44 @@ TEST_F(PpsdServed, ServerReadsOpeningMessagesAndClosingOneByOneOldestFirst) {
     EXPECT_EQ(server.read(), "");
 }
 
+TEST_F(PpsdServed, SilentClientThatTheServerHasNotHeardOfLeavesNoTrace) {
+    PpsFile server(serverPath(), kServer);
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_EQ(PpsFile(path(), O_RDWR).error(), 0);
+    }
+    EXPECT_EQ(server.events(), POLLOUT);
+    PpsFile client(path(), O_RDWR);
+    const std::string tag = tagOf(server.read());
+    EXPECT_EQ(tag.substr(0, 5), "@ipc.");
+    EXPECT_EQ(server.read(), "");
+    client.shut();
+    EXPECT_EQ(server.read(), "-" + tag + "\n") << "the server has heard of it";
+}
+
+TEST_F(PpsdServed, StormOfOneProcessDelaysAnotherByOneMessageAtATime) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile quiet(path(), O_RDWR);
+    const std::string tag = tagOf(server.read());
+    const pid_t storm = fork();
+    if (storm == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        PpsFile loud(path(), O_RDWR);
+        for (int i = 0; i < 1000; ++i) {
+            loud.write("storm::1\n");
+            PpsFile(path(), O_RDWR).write("storm::2\n");
+        }
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(storm, &status, 0);
+    ASSERT_EQ(status, 0);
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_EQ(quiet.write("quiet::1\n"), 0);
+        EXPECT_NE(server.read(), tag + "\nquiet::1\n");
+        EXPECT_EQ(server.read(), tag + "\nquiet::1\n") << "round " << round;
+    }
+}
+
 TEST_F(PpsdServed, ConnectionIdsAreDecimalAndNeverUsedTwice) {
     std::set<std::string> tags;
     for (int round = 0; round < 3; ++round) {

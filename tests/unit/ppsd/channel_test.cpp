@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <vector>
 
@@ -23,7 +24,10 @@ class ChannelTest : public ::testing::Test {
         : server(std::make_unique<ServerFile>(channel, OpenOptions{}, [this] { ++closed; })) {}
 
     std::unique_ptr<ClientFile> client(std::uint64_t id, bool reads = true) {
-        return std::make_unique<ClientFile>(channel, OpenOptions{}, id, reads);
+        return std::make_unique<ClientFile>(channel, OpenOptions{}, id, Opener{}, reads);
+    }
+    std::unique_ptr<ClientFile> clientOf(Opener opener, std::uint64_t id) {
+        return std::make_unique<ClientFile>(channel, OpenOptions{}, id, opener, true);
     }
 
     // What a read gives: the bytes, "nothing" or "end".
@@ -33,6 +37,20 @@ class ChannelTest : public ::testing::Test {
         return outcome == ReadOutcome::kBytes ? bytes
                : outcome == ReadOutcome::kEnd ? "end"
                                               : "nothing";
+    }
+
+    // The next so many messages for the server, without their lines: "+1", "1", "-1".
+    std::string readNext(int count) {
+        std::string all;
+        for (int i = 0; i < count; ++i) {
+            std::string message = read(*server);
+            const std::size_t name = message.find("@ipc.");
+            if (name != std::string::npos) {
+                message.erase(name, sizeof "@ipc." - 1);
+            }
+            all += (all.empty() ? "" : " ") + message.substr(0, message.find('\n'));
+        }
+        return all;
     }
 
     Recorder listener;
@@ -73,7 +91,7 @@ TEST_F(ChannelTest, ServerHasLeftTheTreeWhileItsClientsKnowNothingYet) {
     std::unique_ptr<ClientFile> one;
     std::string atClose;
     server = std::make_unique<ServerFile>(served, OpenOptions{}, [&] { atClose = read(*one); });
-    one = std::make_unique<ClientFile>(served, OpenOptions{}, 1, true);
+    one = std::make_unique<ClientFile>(served, OpenOptions{}, 1, Opener{}, true);
     server.reset();
     EXPECT_EQ(atClose, "nothing");
     EXPECT_EQ(read(*one), "-@ipc\n");
@@ -104,7 +122,7 @@ TEST_F(ChannelTest, ClientMayCloseAfterItsServer) {
 
 TEST_F(ChannelTest, EndNoticeIsNotRefusedByAFullQueue) {
     const auto one = client(1);
-    while (server->write(line(10000)) == 0) {
+    while (server->write("@ipc.1\n" + line(10000)) == 0) {
     }
     server.reset();
     std::string last;
@@ -117,9 +135,9 @@ TEST_F(ChannelTest, EndNoticeIsNotRefusedByAFullQueue) {
 TEST_F(ChannelTest, ExactlyTheBoundFitsIntoAClientsQueue) {
     const auto one = client(1);
     const std::size_t objectLine = std::string("@ipc\n").size();
-    const std::size_t quarter = kClientQueueMaxBytes / 4;
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(server->write(line(quarter - objectLine)), 0);
+    const std::size_t part = kClientQueueMaxBytes / 8;
+    for (int i = 0; i < 8; ++i) {
+        EXPECT_EQ(server->write("@ipc.1\n" + line(part - objectLine)), 0);
     }
     EXPECT_EQ(server->write("@ipc.1\n"), ENOBUFS);
 }
@@ -136,12 +154,13 @@ TEST_F(ChannelTest, ExactlyTheBoundOfOneClientFitsIntoTheServersQueue) {
 
 TEST_F(ChannelTest, HalfReadMessageStillTakesItsRoom) {
     const auto one = client(1);
-    while (server->write(line(100000)) == 0) {
+    const std::string message = "@ipc.1\n" + line(100000);
+    while (server->write(message) == 0) {
     }
     read(*one, 50000);
-    EXPECT_EQ(server->write(line(100000)), ENOBUFS);
+    EXPECT_EQ(server->write(message), ENOBUFS);
     read(*one);
-    EXPECT_EQ(server->write(line(100000)), 0);
+    EXPECT_EQ(server->write(message), 0);
 }
 
 TEST_F(ChannelTest, RoomOfADepartedClientComesBackWhenTheServerReads) {
@@ -168,4 +187,154 @@ TEST_F(ChannelTest, MessageWithoutAttributesIsDeliveredAsItsObjectLine) {
     EXPECT_EQ(read(*server), "@ipc.1\n");
     server->write("@ipc\n");
     EXPECT_EQ(read(*one), "@ipc\n");
+}
+
+TEST_F(ChannelTest, ClientsAreServedInTurnAndEachInItsOrder) {
+    auto one = client(1);
+    const auto two = client(2);
+    for (int i = 0; i < 3; ++i) {
+        one->write("a::" + std::to_string(i) + "\n");
+    }
+    two->write("b::0\n");
+    EXPECT_EQ(readNext(2), "+1 +2");
+    EXPECT_EQ(read(*server), "@ipc.1\na::0\n");
+    EXPECT_EQ(read(*server), "@ipc.2\nb::0\n");
+    one.reset();
+    two->write("b::1\n");
+    EXPECT_EQ(read(*server), "@ipc.1\na::1\n");
+    EXPECT_EQ(read(*server), "@ipc.2\nb::1\n");
+    EXPECT_EQ(read(*server), "@ipc.1\na::2\n");
+    EXPECT_EQ(readNext(2), "-1 nothing");
+}
+
+TEST_F(ChannelTest, WhoWritesInAStormDelaysAnotherByOneMessageAtATime) {
+    const auto loud = clientOf({1, 10}, 1);
+    const auto quiet = clientOf({1, 11}, 2);
+    readNext(2);
+    for (int i = 0; i < 1000; ++i) {
+        loud->write("a::1\n");
+    }
+    for (int round = 0; round < 5; ++round) {
+        quiet->write("b::1\n");
+        EXPECT_EQ(readNext(2), "1 2");
+    }
+}
+
+TEST_F(ChannelTest, ManyClientsOfOneProcessShareItsTurn) {
+    std::vector<std::unique_ptr<ClientFile>> storm;
+    for (std::uint64_t id = 100; id < 400; ++id) {
+        storm.push_back(clientOf({1, 10}, id));
+        storm.back()->write("a::1\n");
+    }
+    const auto quiet = clientOf({1, 11}, 2);
+    quiet->write("b::1\n");
+    EXPECT_EQ(readNext(4), "+100 +2 +101 2");
+    storm.clear();
+    EXPECT_EQ(readNext(2), "+102 +103");
+}
+
+TEST_F(ChannelTest, ManyProcessesOfOneUserShareItsTurn) {
+    std::vector<std::unique_ptr<ClientFile>> storm;
+    for (std::uint64_t id = 100; id < 400; ++id) {
+        storm.push_back(clientOf({1, static_cast<pid_t>(id)}, id));
+    }
+    const auto quiet = clientOf({2, 5}, 2);
+    quiet->write("b::1\n");
+    EXPECT_EQ(readNext(5), "+100 +2 +101 2 +102");
+}
+
+TEST_F(ChannelTest, SilentClientThatTheServerHasNotHeardOfLeavesNoTrace) {
+    const auto before = client(1);
+    for (std::uint64_t id = 2; id < 1000; ++id) {
+        client(id);
+    }
+    const auto after = client(1000);
+    EXPECT_EQ(readNext(3), "+1 +1000 nothing");
+    EXPECT_FALSE(channel->hasPending());
+}
+
+TEST_F(ChannelTest, ClientThatTheServerHasHeardOfLeavesItsClosing) {
+    auto one = client(1);
+    EXPECT_EQ(readNext(1), "+1");
+    one.reset();
+    EXPECT_TRUE(channel->hasPending());
+    EXPECT_EQ(readNext(2), "-1 nothing");
+}
+
+TEST_F(ChannelTest, ClientThatWroteLeavesBothNotices) {
+    client(1)->write("a::1\n");
+    EXPECT_EQ(readNext(4), "+1 1 -1 nothing");
+}
+
+TEST_F(ChannelTest, BroadcastHangsUpOnThoseWithoutRoomAndReachesTheOthers) {
+    const auto full = client(1);
+    const auto keen = client(2);
+    readNext(2);
+    const std::string message = line(kMessageMaxBytes - 100);
+    int taken = 0;
+    while (server->write("@ipc.1\n" + message) == 0) {
+        ++taken;
+    }
+    listener.told.clear();
+    EXPECT_EQ(server->write("@ipc\n" + message), 0);
+    EXPECT_EQ(read(*keen), "@ipc\n" + message);
+    EXPECT_EQ(std::count(listener.told.begin(), listener.told.end(), full.get()), 1);
+    EXPECT_TRUE(full->readiness().hungUp);
+    EXPECT_FALSE(keen->readiness().hungUp);
+    EXPECT_EQ(full->write("a::1\n"), EPIPE);
+    EXPECT_EQ(server->write("@ipc.1\na::1\n"), 0) << "dropped, as for a client that is gone";
+    for (int i = 0; i < taken; ++i) {
+        EXPECT_EQ(read(*full), "@ipc\n" + message);
+    }
+    EXPECT_EQ(read(*full), "end");
+}
+
+TEST_F(ChannelTest, HungUpClientHasClosedToTheServerOnceAndBehindItsMessages) {
+    auto full = client(1);
+    readNext(1);
+    while (server->write("@ipc.1\n" + line(kMessageMaxBytes - 100)) == 0) {
+    }
+    full->write("a::1\n");
+    server->write(line(kMessageMaxBytes));
+    EXPECT_EQ(readNext(3), "1 -1 nothing");
+    full.reset();
+    EXPECT_EQ(readNext(1), "nothing");
+}
+
+TEST_F(ChannelTest, HungUpClientReadsNoNoticeWhenTheServerClosesLater) {
+    const auto full = client(1);
+    while (server->write("@ipc.1\n" + line(kMessageMaxBytes - 100)) == 0) {
+    }
+    server->write(line(kMessageMaxBytes));
+    server.reset();
+    std::string last;
+    for (std::string message = read(*full); message != "end"; message = read(*full)) {
+        last = message;
+    }
+    EXPECT_NE(last, "-@ipc\n");
+    EXPECT_FALSE(last.empty());
+}
+
+TEST_F(ChannelTest, WhatOneUsersClientsLeaveTakesNoRoomOfAnother) {
+    const std::string message = line(kMessageMaxBytes);
+    std::uint64_t id = 1;
+    int error = 0;
+    for (; error == 0 && id < 1000; ++id) {
+        error = clientOf({1, 10}, id)->write(message);
+    }
+    EXPECT_EQ(error, ENOBUFS);
+    EXPECT_EQ(clientOf({2, 20}, id)->write(message), 0);
+    while (read(*server) != "nothing") {
+    }
+    EXPECT_EQ(clientOf({1, 10}, id + 1)->write(message), 0) << "room again";
+}
+
+TEST_F(ChannelTest, SmallMessagesOfManyDepartedClientsAreBoundedToo) {
+    std::uint64_t id = 1;
+    int error = 0;
+    for (; error == 0 && id < 1000000; ++id) {
+        error = client(id)->write("a::1\n");
+    }
+    EXPECT_EQ(error, ENOBUFS);
+    EXPECT_LE(id, kServerQueueDepartedMaxBytes / kDepartedClientBytes + 2);
 }
