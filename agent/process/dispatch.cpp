@@ -15,6 +15,7 @@
 #include "agent/pushes/push_delivery.hpp"
 #include "agent/registration/server_registration.hpp"
 #include "agent/requests/request_completion.hpp"
+#include "agent/sessions/session_manager.hpp"
 #include "agent/support/locks.hpp"
 #include "agent/support/log.hpp"
 
@@ -46,6 +47,8 @@ void handleRegistration(QuilBaseMessage* message, bool isRegister) {
     if (request == nullptr) {
         return;
     }
+    // It needs descriptors of its own, which those who are gone may hold.
+    QuilSessionManager::getInstance()->lookForDeadPushSockets();
     if (isRegister) {
         processServerRegister(*request);
         addCreateChannelCompletedMessage(*request);

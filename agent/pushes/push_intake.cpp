@@ -29,7 +29,9 @@ using Clock = PushConnection::Clock;
 
 constexpr std::chrono::milliseconds kPauseAfterShortage{100};
 constexpr std::chrono::seconds kPauseBetweenRefusals{1};
+constexpr int kGivenUpAtOnce = 8;
 constexpr int kReservedDescriptors = 32;
+constexpr rlim_t kDescriptorsToReserveFrom = 1024;
 
 Clock::time_point g_pausedUntil{};
 
@@ -43,12 +45,15 @@ bool isShortage(int error) {
 }
 
 // The last few numbers are for what is not a push: talks with push servers, and the object service
-// when it comes back. Senders may take one now and then, and room is made at once.
+// when it comes back. Senders may take one now and then, and room is made at once. Where there are
+// few descriptors at all, pushes have the numbers that are left, and nothing is reserved.
 int firstReservedDescriptor() {
     static const int first = [] {
         rlimit limit{};
-        const bool isKnown = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur <= INT_MAX;
-        return isKnown ? static_cast<int>(limit.rlim_cur) - kReservedDescriptors : INT_MAX;
+        const bool isLarge = getrlimit(RLIMIT_NOFILE, &limit) == 0 &&
+                             limit.rlim_cur >= kDescriptorsToReserveFrom &&
+                             limit.rlim_cur <= INT_MAX;
+        return isLarge ? static_cast<int>(limit.rlim_cur) - kReservedDescriptors : INT_MAX;
     }();
     return first;
 }
@@ -75,12 +80,19 @@ bool isAllowed(int socket) {
 }
 
 // Gives up what will be missed least: connections of senders that are gone, else the one whose push
-// has been awaited in vain for longest, else one whose answer has. False when there is none of
-// these.
+// has been awaited in vain for longest, else those whose answers have; a few of these, so that
+// something is left for who asks next, which may be a talk with a push server. False when there is
+// none of these.
 bool makeRoom() {
     QuilSessionManager* sessions = QuilSessionManager::getInstance();
-    return sessions->letGoOfDeadPushSockets() > 0 || setAside().closeLongestSilent() ||
-           sessions->giveUpOldestPushSocket();
+    if (sessions->letGoOfDeadPushSockets() > 0 || setAside().closeLongestSilent()) {
+        return true;
+    }
+    int given = 0;
+    while (given < kGivenUpAtOnce && sessions->giveUpOldestPushSocket()) {
+        ++given;
+    }
+    return given > 0;
 }
 
 // Accepts a connection on the session's port. -1 when there is none, which is logged unless the
@@ -92,8 +104,9 @@ int acceptConnection(QuilSession& session) {
     }
     if (socket != -1) {
         socket = moveToHighDescriptor(socket);
-        if (socket >= firstReservedDescriptor()) {
-            makeRoom();
+        QuilSessionManager* sessions = QuilSessionManager::getInstance();
+        if (socket >= firstReservedDescriptor() && sessions->letGoOfDeadPushSockets() == 0) {
+            sessions->giveUpOldestPushSocket();
         }
         return socket;
     }
