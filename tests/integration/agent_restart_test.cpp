@@ -231,3 +231,39 @@ TEST_F(AgentRestart, ChannelAskedForDuringASimChangeStands) {
         return readObject("/pps/services/push/quilagent").find(kApp) != std::string::npos;
     }));
 }
+
+// All of their deregistrations hang, and whoever has nothing to do with them notices nothing.
+TEST_F(AgentRestart, SimChangeOfAHundredSessionsWithADeadServerDisturbsNobodyElse) {
+    const int dead = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);  // connects, and never answers
+    ASSERT_TRUE(bindLoopback(dead));
+    ASSERT_EQ(listen(dead, 128), 0);
+    std::string sessions;
+    for (int i = 0; i < 100; ++i) {
+        sessions +=
+            std::string(sessions.empty() ? "" : ",") + "{\"providerApplicationId\":\"a" +
+            std::to_string(i) +
+            "\",\"ppgUrl\":\"http://127.0.0.1:" + std::to_string(boundPort(dead)) +
+            "\",\"launchString\":\"\",\"token\":\"t\",\"port\":" + std::to_string(freePort()) + "}";
+    }
+    writeObject(
+        "/pps/services/push/quilagent",
+        "version::5.0.0\nimsi::001010000000001\ndat:json:{\"sessions\":[" + sessions + "]}\n");
+    setSim("262019999999999");
+    ASSERT_TRUE(startAgent());
+    ASSERT_TRUE(waitForLog("processSimChange: app id [a99]"));
+    const auto begin = std::chrono::steady_clock::now();
+    const auto client = connect();
+    const std::string app = "com.example.innocent";
+    const int port = createChannel(*client, app);
+    ASSERT_GT(port, 0);
+    for (int i = 0; i < 20; ++i) {
+        const std::string id = "p" + std::to_string(i);
+        const PushSender sender(port);
+        sender.send(makePush(id, "x"));
+        ASSERT_EQ(client->next().id, id);
+        client->request("acceptPush", id, app);
+        ASSERT_TRUE(isAcknowledgement(sender.readToEnd()));
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    close(dead);
+}
