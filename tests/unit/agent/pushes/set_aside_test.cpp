@@ -41,6 +41,15 @@ class HurriedSetAside : public PushListener {
     HurriedSetAside() : PushListener("push-timeout 1\n") {}
 };
 
+// Every descriptor that the limit leaves, held as long as the result lives.
+std::vector<std::unique_ptr<OwnedSocket>> takeAllDescriptors() {
+    std::vector<std::unique_ptr<OwnedSocket>> all;
+    while (lowestFreeDescriptor() != -1) {
+        all.push_back(std::make_unique<OwnedSocket>(open("/dev/null", O_RDONLY)));
+    }
+    return all;
+}
+
 }  // namespace
 
 TEST_F(SetAside, SilentSenderHoldsUpNoPushBehindIt) {
@@ -200,10 +209,7 @@ TEST_F(SetAside, WantOfDescriptorsTakesTheLongestSilentFirst) {
     const Peer sender(portNumber());
     sender.send(kExample);
     ASSERT_TRUE(hasWaitingConnection(10));
-    std::vector<std::unique_ptr<OwnedSocket>> allOthers;
-    while (lowestFreeDescriptor() != -1) {
-        allOthers.push_back(std::make_unique<OwnedSocket>(open("/dev/null", O_RDONLY)));
-    }
+    const auto allOthers = takeAllDescriptors();
     serverIfProcessData(&m_session->getPort());
     EXPECT_FALSE(silent->isOpen());
     EXPECT_NE(takePush(), nullptr);
@@ -235,10 +241,7 @@ TEST_F(HurriedSetAside, WantOfDescriptorsTakesTheConnectionsOfDeadSendersBeforeA
     const Peer sender(portNumber());
     sender.send(kExample);
     ASSERT_TRUE(hasWaitingConnection(10));
-    std::vector<std::unique_ptr<OwnedSocket>> allOthers;
-    while (lowestFreeDescriptor() != -1) {
-        allOthers.push_back(std::make_unique<OwnedSocket>(open("/dev/null", O_RDONLY)));
-    }
+    const auto allOthers = takeAllDescriptors();
     clearRecordedLines();
     serverIfProcessData(&m_session->getPort());
     EXPECT_TRUE(wasLogged(6, "QuilMessageManager::push: return_code = 1")) << recordedText();
@@ -259,10 +262,7 @@ TEST_F(SetAside, WantOfDescriptorsTakesTheOldestUnansweredPushLast) {
     const Peer sender(portNumber());
     sender.send(kExample);
     ASSERT_TRUE(hasWaitingConnection(10));
-    std::vector<std::unique_ptr<OwnedSocket>> allOthers;
-    while (lowestFreeDescriptor() != -1) {
-        allOthers.push_back(std::make_unique<OwnedSocket>(open("/dev/null", O_RDONLY)));
-    }
+    const auto allOthers = takeAllDescriptors();
     clearRecordedLines();
     serverIfProcessData(&m_session->getPort());
     EXPECT_TRUE(wasLogged(6, "QuilMessageManager::push: return_code = 1")) << recordedText();
