@@ -121,6 +121,12 @@ class Exchanges : public SessionsTest {
         EXPECT_GE(clientIfInit(), 0);
         clearRecordedLines();
         EXPECT_EQ(msgHandlerInit(), 1);
+        m_threads = countThreads();
+    }
+    // The test's servers have let everybody go. A thread that still has the answer in hand at the
+    // process's end would show as a leak.
+    void TearDown() override {
+        EXPECT_TRUE(waitUntil([this] { return countThreads() == m_threads; })) << countThreads();
     }
 
     static void addSession(const std::string& appId) {
@@ -160,6 +166,7 @@ class Exchanges : public SessionsTest {
     }
 
     int m_replies;
+    int m_threads = 0;  // that do not belong to exchanges
     std::string m_text;
 };
 
@@ -243,7 +250,6 @@ TEST_F(Exchanges, DeadServersLeaveThreadsForOthers) {
 }
 
 TEST_F(Exchanges, ThreadsEndWhenThereIsNothingForThem) {
-    const int before = countThreads();
     {
         HoldingServer server;
         for (int i = 0; i < 8; ++i) {
@@ -256,7 +262,7 @@ TEST_F(Exchanges, ThreadsEndWhenThereIsNothingForThem) {
             return std::count(all.begin(), all.end(), ':') == 8;
         }));
     }
-    EXPECT_TRUE(waitUntil([before] { return countThreads() == before; })) << countThreads();
+    EXPECT_TRUE(waitUntil([this] { return countThreads() == m_threads; })) << countThreads();
 }
 
 TEST_F(Exchanges, ApplicationIsServedAtOnceAgainWhenItsExchangeIsOver) {
