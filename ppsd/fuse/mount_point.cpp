@@ -1,7 +1,6 @@
 #include "ppsd/fuse/mount_point.hpp"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -16,12 +15,14 @@
 
 #include "platform/root/root.hpp"
 #include "ppsd/store/files.hpp"
+#include "ppsd/store/unique_fd.hpp"
 
 namespace {
 
 constexpr char kFuseConfiguration[] = "/etc/fuse.conf";
 constexpr char kBlanks[] = " \t\r\f\v";
-constexpr mode_t kMountPointMode = 0755;
+// Nobody but the user of the service has a business below the mount, where nothing is served.
+constexpr mode_t kMountPointMode = 0700;
 
 // Unmounts as the system's helper may do it for an ordinary user.
 bool unmountWithHelper(const std::string& path) {
@@ -65,15 +66,20 @@ bool MountPoint::prepare(std::string& error) {
     }
     struct stat own {};
     struct stat above {};
-    m_lock = UniqueFd(open(m_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!m_lock || fstat(m_lock.get(), &own) != 0 || stat((m_path + "/..").c_str(), &above) != 0) {
+    const UniqueFd folder(open(m_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder || fstat(folder.get(), &own) != 0 || stat((m_path + "/..").c_str(), &above) != 0) {
         error = "cannot use the mount point " + displayPath(m_path) + ": " + std::strerror(errno);
         return false;
     }
     const bool isMounted = own.st_dev != above.st_dev || own.st_ino == above.st_ino;
-    if (isMounted || flock(m_lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (isMounted) {
         error = "the mount point " + displayPath(m_path) +
                 " is in use: another ppsd or file system is mounted on it";
+        return false;
+    }
+    if ((own.st_mode & 07777U) != kMountPointMode && fchmod(folder.get(), kMountPointMode) != 0) {
+        error = "cannot close the folder under the mount " + displayPath(m_path) +
+                " to others: " + std::strerror(errno);
         return false;
     }
     return true;

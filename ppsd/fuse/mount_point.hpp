@@ -5,15 +5,14 @@
 #include <istream>
 #include <string>
 
-#include "ppsd/store/unique_fd.hpp"
-
 class MountPoint {
   public:
     explicit MountPoint(std::string path);
 
-    // Makes the folder when it is missing, clears away the mount of a service that died, and locks
-    // the folder against a second service. False with a sentence for the person who started the
-    // service in `error`.
+    // Makes the folder when it is missing, clears away the mount of a service that died, and closes
+    // the folder to others. Nothing is locked here: whoever can read a folder can hold a lock on it
+    // for ever; two services are told apart by their store's lock and by what is mounted. False
+    // with a sentence for the person who started the service in `error`.
     bool prepare(std::string& error);
 
     const std::string& path() const { return m_path; }
@@ -22,7 +21,6 @@ class MountPoint {
     bool clearStaleMount(std::string& error);
 
     std::string m_path;
-    UniqueFd m_lock;  // on the folder underneath the mount
 };
 
 // The mount options: others than the user of the service get in where the system permits that, and

@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <ctime>
 
+#include "ppsd/fuse/caller.hpp"
 #include "ppsd/fuse/raw_replies.hpp"
 #include "ppsd/store/limits.hpp"
 
@@ -54,7 +55,11 @@ Store::Owner callerOf(fuse_req_t request) {
 
 Store::Access accessOf(fuse_req_t request, int flags) {
     const fuse_ctx* caller = fuse_req_ctx(request);
-    return {(flags & O_ACCMODE) != O_WRONLY, (flags & O_TRUNC) != 0, {caller->uid, caller->pid}};
+    const int mode = flags & O_ACCMODE;
+    return {mode != O_WRONLY,
+            mode != O_RDONLY,
+            (flags & O_TRUNC) != 0,
+            {caller->uid, caller->gid, processOf(caller->pid)}};
 }
 
 // A name on which options make no sense.

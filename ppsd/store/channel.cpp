@@ -100,7 +100,7 @@ void Channel::addPending(const ClientFile& from, std::unique_ptr<std::string> te
         return;
     }
     changeBacklog(from, [&](Backlog& backlog) {
-        backlog.add({from.m_id, std::move(text), from.m_opener.user, sign});
+        backlog.add({from.m_id, std::move(text), from.m_opener, sign});
     });
     m_listener.readinessChanged(*m_server);
 }
@@ -111,7 +111,19 @@ std::string Channel::takePending() {
     }
     Pending read = m_pending.take();
     giveBack(read);
-    return read.text == nullptr ? read.sign + tagOf(read.client) : std::move(*read.text);
+    return read.text == nullptr ? textOf(read) : std::move(*read.text);
+}
+
+// A client that opened is introduced: what it may do is the server's to decide, and the client
+// cannot say it for itself.
+std::string Channel::textOf(const Pending& notice) const {
+    std::string text = notice.sign + tagOf(notice.client);
+    if (notice.sign == '+') {
+        text += "uid:n:" + std::to_string(notice.opener.user) +
+                "\ngid:n:" + std::to_string(notice.opener.group) +
+                "\npid:n:" + std::to_string(notice.opener.process) + "\n";
+    }
+    return text;
 }
 
 // The room that `read` took until now.
@@ -121,7 +133,7 @@ void Channel::giveBack(const Pending& read) {
         client->second->m_bytesAtServer -= read.text == nullptr ? 0 : read.text->size();
         return;
     }
-    const auto departed = m_departedBytes.find(read.user);
+    const auto departed = m_departedBytes.find(read.opener.user);
     if (read.text != nullptr) {
         departed->second -= read.text->size();
     } else if (read.sign == '-') {

@@ -97,10 +97,10 @@ class Channel {
     struct Pending {
         std::uint64_t client;
         std::unique_ptr<std::string> text;  // of a message; null for a notice
-        uid_t user;
+        Opener opener;
         char sign = 0;  // of a notice: '+' or '-'
     };
-    static_assert(sizeof(Pending) <= 24);
+    static_assert(sizeof(Pending) <= 32);
 
     // What the server has not read of one client. A list, as an empty one takes no memory: gone
     // clients may be many.
@@ -120,6 +120,7 @@ class Channel {
     void changeBacklog(const ClientFile& client, Action action);
     void addPending(const ClientFile& from, std::unique_ptr<std::string> text, char sign);
     void giveBack(const Pending& read);
+    std::string textOf(const Pending& notice) const;
     void hangUp(ClientFile& client);
     void sendToAll(const std::shared_ptr<const std::string>& message);
     std::string tagOf(std::uint64_t client) const;

@@ -13,9 +13,10 @@
 
 class OpenFile;
 
-// Who opened a file, as the kernel tells it: of a process with several threads, the one that did.
+// Who opened a file, as the kernel tells it.
 struct Opener {
     uid_t user = 0;
+    gid_t group = 0;
     pid_t process = 0;
 };
 

@@ -34,6 +34,11 @@ std::string pathOf(const Node& node) {
     return folder.empty() ? node.name : folder + "/" + node.name;
 }
 
+// A server reads what clients write and writes what they read: one that cannot do both is none.
+bool mayServe(const Store::Access& access) {
+    return access.reads && access.writes;
+}
+
 std::string pathOf(const DirectoryNode& folder, std::string_view name) {
     const std::string path = pathOf(folder);
     return path.empty() ? std::string(name) : path + "/" + std::string(name);
@@ -133,6 +138,12 @@ int Store::open(std::shared_ptr<Node>& node, OpenOptions options, Access access,
     if (node->parent == nullptr) {
         return ESTALE;
     }
+    // Whoever serves a name answers for it: reading right, which is enough to open it as a client
+    // or to watch it, must not be enough to take it over.
+    const uid_t user = access.opener.user;
+    if (!mayServe(access) || (user != 0 && user != node->metadata.owner)) {
+        return EACCES;
+    }
     if (node->parent->served.contains(node->name)) {
         return EBUSY;
     }
@@ -165,6 +176,9 @@ int Store::create(DirectoryNode& folder, const ObjectName& name, Owner owner, mo
     }
     const Metadata metadata = metadataFor(folder, owner, mode);
     if (name.options.server) {
+        if (!mayServe(access)) {
+            return EACCES;
+        }
         serve(folder, name.name, metadata, name.options, node, file);
         return 0;
     }
@@ -176,7 +190,7 @@ int Store::create(DirectoryNode& folder, const ObjectName& name, Owner owner, mo
     add(folder, object);
     folder.metadata.modified = metadata.modified;
     node = object;
-    return openStored(object, name.options, {access.reads, false}, file);
+    return openStored(object, name.options, {access.reads, access.writes, false}, file);
 }
 
 void Store::serve(DirectoryNode& folder, std::string_view name, const Metadata& metadata,

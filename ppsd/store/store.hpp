@@ -26,6 +26,7 @@ class Store {
 
     struct Access {
         bool reads = true;
+        bool writes = true;
         bool truncates = false;
         Opener opener = {};
     };
@@ -59,7 +60,8 @@ class Store {
              std::unique_ptr<OpenFile>& file);
 
     // Makes an object that is not there and opens it. EEXIST when the name is taken, EBUSY when it
-    // is served and the caller wants to serve it.
+    // is served and the caller wants to serve it, EACCES when it wants to serve without reading and
+    // writing.
     int create(DirectoryNode& folder, const ObjectName& name, Owner owner, mode_t mode,
                Access access, std::shared_ptr<Node>& node, std::unique_ptr<OpenFile>& file);
 

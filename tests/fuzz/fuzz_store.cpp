@@ -33,6 +33,7 @@ namespace {
 constexpr std::size_t kMostOperations = 200;
 constexpr std::size_t kMostFiles = 12;
 constexpr std::size_t kMostFolders = 6;
+constexpr uid_t kOwner = 1;  // of every object
 constexpr const char* kNames[] = {"a", "b", "c", "dd", "e.1"};
 constexpr const char* kAttributes[] = {"k", "l", "m", "nn", "o_1", "k2", "k3", "k4"};
 constexpr std::size_t kValueBytes[] = {0, 1, 2, 5, 100, 4000, 60000, 250000};
@@ -152,7 +153,7 @@ struct ModelChannel {
     Pending takeNext() {
         const auto user = static_cast<uid_t>(rings["users"].front());
         const auto process = static_cast<pid_t>(rings[std::to_string(user)].front());
-        const std::uint64_t client = rings[keyOf({user, process})].front();
+        const std::uint64_t client = rings[keyOf({user, 0, process})].front();
         const auto next = std::find_if(pending.begin(), pending.end(),
                                        [&](const Pending& p) { return p.client == client; });
         return take(static_cast<std::size_t>(next - pending.begin()), true);
@@ -260,7 +261,8 @@ class Model {
             file.channel = node->channel;
             file.client = nextClient++;
             file.channel->clients[file.client] = &file;
-            tellServer(*file.channel, {"+" + tag(file), file.client, false, file.opener});
+            tellServer(*file.channel, {"+" + tag(file) + introduction(file.opener), file.client,
+                                       false, file.opener});
             return 0;
         }
         const bool isServed = node->folder != nullptr && node->folder->served.contains(node->name);
@@ -271,8 +273,14 @@ class Model {
             file.node = node;
             return isServed ? ESTALE : 0;
         }
-        if (node->folder == nullptr || isServed) {
-            return node->folder == nullptr ? ESTALE : EBUSY;
+        if (node->folder == nullptr) {
+            return ESTALE;
+        }
+        if (!access.reads || !access.writes || access.opener.user != kOwner) {
+            return EACCES;
+        }
+        if (isServed) {
+            return EBUSY;
         }
         node = serve(*node->folder, node->name, file);
         return 0;
@@ -286,6 +294,9 @@ class Model {
         }
         if (isGone(folder)) {
             return ENOENT;
+        }
+        if (options.server && !(access.reads && access.writes)) {
+            return EACCES;
         }
         file.options = options;
         file.reads = access.reads;
@@ -454,6 +465,11 @@ class Model {
   private:
     static std::string tag(const ModelFile& client) {
         return "@" + client.channel->name + "." + std::to_string(client.client) + "\n";
+    }
+
+    static std::string introduction(Opener opener) {
+        return "uid:n:" + std::to_string(opener.user) + "\ngid:n:" + std::to_string(opener.group) +
+               "\npid:n:" + std::to_string(opener.process) + "\n";
     }
 
     static void tellServer(ModelChannel& channel, const ModelChannel::Pending& pending) {
@@ -717,8 +733,9 @@ class Run {
     }
     Store::Access pickAccess() {
         const unsigned byte = m_bytes.next();
-        const Opener opener{byte / 16 % 2, static_cast<pid_t>(byte / 32 % 2)};
-        return {byte % 4 != 3, byte % 16 == 4, opener};
+        const Opener opener{kOwner + byte / 16 % 2, byte / 64 % 2,
+                            static_cast<pid_t>(byte / 32 % 2)};
+        return {byte % 4 != 3, byte % 4 != 2, byte % 16 == 4, opener};
     }
 
     void keep(std::unique_ptr<OpenFile> file, std::unique_ptr<ModelFile> model) {
@@ -742,8 +759,8 @@ class Run {
         auto model = std::make_unique<ModelFile>();
         const int expected =
             m_model.create(*folder.model, name, options, access, made.model, *model);
-        const int result =
-            m_store->create(real(folder), {name, options}, {1, 2}, 0644, access, made.node, file);
+        const int result = m_store->create(real(folder), {name, options}, {kOwner, 2}, 0644, access,
+                                           made.node, file);
         require(result == expected);
         if (result == 0) {
             keep(std::move(file), std::move(model));

@@ -6,7 +6,10 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <cstdlib>
 #include <functional>
+#include <string>
+#include <thread>
 
 #include "tests/integration/pps_files.hpp"
 #include "tests/support/ppsd_mount.hpp"
@@ -155,4 +158,51 @@ TEST_F(PpsdPermission, OrdinaryUserServesAFolderOfTheirs) {
         "test \"$(stat -c %a $QUIL_ROOT/pps/obj)\" = 640 || exit 7; " +
         "fusermount3 -u $QUIL_ROOT/pps || exit 8";
     EXPECT_EQ(asOther([&] { return WEXITSTATUS(std::system(script.c_str())); }), 0);
+}
+
+TEST_F(PpsdPermission, ReadingAndWritingRightIsNotEnoughToServeAStoredObject) {
+    PpsFile(path("/obj"), kCreate).write("a::1\n");
+    for (const mode_t mode : {0644U, 0666U}) {
+        chmod(path("/obj").c_str(), mode);
+        for (const int access : {O_RDONLY, O_WRONLY, O_RDWR, O_RDWR | O_CREAT}) {
+            EXPECT_EQ(otherOpens("/obj?server", access), EACCES) << mode << " " << access;
+        }
+    }
+    EXPECT_EQ(PpsFile(path("/obj"), O_RDONLY).read(), "@obj\na::1\n") << "nobody serves it";
+}
+
+TEST_F(PpsdPermission, OwnerAndRootServeAStoredObject) {
+    PpsFile(path("/obj"), kCreate).write("a::1\n");
+    ASSERT_EQ(chown(path("/obj").c_str(), kOther, kOther), 0);
+    EXPECT_EQ(otherOpens("/obj?server", O_RDWR), 0);
+    EXPECT_EQ(PpsFile(path("/obj?server"), O_RDWR).error(), 0);
+}
+
+TEST_F(PpsdPermission, ServerIsToldWhoOpened) {
+    PpsFile server(path("/ipc?server"), kCreate);
+    ASSERT_EQ(chmod(path("/ipc").c_str(), 0666), 0);
+    const auto numberOf = [](const std::string& notice, const std::string& name) {
+        const std::size_t at = notice.find("\n" + name + ":n:");
+        return at == std::string::npos ? -1 : std::atoi(notice.c_str() + at + name.size() + 4);
+    };
+    // A client's own word for it is a message like any other.
+    const int status = asOther([&] {
+        const PpsFile client(path("/ipc"), O_RDWR);
+        return client.error() + client.write("uid:n:0\n");
+    });
+    ASSERT_EQ(status, 0);
+    const std::string notice = server.read();
+    EXPECT_EQ(notice.substr(0, 6), "+@ipc.");
+    EXPECT_EQ(numberOf(notice, "uid"), static_cast<int>(kOther));
+    EXPECT_EQ(numberOf(notice, "gid"), static_cast<int>(kOther));
+    EXPECT_GT(numberOf(notice, "pid"), 0);
+    EXPECT_EQ(server.read()[0], '@');
+}
+
+TEST_F(PpsdPermission, ThreadThatOpensIsToldAsItsProcess) {
+    PpsFile server(path("/ipc?server"), kCreate);
+    std::thread([&] { EXPECT_EQ(PpsFile(path("/ipc"), O_RDWR).write("a::1\n"), 0); }).join();
+    const std::string notice = server.read();
+    EXPECT_NE(notice.find("\npid:n:" + std::to_string(getpid()) + "\n"), std::string::npos)
+        << notice;
 }

@@ -32,9 +32,9 @@ class PpsdServed : public ::testing::Test {
     std::string path(const std::string& name = "/ipc") const { return m_ppsd.path(name); }
     std::string serverPath() const { return path("/ipc?server"); }
 
-    // The tag "@ipc.ID" from a notice "+@ipc.ID\n".
+    // The tag "@ipc.ID" from a notice "+@ipc.ID\n..." or "-@ipc.ID\n".
     static std::string tagOf(const std::string& notice) {
-        return notice.size() < 3 ? notice : notice.substr(1, notice.size() - 2);
+        return notice.size() < 3 ? notice : notice.substr(1, notice.find('\n') - 1);
     }
 
     ScratchRoot m_root;
@@ -182,7 +182,8 @@ TEST_F(PpsdServed, ServerReadsOpeningMessagesAndClosingOneByOneOldestFirst) {
     }
     const std::string opened = server.read();
     const std::string tag = tagOf(opened);
-    EXPECT_EQ(opened, "+" + tag + "\n");
+    EXPECT_EQ(opened, "+" + tag + "\nuid:n:" + std::to_string(getuid()) + "\ngid:n:" +
+                          std::to_string(getgid()) + "\npid:n:" + std::to_string(getpid()) + "\n");
     EXPECT_EQ(tag.substr(0, 5), "@ipc.");
     EXPECT_EQ(server.read(), tag + "\nmsg::one\nid::1\n");
     EXPECT_EQ(server.read(), tag + "\nmsg::two\n");
@@ -264,6 +265,18 @@ TEST_F(PpsdServed, WhatDoesNotFitTheServersBufferIsDiscarded) {
     EXPECT_EQ(server.read(4), "@ipc");
     EXPECT_TRUE(contains(server.read(), "\nsecond::message\n"));
     EXPECT_EQ(server.read(), "");
+}
+
+TEST_F(PpsdServed, ServingTakesReadingAndWriting) {
+    for (const int access : {O_RDONLY, O_WRONLY}) {
+        EXPECT_EQ(PpsFile(serverPath(), access | O_CREAT).error(), EACCES);
+    }
+    EXPECT_EQ(PpsFile(path(), O_RDWR).error(), ENOENT) << "a refused server leaves nothing";
+    PpsFile(path(), kServer).write("a::1\n");
+    for (const int access : {O_RDONLY, O_WRONLY}) {
+        EXPECT_EQ(PpsFile(serverPath(), access).error(), EACCES);
+    }
+    EXPECT_EQ(PpsFile(serverPath(), O_RDWR).error(), 0);
 }
 
 TEST_F(PpsdServed, TaggedWriteGoesToThatClientAlone) {

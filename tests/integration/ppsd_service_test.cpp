@@ -1,6 +1,7 @@
 // ppsd as a process: starting, ending, what it keeps, and what it refuses.
 
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -312,6 +313,14 @@ TEST_F(PpsdService, SecondServiceOnTheSameMountPointIsRefused) {
     EXPECT_EQ(run("--store " + m_root.path("/other"), printed), 1);
     EXPECT_TRUE(contains(printed, "the mount point /pps is in use")) << printed;
     EXPECT_EQ(text("/obj"), "@obj\na::1\n");
+}
+
+TEST_F(PpsdService, LockThatSomebodyHoldsOnTheFolderUnderneathKeepsNobodyFromStarting) {
+    std::filesystem::create_directory(m_root.path("/pps"));
+    const int folder = open(m_root.path("/pps").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(flock(folder, LOCK_EX | LOCK_NB), 0);
+    EXPECT_TRUE(m_ppsd.start()) << m_ppsd.output();
+    close(folder);
 }
 
 TEST_F(PpsdService, MountPointThatIsAFileIsRefusedWithItsName) {

@@ -182,7 +182,7 @@ TEST_F(ChannelTest, SizeIsCheckedBeforeAnythingElse) {
 
 TEST_F(ChannelTest, MessageWithoutAttributesIsDeliveredAsItsObjectLine) {
     const auto one = client(1);
-    EXPECT_EQ(read(*server), "+@ipc.1\n");
+    EXPECT_EQ(readNext(1), "+1");
     one->write("@anything\n");
     EXPECT_EQ(read(*server), "@ipc.1\n");
     server->write("@ipc\n");
@@ -208,8 +208,8 @@ TEST_F(ChannelTest, ClientsAreServedInTurnAndEachInItsOrder) {
 }
 
 TEST_F(ChannelTest, WhoWritesInAStormDelaysAnotherByOneMessageAtATime) {
-    const auto loud = clientOf({1, 10}, 1);
-    const auto quiet = clientOf({1, 11}, 2);
+    const auto loud = clientOf({1, 1, 10}, 1);
+    const auto quiet = clientOf({1, 1, 11}, 2);
     readNext(2);
     for (int i = 0; i < 1000; ++i) {
         loud->write("a::1\n");
@@ -223,10 +223,10 @@ TEST_F(ChannelTest, WhoWritesInAStormDelaysAnotherByOneMessageAtATime) {
 TEST_F(ChannelTest, ManyClientsOfOneProcessShareItsTurn) {
     std::vector<std::unique_ptr<ClientFile>> storm;
     for (std::uint64_t id = 100; id < 400; ++id) {
-        storm.push_back(clientOf({1, 10}, id));
+        storm.push_back(clientOf({1, 1, 10}, id));
         storm.back()->write("a::1\n");
     }
-    const auto quiet = clientOf({1, 11}, 2);
+    const auto quiet = clientOf({1, 1, 11}, 2);
     quiet->write("b::1\n");
     EXPECT_EQ(readNext(4), "+100 +2 +101 2");
     storm.clear();
@@ -236,9 +236,9 @@ TEST_F(ChannelTest, ManyClientsOfOneProcessShareItsTurn) {
 TEST_F(ChannelTest, ManyProcessesOfOneUserShareItsTurn) {
     std::vector<std::unique_ptr<ClientFile>> storm;
     for (std::uint64_t id = 100; id < 400; ++id) {
-        storm.push_back(clientOf({1, static_cast<pid_t>(id)}, id));
+        storm.push_back(clientOf({1, 1, static_cast<pid_t>(id)}, id));
     }
-    const auto quiet = clientOf({2, 5}, 2);
+    const auto quiet = clientOf({2, 2, 5}, 2);
     quiet->write("b::1\n");
     EXPECT_EQ(readNext(5), "+100 +2 +101 2 +102");
 }
@@ -320,13 +320,13 @@ TEST_F(ChannelTest, WhatOneUsersClientsLeaveTakesNoRoomOfAnother) {
     std::uint64_t id = 1;
     int error = 0;
     for (; error == 0 && id < 1000; ++id) {
-        error = clientOf({1, 10}, id)->write(message);
+        error = clientOf({1, 1, 10}, id)->write(message);
     }
     EXPECT_EQ(error, ENOBUFS);
-    EXPECT_EQ(clientOf({2, 20}, id)->write(message), 0);
+    EXPECT_EQ(clientOf({2, 2, 20}, id)->write(message), 0);
     while (read(*server) != "nothing") {
     }
-    EXPECT_EQ(clientOf({1, 10}, id + 1)->write(message), 0) << "room again";
+    EXPECT_EQ(clientOf({1, 1, 10}, id + 1)->write(message), 0) << "room again";
 }
 
 TEST_F(ChannelTest, SmallMessagesOfManyDepartedClientsAreBoundedToo) {

@@ -3,6 +3,8 @@
 #include "ppsd/fuse/mount_point.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -36,14 +38,18 @@ TEST(MountPoint, PermissionChecksAreLeftToTheKernel) {
     EXPECT_EQ(mountOptions().substr(0, 20), "default_permissions,");
 }
 
-TEST(MountPoint, SecondServiceThatPreparesTheSameFolderIsRefusedBeforeAnyMount) {
+TEST(MountPoint, FolderUnderneathIsClosedToOthersWhateverItsModeWas) {
     const ScratchRoot root;
-    MountPoint first(root.path("/pps"));
-    MountPoint second(root.path("/pps"));
-    std::string error;
-    ASSERT_TRUE(first.prepare(error)) << error;
-    EXPECT_FALSE(second.prepare(error));
-    EXPECT_NE(error.find("is in use"), std::string::npos) << error;
+    for (const mode_t mode : {0755U, 01777U, 0700U}) {
+        ASSERT_EQ(mkdir(root.path("/pps").c_str(), 0700), 0);
+        ASSERT_EQ(chmod(root.path("/pps").c_str(), mode), 0);
+        std::string error;
+        EXPECT_TRUE(MountPoint(root.path("/pps")).prepare(error)) << error;
+        struct stat status {};
+        ASSERT_EQ(stat(root.path("/pps").c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777U, 0700U);
+        rmdir(root.path("/pps").c_str());
+    }
 }
 
 TEST(MountPoint, PathIsShownWithoutTheRoot) {
