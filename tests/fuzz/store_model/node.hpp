@@ -1,0 +1,35 @@
+// What stands in the tree: a folder, an object, or an object that is served.
+
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "tests/fuzz/store_model/channel.hpp"
+#include "tests/fuzz/store_model/lines.hpp"
+
+namespace model {
+
+struct Node {
+    enum Kind { kFolder, kObject, kServed } kind;
+    std::string name;
+    Node* folder = nullptr;  // null for the root and for what is gone
+    // A folder.
+    std::map<std::string, std::shared_ptr<Node>> stored;
+    std::map<std::string, std::shared_ptr<Node>> served;
+    // An object.
+    Values values;
+    int version = 0;  // another one whenever the values are others
+    // A served object.
+    std::shared_ptr<Channel> channel;
+
+    void change(const Values& newValues) {
+        if (values != newValues) {
+            values = newValues;
+            ++version;
+        }
+    }
+};
+
+}  // namespace model
