@@ -409,9 +409,10 @@ TEST_F(EventLoop, LostObjectServiceIsToldOnceAndAwaitedQuietly) {
     ASSERT_TRUE(waitForLogged(4, "quilAgentLoop: object service is back")) << recordedText();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1000));
     replaceDescriptor();
-    EXPECT_TRUE(waitForLogged(
-        5, "Save: Wrote " + std::to_string(readFile(kSaved).size()) + " bytes to pps."))
-        << recordedText();
+    EXPECT_TRUE(waitUntil([this] {
+        const std::string size = std::to_string(readFile(kSaved).size());
+        return wasLogged(5, "Save: Wrote " + size + " bytes to pps.");
+    })) << recordedText();
     EXPECT_EQ(countRecorded(3, lost), 1);
     // The application is back, and gets what waited for it.
     sendRequest(
