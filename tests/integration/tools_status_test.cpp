@@ -170,6 +170,23 @@ TEST_F(Status, ShowsWhatThereIs) {
     EXPECT_EQ(object["sessions"][0]["app"], "com.app");
 }
 
+TEST_F(Status, ShowsWhichApplicationsAreConnected) {
+    startAgent();
+    EXPECT_TRUE(contains(runTool(m_root.path(), "quilctl", {"status"}).output,
+                         "applications     0 connected\n"));
+    const ClientConnection application(m_ppsd.path("/services/push/ipc"));
+    ASSERT_TRUE(application.isOpen());
+    const ToolRun result = runTool(m_root.path(), "quilctl", {"status"});
+    const std::string own =
+        "process " + std::to_string(getpid()) + ", user " + std::to_string(getuid()) + " (";
+    EXPECT_TRUE(contains(result.output, "applications     1 connected\n")) << result.output;
+    EXPECT_TRUE(contains(result.output, own)) << result.output;
+    const auto object =
+        nlohmann::json::parse(runTool(m_root.path(), "quilctl", {"status", "--json"}).output);
+    ASSERT_EQ(object["clients"].size(), 1U);
+    EXPECT_EQ(object["clients"][0]["pid"], getpid());
+}
+
 TEST_F(Status, OfNothingIsStatus3) {
     EXPECT_EQ(runTool(m_root.path(), "quilctl", {"status"}).status, 3);
     m_ppsd.stop();

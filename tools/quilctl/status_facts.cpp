@@ -233,6 +233,8 @@ StatusFacts collectFacts() {
                           readIdentity("model", kDeviceInfo, "HardwareID", facts.agents),
                           readIdentity("OS version", kProperties, "scmbundle", facts.agents),
                           readIdentity("IMSI", kSim, "imsi", facts.agents)};
+        facts.mayListClients =
+            facts.isObjectServed && readConnectedClients(kPushObject, &facts.clients) == 0;
         facts.saved = readSaved(facts.agents);
     }
     facts.agentPorts = findAgentPorts(facts);

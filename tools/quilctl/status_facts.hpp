@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/common/connected_clients.hpp"
 #include "tools/common/object_service.hpp"
 #include "tools/quilctl/configuration.hpp"
 #include "tools/quilctl/proc.hpp"
@@ -60,9 +61,11 @@ struct StatusFacts {
     Configuration configuration;
     std::vector<IdentityValue> identity;
     SavedObject saved;
-    std::vector<AgentPort> agentPorts;  // none when only root can see them
-    bool isProxyLocal = false;          // proxy-host is a loopback address
-    bool isProxyListening = false;      // and something listens on its port
+    std::vector<ConnectedClient> clients;  // applications that have the push object open
+    bool mayListClients = false;           // else there are none above
+    std::vector<AgentPort> agentPorts;     // none when only root can see them
+    bool isProxyLocal = false;             // proxy-host is a loopback address
+    bool isProxyListening = false;         // and something listens on its port
     bool isListenAddressOurs = true;
 };
 
