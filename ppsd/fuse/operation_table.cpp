@@ -109,10 +109,11 @@ void readFile(fuse_req_t request, fuse_ino_t, std::size_t size, off_t, fuse_file
     });
 }
 
-void writeFile(fuse_req_t request, fuse_ino_t, const char* bytes, std::size_t size, off_t,
+void writeFile(fuse_req_t request, fuse_ino_t, const char* bytes, std::size_t size, off_t offset,
                fuse_file_info* info) {
-    serve(request,
-          [&](Operations& operations) { operations.write(request, bytes, size, info->fh); });
+    serve(request, [&](Operations& operations) {
+        operations.write(request, bytes, size, offset, info->fh);
+    });
 }
 
 void pollFile(fuse_req_t request, fuse_ino_t, fuse_file_info* info, fuse_pollhandle* waker) {

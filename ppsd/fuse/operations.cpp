@@ -381,16 +381,23 @@ void Operations::answerCreate(fuse_req_t request, int error, const std::shared_p
     }
 }
 
-void Operations::write(fuse_req_t request, const char* bytes, std::size_t size,
+// The kernel cuts a write that is gathered from more than 256 buffers in two, which shows only when
+// the second piece comes: a stream has no position, but the pieces have.
+void Operations::write(fuse_req_t request, const char* bytes, std::size_t size, off_t offset,
                        std::uint64_t handle) {
-    m_files.file(handle).write(fuse_req_ctx(request)->uid, {bytes, size},
-                               [request, size](int error) {
-                                   if (error != 0) {
-                                       fuse_reply_err(request, error);
-                                   } else {
-                                       fuse_reply_write(request, size);
-                                   }
-                               });
+    OpenFile& file = m_files.file(handle);
+    if (file.isStream() && offset != 0) {
+        file.takeBackCutWrite();
+        fuse_reply_err(request, EMSGSIZE);
+        return;
+    }
+    file.write(fuse_req_ctx(request)->uid, {bytes, size}, [request, size](int error) {
+        if (error != 0) {
+            fuse_reply_err(request, error);
+        } else {
+            fuse_reply_write(request, size);
+        }
+    });
 }
 
 // A listing is taken when the folder is opened, so that no entry is missed or given twice while

@@ -49,7 +49,8 @@ class Operations {
                 const char* newName, unsigned flags);
     void open(fuse_req_t request, fuse_ino_t inode, int flags);
     void create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode, int flags);
-    void write(fuse_req_t request, const char* bytes, std::size_t size, std::uint64_t handle);
+    void write(fuse_req_t request, const char* bytes, std::size_t size, off_t offset,
+               std::uint64_t handle);
     void openDirectory(fuse_req_t request, fuse_ino_t inode);
     void readDirectory(fuse_req_t request, std::size_t size, off_t offset, std::uint64_t handle);
     void releaseDirectory(fuse_req_t request, std::uint64_t handle);

@@ -24,6 +24,8 @@
 
 namespace {
 
+constexpr std::uint64_t kNobody = ~std::uint64_t{0};  // an id that is never given
+
 // True when `text` is one or more decimal digits and nothing else.
 bool isNumber(std::string_view text) {
     return !text.empty() &&
@@ -111,6 +113,15 @@ void Channel::Backlog::add(Message message) {
     m_bytes += m_messages.back().text.size();
 }
 
+bool Channel::Backlog::takeBack() noexcept {
+    if (m_messages.empty()) {
+        return false;
+    }
+    m_bytes -= m_messages.back().text.size();
+    m_messages.pop_back();
+    return true;
+}
+
 void Channel::Backlog::close() noexcept {
     m_isClosing = !m_isOpening || !m_messages.empty();
     m_isOpening = m_isOpening && m_isClosing;
@@ -193,6 +204,30 @@ int Channel::sendToServer(ClientFile& from, uid_t writer, std::string_view text)
     return 0;
 }
 
+void Channel::takeBackFrom(ClientFile& client) noexcept {
+    if (client.m_state != ClientFile::State::kConnected) {
+        return;
+    }
+    bool isTakenBack = false;
+    changeBacklog(client.m_id, client.m_opener,
+                  [&](Backlog& backlog) { isTakenBack = backlog.takeBack(); });
+    if (!isTakenBack) {
+        hangUp(client);
+    }
+}
+
+void Channel::takeBackFromServer() noexcept {
+    const std::shared_ptr<const std::string> last = m_lastSent.lock();
+    for (auto next = m_clients.begin(); next != m_clients.end();) {
+        ClientFile& client = *next->second;
+        ++next;  // past it, as one that is hung up on leaves
+        const bool isReceiver = m_lastReceiver == 0 || m_lastReceiver == client.m_id;
+        if (isReceiver && client.m_reads && !client.takeBack(last)) {
+            hangUp(client);
+        }
+    }
+}
+
 // Cuts a leading line "@NAME" or "@NAME.ID" off `text`. With an ID, `toOne` is set and `receiver`
 // is that client, or null when it is gone. EINVAL for the name of another object.
 int Channel::parseAddress(std::string_view& text, ClientFile*& receiver, bool& toOne) const {
@@ -241,11 +276,14 @@ int Channel::sendToClients(std::string_view text) {
     std::string content = objectLine(m_name);
     appendLines(content, lines);
     const auto message = std::make_shared<const std::string>(std::move(content));
+    m_lastSent = message;
+    m_lastReceiver = receiver == nullptr ? 0 : receiver->m_id;
     if (!toOne) {
         sendToAll(message);
         return 0;
     }
     if (receiver == nullptr) {
+        m_lastReceiver = kNobody;
         return 0;
     }
     if (!receiver->enqueue(message)) {
@@ -294,6 +332,10 @@ void ServerFile::write(uid_t /*writer*/, std::string_view text, const Done& done
     done(m_channel->sendToClients(text));
 }
 
+void ServerFile::takeBackCutWrite() {
+    m_channel->takeBackFromServer();
+}
+
 Readiness ServerFile::readiness() const {
     return {m_channel->hasPending(), false};
 }
@@ -338,6 +380,18 @@ bool ClientFile::enqueue(const std::shared_ptr<const std::string>& message) {
     return true;
 }
 
+// False when it is not there any more, or has been begun.
+bool ClientFile::takeBack(const std::shared_ptr<const std::string>& message) noexcept {
+    const bool isBegun = m_queue.size() == 1 && m_readOfFirst != 0;
+    if (m_queue.empty() || m_queue.back() != message || isBegun) {
+        return false;
+    }
+    m_queuedBytes -= message->size();
+    m_queueCharge.shrink(message->size());
+    m_queue.pop_back();
+    return true;
+}
+
 ReadOutcome ClientFile::read(uid_t /*reader*/, std::size_t size, std::string& bytes) {
     const bool isNoticeNext = m_queue.empty() && m_state == State::kServerGone && !m_isEndRead;
     if (m_queue.empty() && !isNoticeNext) {
@@ -362,6 +416,10 @@ ReadOutcome ClientFile::read(uid_t /*reader*/, std::size_t size, std::string& by
 
 void ClientFile::write(uid_t writer, std::string_view text, const Done& done) {
     done(m_channel->sendToServer(*this, writer, text));
+}
+
+void ClientFile::takeBackCutWrite() {
+    m_channel->takeBackFrom(*this);
 }
 
 Readiness ClientFile::readiness() const {

@@ -39,6 +39,7 @@ class ServerFile : public OpenFile {
 
     ReadOutcome read(uid_t reader, std::size_t size, std::string& bytes) override;
     void write(uid_t writer, std::string_view text, const Done& done) override;
+    void takeBackCutWrite() override;
     Readiness readiness() const override;
     bool isStream() const override { return true; }
 
@@ -57,6 +58,7 @@ class ClientFile : public OpenFile {
 
     ReadOutcome read(uid_t reader, std::size_t size, std::string& bytes) override;
     void write(uid_t writer, std::string_view text, const Done& done) override;
+    void takeBackCutWrite() override;
     Readiness readiness() const override;
     bool isStream() const override { return true; }
 
@@ -68,6 +70,7 @@ class ClientFile : public OpenFile {
     // False, and nothing queued, where there is no room: of the queue, of the user's share, or of
     // the machine's memory.
     bool enqueue(const std::shared_ptr<const std::string>& message);
+    bool takeBack(const std::shared_ptr<const std::string>& message) noexcept;
 
     std::shared_ptr<Channel> m_channel;
     const std::uint64_t m_id;
@@ -123,6 +126,9 @@ class Channel {
 
     int sendToServer(ClientFile& from, uid_t writer, std::string_view text);
     int sendToClients(std::string_view text);
+    // Takes the last message of the client, or of the server, back, or hangs up.
+    void takeBackFrom(ClientFile& client) noexcept;
+    void takeBackFromServer() noexcept;
 
   private:
     struct Message {
@@ -148,6 +154,8 @@ class Channel {
 
         void open(std::uint64_t id, Opener opener, Charge charge);
         void add(Message message);
+        // False when the last message was read.
+        bool takeBack() noexcept;
         void close() noexcept;
         Pending take();
 
@@ -178,6 +186,9 @@ class Channel {
     Accounts& m_accounts;
     ServerFile* m_server = nullptr;
     uid_t m_serverUser = 0;
+    // What the server wrote last, and to whom: 0 for all.
+    std::weak_ptr<const std::string> m_lastSent;
+    std::uint64_t m_lastReceiver = 0;
     std::map<std::uint64_t, ClientFile*> m_clients;
     Turns<uid_t, Turns<pid_t, Turns<std::uint64_t, Backlog>>> m_pending;
 };

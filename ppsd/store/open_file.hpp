@@ -66,6 +66,11 @@ class OpenFile {
     // after the call returns, although the writer may hear later how it ended.
     virtual void write(uid_t writer, std::string_view text, const Done& done) = 0;
 
+    // The write before this call was the beginning of a longer one, whose rest comes in another
+    // piece. A message that was cut in two must not stand: it is taken back, and whoever has read
+    // of it already is hung up on. Only called for streams.
+    virtual void takeBackCutWrite() {}
+
     virtual Readiness readiness() const = 0;
 
     // True when the file is one end of a stream and so has no position.

@@ -3,8 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/uio.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "tests/integration/other_user.hpp"
 #include "tests/integration/pps_files.hpp"
@@ -64,6 +68,53 @@ TEST_F(PpsdBounds, LargerMessagesGiveEmsgsizeAndNothingOfThemArrives) {
     }
     EXPECT_EQ(server.read(), "");
     EXPECT_EQ(client.read(), "");
+}
+
+// The system hands such a write over in two pieces, each of which would look whole.
+TEST_F(PpsdBounds, MessageOfMoreThan256BuffersIsRefusedWhole) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile client(path(), O_RDWR);
+    const std::string tag = tagOf(server.read());
+    std::string text = "a::1\n";
+    std::vector<iovec> buffers(300, {text.data(), text.size()});
+    const auto whole = static_cast<ssize_t>(text.size() * buffers.size());
+    EXPECT_LT(writev(client.fd(), buffers.data(), 300), whole);
+    EXPECT_EQ(server.read(), "") << "nothing of it";
+    EXPECT_LT(writev(server.fd(), buffers.data(), 300), whole);
+    EXPECT_EQ(client.read(), "");
+    EXPECT_EQ(writev(client.fd(), buffers.data(), 256), static_cast<ssize_t>(256 * text.size()));
+    EXPECT_EQ(server.read().size(), tag.size() + 256 * text.size()) << "the most that is one piece";
+}
+
+// Whoever reads on the spot may have read the first piece; then its writer is gone, and so is known
+// to have broken off.
+TEST_F(PpsdBounds, MessageThatWasCutUnderItsReadersEyesEndsTheConnection) {
+    PpsFile server(serverPath(), kServer);
+    std::string text = "a::1\n";
+    std::vector<iovec> buffers(300, {text.data(), text.size()});
+    for (int round = 0; round < 200; ++round) {
+        PpsFile client(path(), O_RDWR);
+        const std::string tag = tagOf(server.read());
+        std::atomic<bool> isWritten{false};
+        std::thread writer([&] {
+            EXPECT_LT(writev(client.fd(), buffers.data(), 300), 300 * 5);
+            isWritten = true;
+        });
+        std::string last;
+        while (!isWritten) {
+            const std::string message = server.read();
+            last = message.empty() ? last : message;
+        }
+        writer.join();
+        const std::string message = server.read();
+        last = message.empty() ? last : message;
+        EXPECT_TRUE(last.empty() || last == "-" + tag) << last.substr(0, 40);
+        const int error = client.write("b::1\n");
+        EXPECT_EQ(error, last.empty() ? 0 : EPIPE);
+        client.shut();
+        while (!server.read().empty()) {
+        }
+    }
 }
 
 TEST_F(PpsdBounds, UnalignedBufferTravelsWholeToo) {
