@@ -7,7 +7,6 @@
 
 #include "agent/configuration/config_manager.hpp"
 #include "agent/support/log.hpp"
-#include "platform/root/root.hpp"
 #include "platform/rules/rules_file.hpp"
 
 namespace {
@@ -57,13 +56,7 @@ void QuilPermissions::load() {
 }
 
 void QuilPermissions::takeRules(const std::string& path) {
-    // Relative to whatever folder the agent was started in it would be another file each time.
-    RulesFile file;
-    if (path.starts_with('/')) {
-        file = readRulesFile(platformPath(path));
-    } else {
-        file.problem = "it is no absolute path";
-    }
+    RulesFile file = readConfiguredRules(path);
     if (!file.problem.empty()) {
         QUIL_LOG(LOG_LEVEL_WARNING, "rules: cannot read %s: %s", path.c_str(),
                  file.problem.c_str());

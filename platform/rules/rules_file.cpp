@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/root/root.hpp"
+
 namespace {
 
 constexpr std::size_t kLargestFileBytes = std::size_t{64} * 1024;
@@ -62,4 +64,11 @@ RulesFile readRulesFile(const std::string& path) {
         return {problem, {}};
     }
     return {"", Rules(text)};
+}
+
+RulesFile readConfiguredRules(const std::string& absolutePath) {
+    if (!absolutePath.starts_with('/')) {
+        return {"it is no absolute path", {}};
+    }
+    return readRulesFile(platformPath(absolutePath));
 }

@@ -17,3 +17,7 @@ struct RulesFile {
 // Reads a file of at most 64 KiB. `path` is opened as it stands. Never waits: what is no regular
 // file is refused.
 RulesFile readRulesFile(const std::string& path);
+
+// The same for the path that a configuration names: absolute, and below the platform's root. Any
+// other would be another file for everyone who reads it.
+RulesFile readConfiguredRules(const std::string& absolutePath);

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <fstream>
 
 #include "tests/support/scratch_root.hpp"
@@ -69,4 +70,14 @@ TEST_F(RulesFileTest, FileOf64KiBIsReadAndALargerOneRefused) {
     const RulesFile larger = readRulesFile(write(text + line + "\n"));
     EXPECT_EQ(larger.problem, "it has more than 65536 bytes");
     EXPECT_TRUE(larger.rules.rules().empty());
+}
+
+TEST_F(RulesFileTest, ConfiguredPathIsAbsoluteAndBelowTheRoot) {
+    setenv("QUIL_ROOT", m_root.path().c_str(), 1);
+    write("allow user ann *\n");
+    EXPECT_TRUE(readConfiguredRules("/rules").isSound());
+    EXPECT_EQ(readConfiguredRules("/none").problem, "No such file or directory");
+    for (const char* path : {"rules", "./rules", "../rules", ""}) {
+        EXPECT_EQ(readConfiguredRules(path).problem, "it is no absolute path") << path;
+    }
 }
