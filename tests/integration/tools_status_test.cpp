@@ -303,6 +303,22 @@ TEST_F(Status, NamesOddLinesOfTheConfiguration) {
     EXPECT_EQ(check(), "configuration configuration configuration configuration configuration 1");
 }
 
+TEST_F(Status, NamesRulesThatLeaveRootAlone) {
+    configure("proxy-port 0\nhttp-timeout 20\nrules /etc/quilagent.rules\n");
+    startAgent();
+    EXPECT_EQ(check(), "rules 1");
+    std::ofstream(m_root.path("/etc/quilagent.rules")) << "allow\nallow user * %u.*\ndeny\n";
+    EXPECT_EQ(check(), "rules rules 1");
+    std::ofstream(m_root.path("/etc/quilagent.rules")) << "allow user * %u.*\n";
+    EXPECT_EQ(check(), "0");
+}
+
+TEST_F(Status, LaterEmptyValueIsTheDefaultAgain) {
+    configure("proxy-port 0\nhttp-timeout 20\nrules /etc/none\nrules \n");
+    startAgent();
+    EXPECT_EQ(check(), "0");
+}
+
 TEST_F(Status, WarnsOfAMissingConfiguration) {
     startAgent();
     std::filesystem::remove(m_root.path("/etc/quilagent.conf"));

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/rules/rules_file.hpp"
 #include "tools/common/connected_clients.hpp"
 #include "tools/common/object_service.hpp"
 #include "tools/quilctl/configuration.hpp"
@@ -59,6 +60,7 @@ struct StatusFacts {
     bool isObjectOrdinary = false;     // an ordinary object with attributes is in its place
     std::string objectProblem;         // why this user cannot use it, in words
     Configuration configuration;
+    RulesFile rules;  // of the key "rules"; empty and sound without it, or where only root may read
     std::vector<IdentityValue> identity;
     SavedObject saved;
     std::vector<ConnectedClient> clients;  // applications that have the push object open

@@ -16,6 +16,7 @@
 #include "agent/clients/client_object.hpp"
 #include "agent/messages/message_queue.hpp"
 #include "agent/messages/reply_messages.hpp"
+#include "agent/requests/permissions.hpp"
 #include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/sessions/states/session_states.hpp"
@@ -43,6 +44,7 @@ class EventLoop : public ClientsTest {
         // As the served object: a read without a message does not wait.
         fcntl(clientDescriptor(), F_SETFL, O_RDWR | O_NONBLOCK);
         QuilDataManager::getInstance();
+        QuilPermissions::getInstance();
         clearRecordedLines();
         std::thread loop(quilAgentLoop);
         m_thread = loop.native_handle();
