@@ -12,8 +12,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "agent/clients/client_object.hpp"
@@ -101,15 +103,58 @@ void postponeWhatIsHeldBack(const Room& room) {
     }
 }
 
+// Lines about each port, the same in every pass until a port changes.
+class PortLines {
+  public:
+    template <typename Logging>
+    void log(const std::vector<QuilPort*>& ports, Logging logLine) {
+        if (!isSame(ports)) {
+            m_lines.forget();
+        }
+        logFromMemory(&m_lines, [&] {
+            for (const QuilPort* port : ports) {
+                logLine(port->getPort(), port->getSocket());
+            }
+        });
+    }
+
+  private:
+    // Whether the lines of the last time would be the same. Without memory to compare with they are
+    // taken for others.
+    bool isSame(const std::vector<QuilPort*>& ports) {
+        const auto shows = [](const QuilPort* port, const std::pair<int, int>& shown) {
+            return port->getPort() == shown.first && port->getSocket() == shown.second;
+        };
+        if (std::equal(ports.begin(), ports.end(), m_shown.begin(), m_shown.end(), shows)) {
+            return true;
+        }
+        m_shown.clear();
+        try {
+            for (const QuilPort* port : ports) {
+                m_shown.emplace_back(port->getPort(), port->getSocket());
+            }
+        } catch (const std::bad_alloc&) {
+            m_shown.clear();
+            m_shown.shrink_to_fit();
+        }
+        return false;
+    }
+
+    std::vector<std::pair<int, int>> m_shown;  // port and descriptor
+    LogLines m_lines;
+};
+
 // False when a descriptor that the loop cannot do without is out of range.
 bool buildSet(const std::vector<QuilPort*>& ports, DescriptorSet* set) {
     QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Waiting (select)...");
     const Room room;
     const bool takesPushes = room.forPushes() && !isPushIntakePaused();
+    static PortLines lines;
+    lines.log(ports, [](int port, int socket) {
+        QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: setting rfds: port [%d] fd[%d]", port, socket);
+    });
     for (const QuilPort* port : ports) {
         const int socket = port->getSocket();
-        QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: setting rfds: port [%d] fd[%d]", port->getPort(),
-                 socket);
         if (isWatchable(socket) && takesPushes && !port->isWaitingForClient() &&
             room.forPushesOf(*port)) {
             set->add(socket);
@@ -256,10 +301,10 @@ void takeFirstPorts(std::vector<QuilPort*>* taken) {
 void takeNextPorts(std::vector<QuilPort*>* taken) {
     takePorts(taken, "quilAgentLoop: exception occurred when trying to get all ports",
               [](const std::vector<QuilPort*>& ports) {
-                  for (const QuilPort* port : ports) {
-                      QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop 2: port[%d] fd[%d]", port->getPort(),
-                               port->getSocket());
-                  }
+                  static PortLines lines;
+                  lines.log(ports, [](int port, int socket) {
+                      QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop 2: port[%d] fd[%d]", port, socket);
+                  });
               });
 }
 

@@ -2,13 +2,16 @@
 //
 // A line goes to the system log and is echoed on standard output as "QUIL:file.cpp(LINE): text".
 // Lines above the process-wide verbosity cost one comparison. errno is the same after a line as
-// before it, so that a caller may log and then still report errno.
+// before it, so that a caller may log and then still report errno. The lines of one thread keep
+// their order; those of several threads stand in the order in which they were written out.
 //
 // Nothing in this unit allocates; what it calls may: see slogf for what a line costs there.
 //
 // Texts that end in a line feed give a blank line on standard output; that is accepted.
 
 #pragma once
+
+#include "agent/support/log_lines.hpp"
 
 // The system logger's severities, as far as the agent uses them.
 enum QuilLogLevel {
@@ -22,11 +25,11 @@ enum QuilLogLevel {
 
 // Logs at `level` on behalf of the calling line. Arguments as for printf; they are not evaluated
 // for a line that is not emitted, so they must not do anything.
-#define QUIL_LOG(level, ...)                                    \
-    do {                                                        \
-        if (isLogged(level)) {                                  \
-            logMessage(level, __FILE__, __LINE__, __VA_ARGS__); \
-        }                                                       \
+#define QUIL_LOG(level, ...)                                         \
+    do {                                                             \
+        if (isLogged(level)) {                                       \
+            logMessage(level, __FILE_NAME__, __LINE__, __VA_ARGS__); \
+        }                                                            \
     } while (false)
 
 // Whether lines of that level are emitted. Any thread.
@@ -43,9 +46,28 @@ void logMessage(int level, const char* sourcePath, int line, const char* format,
 // Raises the verbosity (5 at first) by `n`, to 7 at the most. Before any thread is started.
 void raiseVerbosity(int n);
 
-// Gives the echo a buffer, so that it costs no system call per line. Once, before the first line.
+// Logs what `logging` logs: by calling it, or, when its lines are known, from memory. `logging`
+// must not throw. The caller forgets the lines when they would be different.
+void logKeptLines(const LogLines& kept);
+template <typename Logging>
+void logFromMemory(LogLines* lines, Logging logging) {
+    if (lines->isKnown()) {
+        logKeptLines(*lines);
+        return;
+    }
+    const LogLines::Recording recording(lines);
+    logging();
+}
+
+// Lets lines gather in memory of their thread, for the echo as for the system log, so that they
+// cost no system call each; those of level 3 and below go to the system log at once all the same.
+// Once, before the first line and before there are threads. Until then every line goes its way
+// before the call returns.
 void bufferLogEcho();
 
-// Writes out what the echo holds back. To be called before a thread waits, so that an idle process
-// has shown all its lines.
+// Writes out what the calling thread holds back. To be called before a thread waits or ends, so
+// that an idle process has shown all its lines.
 void flushLogEcho();
+
+// The same for all threads: at the end of the process. exit(3) does it by itself.
+void flushAllLogEchoes();

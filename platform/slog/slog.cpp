@@ -213,14 +213,15 @@ bool reportLostLines() {
     return false;
 }
 
+bool isControl(char byte) {
+    const auto code = static_cast<unsigned char>(byte);
+    return code < 0x20 || code == 0x7F;
+}
+
 std::size_t makeSafe(char* text, std::size_t length) {
     while (length > 0 && text[length - 1] == '\n') {
         --length;
     }
-    const auto isControl = [](char byte) {
-        const auto code = static_cast<unsigned char>(byte);
-        return code < 0x20 || code == 0x7F;
-    };
     std::replace_if(text, text + length, isControl, ' ');
     return length;
 }
@@ -247,5 +248,75 @@ void slogf(std::uint32_t /*code*/, int severity, const char* format, ...) {
         makeSafe(text, std::min(static_cast<std::size_t>(wanted), kTextBytes - 1));
     if (!reportLostLines() || !sendLine(line, head + length)) {
         ++g_lostLines;
+    }
+}
+
+namespace {
+
+constexpr std::size_t kLinesAtATime = 64;
+
+// The length of what can be sent as it stands, behind the head; -1 when the text has to be made
+// safe first.
+std::ptrdiff_t lengthAsItStands(const SlogEntry& line) {
+    std::size_t length = std::min(line.length, kTextBytes - 1);
+    while (length > 0 && line.text[length - 1] == '\n') {
+        --length;
+    }
+    return std::any_of(line.text, line.text + length, isControl)
+               ? -1
+               : static_cast<std::ptrdiff_t>(length);
+}
+
+// Sends the first of these lines together. Gives how many arrived; 0 when the first has to go its
+// own way, -1 when the daemon takes nothing at the moment.
+std::ptrdiff_t sendTogether(const SlogEntry* lines, std::size_t count) {
+    static thread_local char heads[8][kHeadBytes];
+    std::size_t headLengths[8] = {};
+    mmsghdr messages[kLinesAtATime] = {};
+    iovec parts[kLinesAtATime][2];
+    std::size_t ready = 0;
+    for (; ready < std::min(count, kLinesAtATime); ++ready) {
+        const std::ptrdiff_t length = lengthAsItStands(lines[ready]);
+        if (length < 0) {
+            break;
+        }
+        const auto severity = static_cast<std::size_t>(std::clamp(lines[ready].severity, 0, 7));
+        if (headLengths[severity] == 0) {
+            headLengths[severity] = writeHead(heads[severity], kPriorities[severity]);
+        }
+        parts[ready][0] = {heads[severity], headLengths[severity]};
+        parts[ready][1] = {const_cast<char*>(lines[ready].text), static_cast<std::size_t>(length)};
+        messages[ready].msg_hdr.msg_iov = parts[ready];
+        messages[ready].msg_hdr.msg_iovlen = 2;
+    }
+    if (ready == 0 || connection() == 0 || !reportLostLines()) {
+        return 0;
+    }
+    const int sent = sendmmsg(g_socket.load(), messages, static_cast<unsigned>(ready),
+                              MSG_DONTWAIT | MSG_NOSIGNAL);
+    return sent >= 0 ? sent : isLackOfRoom(errno) ? -1 : 0;
+}
+
+}  // namespace
+
+// A line that cannot go with the others, because it has to be made safe or the connection anew,
+// goes alone.
+void slogLines(std::uint32_t code, const SlogEntry* lines, std::size_t count) {
+    if (count > 0 && !isWorthALine()) {
+        g_lostLines += count;
+        return;
+    }
+    for (std::size_t at = 0; at < count;) {
+        const std::ptrdiff_t sent = sendTogether(lines + at, count - at);
+        if (sent < 0) {
+            g_lostLines += count - at;
+            return;
+        }
+        at += static_cast<std::size_t>(sent);
+        if (sent == 0) {
+            slogf(code, lines[at].severity, "%.*s", static_cast<int>(lines[at].length),
+                  lines[at].text);
+            ++at;
+        }
     }
 }

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 // Sends one line to the system log, as syslog(3) would with facility daemon and ident "quilagent":
@@ -31,3 +32,14 @@
 // out of stack, nor for a signal handler.
 void slogf(std::uint32_t code, int severity, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
+
+// A line that is ready.
+struct SlogEntry {
+    int severity;
+    const char* text;
+    std::size_t length;
+};
+
+// What slogf would do with "%.*s" for each, in their order, with one system call for many of them.
+// Where nobody listens it costs none, however many there are.
+void slogLines(std::uint32_t code, const SlogEntry* lines, std::size_t count);

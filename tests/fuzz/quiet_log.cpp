@@ -3,3 +3,5 @@
 #include "platform/slog/slog.hpp"
 
 void slogf(std::uint32_t /*code*/, int /*severity*/, const char* /*format*/, ...) {}
+
+void slogLines(std::uint32_t /*code*/, const SlogEntry* /*lines*/, std::size_t /*count*/) {}

@@ -76,6 +76,12 @@ void slogf(std::uint32_t code, int severity, const char* format, ...) {
     passGate(bareText(line));
 }
 
+void slogLines(std::uint32_t code, const SlogEntry* lines, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+        slogf(code, lines[i].severity, "%.*s", static_cast<int>(lines[i].length), lines[i].text);
+    }
+}
+
 LogGate::LogGate(const std::string& text) {
     const std::lock_guard lock(gate().mutex);
     gate().text = text;

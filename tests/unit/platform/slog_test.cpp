@@ -65,6 +65,11 @@ std::time_t time(std::time_t* result) noexcept {
     }
     return now;
 }
+int sendmmsg(int descriptor, mmsghdr* messages, unsigned count, int flags) {
+    ++g_sendCalls;
+    return next<int (*)(int, mmsghdr*, unsigned, int)>("sendmmsg")(descriptor, messages, count,
+                                                                   flags);
+}
 ssize_t send(int descriptor, const void* bytes, std::size_t length, int flags) {
     ++g_sendCalls;
     return next<ssize_t (*)(int, const void*, std::size_t, int)>("send")(descriptor, bytes, length,
@@ -322,6 +327,60 @@ TEST_F(Slog, LineAllocatesNothing) {
     EXPECT_EQ(t_allocations, 1) << "the counter counts";
 }
 #endif
+
+TEST_F(Slog, ManyLinesCostOneCallAndArriveInTheirOrder) {
+    std::vector<std::string> texts;
+    std::vector<SlogEntry> entries;
+    for (int i = 0; i < 8; ++i) {
+        texts.push_back("line " + std::to_string(i));
+    }
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        entries.push_back({static_cast<int>(i), texts[i].data(), texts[i].size()});
+    }
+    slogLines(11000, entries.data(), entries.size());
+    EXPECT_EQ(g_sendCalls, 1);
+    const std::vector<std::string> arrived = allLines();
+    for (int i = 0; i < 8; ++i) {
+        slogf(11000, i, "line %d", i);
+    }
+    EXPECT_EQ(arrived, allLines());
+}
+
+TEST_F(Slog, LineThatHasToBeMadeSafeKeepsItsPlaceAmongMany) {
+    const std::string texts[] = {"one", "forged\n<0>line", "three\n\n", "", std::string(5000, 'x')};
+    std::vector<SlogEntry> entries;
+    for (const std::string& text : texts) {
+        entries.push_back({5, text.data(), text.size()});
+    }
+    slogLines(11000, entries.data(), entries.size());
+    EXPECT_EQ(allLines(),
+              (std::vector<std::string>{priority(6) + "one", priority(6) + "forged <0>line",
+                                        priority(6) + "three", priority(6),
+                                        priority(6) + std::string(4351, 'x')}));
+}
+
+TEST_F(Slog, ManyLinesThatADaemonDoesNotReadAreCounted) {
+    const std::string text = "text";
+    const std::vector<SlogEntry> entries(5000, {5, text.data(), text.size()});
+    slogLines(11000, entries.data(), entries.size());
+    const std::size_t arrived = allLines().size();
+    EXPECT_GT(arrived, 0U);
+    EXPECT_LT(g_sendCalls, 100) << "a daemon that takes nothing is not asked for each line";
+    slogLines(11000, entries.data(), 1);
+    EXPECT_EQ(nextLine(), priority(4) + std::to_string(5000 - arrived) + " lines lost");
+    EXPECT_EQ(nextLine(), priority(6) + "text");
+}
+
+TEST_F(Slog, DaemonStartedAnewGetsTheNextLines) {
+    slogf(11000, 5, "first");
+    EXPECT_EQ(nextLine(), priority(6) + "first");
+    endDaemon();
+    m_log = listenForLines();
+    const std::string text = "text";
+    const std::vector<SlogEntry> entries(3, {5, text.data(), text.size()});
+    slogLines(11000, entries.data(), entries.size());
+    EXPECT_EQ(allLines(), std::vector<std::string>(3, priority(6) + "text"));
+}
 
 TEST_F(Slog, DaemonThatDoesNotReadLosesLinesNeverTime) {
     constexpr int kLines = 10000;

@@ -32,6 +32,7 @@ void report(const std::string& text) {
 }
 
 void reportLog() {
+    flushAllLogEchoes();
     report(recordedText());
 }
 

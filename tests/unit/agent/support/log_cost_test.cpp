@@ -67,6 +67,12 @@ void slogf(std::uint32_t code, int severity, const char* format, ...) {
     ++g_lines;
 }
 
+void slogLines(std::uint32_t code, const SlogEntry* lines, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+        slogf(code, lines[i].severity, "%.*s", static_cast<int>(lines[i].length), lines[i].text);
+    }
+}
+
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 namespace {
 

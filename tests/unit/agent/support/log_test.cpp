@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <thread>
@@ -236,4 +237,131 @@ TEST(Log, LinesOfManyThreadsAreAllThereAndWhole) {
             EXPECT_NE(echo.find("QUIL: " + text + "\n"), std::string::npos) << text;
         }
     }
+}
+
+// From here on lines gather in memory of their thread, as in the running agent.
+
+TEST(BufferedLog, LinesAreHeldBackUntilTheirThreadFlushes) {
+    CapturedOutput output;
+    bufferLogEcho();
+    QUIL_LOG(LOG_LEVEL_INFO, "a %d", 1);
+    QUIL_LOG(LOG_LEVEL_NOTICE, "b");
+    EXPECT_EQ(output.written(), "");
+    EXPECT_EQ(recordedText(), "");
+    flushLogEcho();
+    const std::string line = "QUIL:log_test.cpp(";
+    EXPECT_EQ(output.written(), line + std::to_string(__LINE__ - 6) + "): a 1\n" + line +
+                                    std::to_string(__LINE__ - 6) + "): b\n");
+    EXPECT_EQ(recordedText(), "5 a 1\n4 b\n");
+    flushLogEcho();
+    EXPECT_EQ(recordedText(), "5 a 1\n4 b\n") << "told once";
+}
+
+TEST(BufferedLog, FailureGoesToTheSystemLogAtOnceWithWhatCameBefore) {
+    CapturedOutput output;
+    bufferLogEcho();
+    QUIL_LOG(LOG_LEVEL_INFO, "before");
+    QUIL_LOG(LOG_LEVEL_WARNING, "failure");
+    EXPECT_EQ(recordedText(), "5 before\n3 failure\n");
+    QUIL_LOG(LOG_LEVEL_INFO, "behind");
+    flushLogEcho();
+    EXPECT_EQ(recordedText(), "5 before\n3 failure\n5 behind\n");
+}
+
+TEST(BufferedLog, MoreLinesThanFitAreWrittenOutOnTheWay) {
+    CapturedOutput output;
+    bufferLogEcho();
+    std::string expected;
+    for (int i = 0; i < 3000; ++i) {
+        logMessage(5, nullptr, 0, "line %d", i);
+        expected += "5 line " + std::to_string(i) + "\n";
+    }
+    flushLogEcho();
+    EXPECT_EQ(recordedText(), expected);
+}
+
+TEST(BufferedLog, ThreadsDoNotWaitForEachOtherAndLoseNothing) {
+    CapturedOutput output;
+    bufferLogEcho();
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 40; ++thread) {  // more than there are buffers
+        threads.emplace_back([thread] {
+            for (int i = 0; i < 50; ++i) {
+                logMessage(5, nullptr, 0, "thread %d line %d", thread, i);
+            }
+            if (thread % 2 == 0) {
+                flushLogEcho();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    flushAllLogEchoes();
+    for (int thread = 0; thread < 40; ++thread) {
+        for (int i = 0; i < 50; ++i) {
+            const std::string text =
+                "thread " + std::to_string(thread) + " line " + std::to_string(i);
+            EXPECT_EQ(countRecorded(5, text), 1) << text;
+        }
+    }
+}
+
+TEST(BufferedLog, TextsOfEveryLengthAreWholeAndCutAt4095) {
+    CapturedOutput output;
+    bufferLogEcho();
+    for (const std::size_t size : {0U, 1U, 4094U, 4095U, 4096U, 100000U}) {
+        logMessage(5, "a.cpp", 1, "%s", std::string(size, 'x').c_str());
+        flushLogEcho();
+        EXPECT_EQ(lastLine(),
+                  "QUIL:a.cpp(1): " + std::string(std::min<std::size_t>(size, 4095), 'x'));
+    }
+}
+
+TEST(LogFromMemory, LinesAreLoggedAgainWordForWordUntilForgotten) {
+    for (const bool isBuffered : {false, true}) {
+        CapturedOutput output;
+        clearRecordedLines();
+        if (isBuffered) {
+            bufferLogEcho();
+        }
+        LogLines lines;
+        int calls = 0;
+        const auto logging = [&calls] {
+            ++calls;
+            logMessage(5, "a.cpp", 1, "call %d", calls);
+            logMessage(6, "a.cpp", 2, "not shown");
+            logMessage(4, "a.cpp", 3, "second\n");
+        };
+        for (int i = 0; i < 3; ++i) {
+            logFromMemory(&lines, logging);
+        }
+        flushLogEcho();
+        EXPECT_EQ(calls, 1);
+        EXPECT_EQ(recordedText(),
+                  "5 call 1\n4 second\n\n5 call 1\n4 second\n\n5 call 1\n4 second\n\n");
+        const std::string once = "QUIL:a.cpp(1): call 1\nQUIL:a.cpp(3): second\n\n";
+        EXPECT_EQ(output.written(), once + once + once);
+        lines.forget();
+        logFromMemory(&lines, logging);
+        EXPECT_EQ(calls, 2);
+        flushLogEcho();
+    }
+}
+
+TEST(LogFromMemory, MoreThanABufferHoldsIsLoggedAllTheSame) {
+    CapturedOutput output;
+    bufferLogEcho();
+    LogLines lines;
+    for (int round = 0; round < 2; ++round) {
+        logFromMemory(&lines, [] {
+            for (int i = 0; i < 3000; ++i) {
+                logMessage(5, nullptr, 0, "line %d", i);
+            }
+        });
+    }
+    flushLogEcho();
+    EXPECT_EQ(countRecorded(5, "line 0"), 2);
+    EXPECT_EQ(countRecorded(5, "line 2999"), 2);
+    EXPECT_EQ(recordedLines().size(), 6000U);
 }
