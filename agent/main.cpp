@@ -7,6 +7,6 @@
 
 int main(int argc, char** argv) {
     const int status = runAgent(argc, argv);
-    flushAllLogEchoes();
+    finishLogEcho();
     _exit(status);
 }

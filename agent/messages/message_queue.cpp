@@ -1,5 +1,6 @@
-// One condition, signalled once per node. The reader tests for emptiness after every wake, so
-// spurious wakes are harmless. Nothing is logged or flushed under the lock: it is a leaf.
+// One condition, signalled once per node that the reader waits for. The reader tests for emptiness
+// after every wake, so spurious wakes are harmless. Nothing is logged or flushed under the lock: it
+// is a leaf.
 
 #include "agent/messages/message_queue.hpp"
 
@@ -52,14 +53,21 @@ int QuilMessageManager::push(std::unique_ptr<QuilMessageNode> node) {
 }
 
 bool QuilMessageManager::append(std::unique_ptr<QuilMessageNode>* node) {
-    const QuilLock lock(m_mutex);
-    try {
-        m_nodes.push_back(std::move(*node));
-    } catch (...) {
-        return false;
+    bool isAwaited = false;
+    {
+        const QuilLock lock(m_mutex);
+        try {
+            m_nodes.push_back(std::move(*node));
+        } catch (...) {
+            return false;
+        }
+        m_size = static_cast<int>(m_nodes.size());
+        isAwaited = m_waiting > 0;
     }
-    m_size = static_cast<int>(m_nodes.size());
-    pthread_cond_signal(&m_condition);
+    // Behind the lock, so that the reader does not wake up only to wait for it.
+    if (isAwaited) {
+        pthread_cond_signal(&m_condition);
+    }
     return true;
 }
 
@@ -114,5 +122,8 @@ std::optional<int> QuilMessageManager::wait() {
     if (!m_nodes.empty()) {
         return std::nullopt;  // it came since take() looked, and its signal reached nobody
     }
-    return pthread_cond_wait(&m_condition, m_mutex.native());
+    ++m_waiting;
+    const int result = pthread_cond_wait(&m_condition, m_mutex.native());
+    --m_waiting;
+    return result;
 }

@@ -55,4 +55,5 @@ class QuilMessageManager {
     std::atomic<bool> m_isLoopHeldBack{false};  // the main loop is to be woken when few are left
     QuilMutex m_mutex;
     pthread_cond_t m_condition;
+    int m_waiting GUARDED_BY(m_mutex) = 0;  // readers in the condition
 };

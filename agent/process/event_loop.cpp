@@ -6,6 +6,7 @@
 
 #include "agent/process/event_loop.hpp"
 
+#include <sys/epoll.h>
 #include <sys/select.h>
 
 #include <algorithm>
@@ -66,6 +67,36 @@ class DescriptorSet {
     fd_set m_set;
     int m_highest = 0;
 };
+
+// Stands for the client object in the set. To have a file of the object service in the set itself
+// would cost two questions to the service in every pass, whoever it is about; behind a descriptor
+// of epoll it is asked when it has told of something.
+class ClientWatch {
+  public:
+    // Of the descriptor as it is now; to be repeated when it has become another file.
+    void watch(int client) {
+        m_watched = client;
+        if (m_set == -1) {
+            m_set = epoll_create1(EPOLL_CLOEXEC);
+        }
+        epoll_event event{};
+        event.events = EPOLLIN;
+        const bool isBehindSet =
+            isWatchable(m_set) && isWatchable(client) &&
+            (epoll_ctl(m_set, EPOLL_CTL_ADD, client, &event) == 0 || errno == EEXIST);
+        if (isBehindSet) {
+            m_watched = m_set;
+        }
+    }
+    // What to put into the set: the client object's own where there is no other way.
+    int descriptor() const { return m_watched; }
+
+  private:
+    int m_set = -1;  // open until the process ends
+    int m_watched = -1;
+};
+
+ClientWatch g_clientWatch;
 
 // How much of what comes in can be handed on at the moment. The rest waits where it is: pushes with
 // their senders, requests with the object service. Without queue or lanes nothing is held back, and
@@ -170,7 +201,7 @@ bool buildSet(const std::vector<QuilPort*>& ports, DescriptorSet* set) {
         return false;
     }
     if (room.forRequests()) {
-        set->add(g_clientDescriptor);
+        set->add(g_clientWatch.descriptor());
     }
     if (!isWatchable(g_pipeReadEnd)) {
         QUIL_LOG(LOG_LEVEL_ERROR,
@@ -245,6 +276,7 @@ void awaitObjectService(int error) {
         std::this_thread::sleep_for(kPause);
     } while (!isObjectServiceBack());
     postponePushIntake(std::chrono::steady_clock::now() - lost);
+    g_clientWatch.watch(g_clientDescriptor);
     QUIL_LOG(LOG_LEVEL_NOTICE, "quilAgentLoop: object service is back");
     try {
         QuilDataManager::getInstance()->reopenAndSave();
@@ -333,6 +365,7 @@ void quilAgentLoop() {
     g_sessions = QuilSessionManager::getInstance();
     g_pipeReadEnd = openWakeUp();
     g_intake = openPushIntake();
+    g_clientWatch.watch(g_clientDescriptor);
     std::vector<QuilPort*> ports;
     takeFirstPorts(&ports);
     if (g_sessions->processSimChange(quilDestroyChannel) == 0) {
@@ -353,7 +386,7 @@ void quilAgentLoop() {
         if (set.has(g_intake)) {
             serveSetAside();
         }
-        if (set.has(g_clientDescriptor)) {
+        if (set.has(g_clientWatch.descriptor())) {
             serveClient();
         }
         if (set.has(g_pipeReadEnd)) {

@@ -85,95 +85,107 @@ void writeOut(const char* bytes, std::size_t size) {
     }
 }
 
-// The lines of one thread that have not been written out.
+// Lines that have not been written out, of all threads in the order in which they came.
+struct Pending {
+    std::size_t used = 0;
+    std::size_t count = 0;
+    std::array<SlogEntry, 2048> lines;
+    std::array<char, 65536> bytes;
+
+    bool hasRoomFor(std::size_t moreBytes, std::size_t moreLines) const {
+        return bytes.size() - used >= moreBytes && lines.size() - count >= moreLines;
+    }
+};
+
+// Two, so that lines can be added to one while the other is written out.
 class Buffer {
   public:
-    // For the thread that holds it, and at the end for anybody.
-    void append(int level, const char* sourcePath, int number, const char* text, va_list arguments)
-        __attribute__((format(printf, 5, 0))) {
-        const QuilLock lock(m_lock);
-        if (!hasRoomFor(kLineBytes + 1, 1)) {
-            flushLocked();
-        }
-        char* line = m_bytes.data() + m_used;
-        const std::size_t length = format(line, sourcePath, number, text, arguments);
-        if (length == 0) {
-            return;
-        }
-        if (LogLines* lines = LogLines::recording()) {
-            lines->add(level, {line, length});
-        }
-        line[length] = '\n';
-        m_lines[m_count++] = {level, line, length};
-        m_used += length + 1;
+    void append(int level, std::string_view line) {
+        addWhenThereIsRoom(line.size() + 1, 1, [&](Pending* pending) {
+            char* at = pending->bytes.data() + pending->used;
+            pending->lines[pending->count++] = {level, at, line.size()};
+            *std::copy(line.begin(), line.end(), at) = '\n';
+            pending->used += line.size() + 1;
+        });
         if (level <= LOG_LEVEL_WARNING) {
-            handOver();
+            flush();
         }
     }
     // False when there are more than fit.
-    bool append(const LogLines& lines) {
-        const QuilLock lock(m_lock);
-        const std::size_t size = lines.text().size();
-        if (!hasRoomFor(size, lines.lines().size())) {
-            flushLocked();
-        }
-        if (!hasRoomFor(size, lines.lines().size())) {
-            return false;
-        }
-        char* at = std::copy_n(lines.text().data(), size, m_bytes.data() + m_used) - size;
-        for (const LogLines::Line& line : lines.lines()) {
-            m_lines[m_count++] = {line.level, at + line.begin, line.length};
-        }
-        m_used += size;
-        return true;
+    bool append(const LogLines& kept) {
+        const std::string& text = kept.text();
+        return addWhenThereIsRoom(text.size(), kept.lines().size(), [&](Pending* pending) {
+            char* at = pending->bytes.data() + pending->used;
+            std::copy(text.begin(), text.end(), at);
+            for (const LogLines::Line& line : kept.lines()) {
+                pending->lines[pending->count++] = {line.level, at + line.begin, line.length};
+            }
+            pending->used += text.size();
+        });
     }
+    // When it returns, everything that was added before is written out, or another thread is about
+    // to: one that is writing already does not make others wait, but looks once more.
     void flush() {
-        const QuilLock lock(m_lock);
-        flushLocked();
+        m_isWanted = true;
+        while (m_isWanted && !m_isWriting.exchange(true)) {
+            while (m_isWanted.exchange(false)) {
+                writeActive();
+            }
+            m_isWriting = false;
+            m_isWriting.notify_all();
+        }
     }
-
-    std::atomic<bool> isHeld{false};
+    // The same, and waits for the other thread.
+    void flushAndWait() {
+        flush();
+        m_isWriting.wait(true);
+    }
 
   private:
-    bool hasRoomFor(std::size_t bytes, std::size_t lines) const REQUIRES(m_lock) {
-        return m_bytes.size() - m_used >= bytes && m_lines.size() - m_count >= lines;
-    }
-    void handOver() REQUIRES(m_lock) {
-        slogLines(kSlogCode, m_lines.data() + m_handedOver, m_count - m_handedOver);
-        m_handedOver = m_count;
-    }
-    void flushLocked() REQUIRES(m_lock) {
-        writeOut(m_bytes.data(), m_used);
-        handOver();
-        m_used = m_count = m_handedOver = 0;
+    template <typename Add>
+    bool addWhenThereIsRoom(std::size_t bytes, std::size_t lines, Add add) {
+        for (int attempts = 0; attempts < kAttempts; ++attempts) {
+            {
+                const QuilLock lock(m_lock);
+                if (m_active->hasRoomFor(bytes, lines)) {
+                    add(m_active);
+                    return true;
+                }
+            }
+            flushAndWait();
+        }
+        return false;
     }
 
-    QuilMutex m_lock;
-    std::size_t m_used GUARDED_BY(m_lock) = 0;
-    std::size_t m_count GUARDED_BY(m_lock) = 0;
-    std::size_t m_handedOver GUARDED_BY(m_lock) = 0;  // of these lines
-    std::array<SlogEntry, 1024> m_lines GUARDED_BY(m_lock);
-    std::array<char, 65536> m_bytes GUARDED_BY(m_lock);
+    // By the thread that set m_isWriting, which has what is not active to itself.
+    void writeActive() {
+        Pending* full = nullptr;
+        {
+            const QuilLock lock(m_lock);
+            full = m_active;
+            m_active = full == &m_pending[0] ? &m_pending[1] : &m_pending[0];
+        }
+        writeOut(full->bytes.data(), full->used);
+        slogLines(kSlogCode, full->lines.data(), full->count);
+        full->used = full->count = 0;
+    }
+
+    // Other threads may fill a buffer again before this one comes to it.
+    static constexpr int kAttempts = 100;
+
+    std::atomic<bool> m_isWanted{false};
+    std::atomic<bool> m_isWriting{false};
+    QuilMutex m_lock;  // held while some bytes are copied
+    Pending m_pending[2];
+    Pending* m_active GUARDED_BY(m_lock) = &m_pending[0];
 };
 
-// More than there are threads; untouched ones cost nothing.
-std::array<Buffer, 32> g_buffers;
-thread_local Buffer* t_buffer = nullptr;
-
-// The calling thread's, null when all are held.
-Buffer* ownBuffer() {
-    for (auto next = g_buffers.begin(); t_buffer == nullptr && next != g_buffers.end(); ++next) {
-        if (!next->isHeld.load(std::memory_order_relaxed) && !next->isHeld.exchange(true)) {
-            t_buffer = &*next;
-        }
-    }
-    return t_buffer;
-}
+Buffer g_buffer;
 
 // In a function of its own, so that its buffer is on the stack only once there is room for it.
-__attribute__((noinline, format(printf, 4, 0))) void emitAtOnce(int level, const char* sourcePath,
-                                                                int number, const char* text,
-                                                                va_list arguments) {
+__attribute__((noinline, format(printf, 4, 0))) void emit(int level, const char* sourcePath,
+                                                          int number, const char* text,
+                                                          va_list arguments) {
     char line[kLineBytes + 1];
     const std::size_t length = format(line, sourcePath, number, text, arguments);
     if (length == 0) {
@@ -181,6 +193,10 @@ __attribute__((noinline, format(printf, 4, 0))) void emitAtOnce(int level, const
     }
     if (LogLines* lines = LogLines::recording()) {
         lines->add(level, {line, length});
+    }
+    if (g_isBuffered) {
+        g_buffer.append(level, {line, length});
+        return;
     }
     slogf(kSlogCode, level, "%.*s", static_cast<int>(length), line);
     line[length] = '\n';
@@ -201,12 +217,7 @@ void logMessage(int level, const char* sourcePath, int line, const char* format,
     if (hasStackForText()) {
         va_list arguments;
         va_start(arguments, format);
-        Buffer* const buffer = g_isBuffered ? ownBuffer() : nullptr;
-        if (buffer != nullptr) {
-            buffer->append(level, sourcePath, line, format, arguments);
-        } else {
-            emitAtOnce(level, sourcePath, line, format, arguments);
-        }
+        emit(level, sourcePath, line, format, arguments);
         va_end(arguments);
     } else {
         slogf(kSlogCode, LOG_LEVEL_SHORTAGE, "Couldn't allocate stack for error message...");
@@ -216,8 +227,7 @@ void logMessage(int level, const char* sourcePath, int line, const char* format,
 
 void logKeptLines(const LogLines& kept) {
     const int savedErrno = errno;
-    Buffer* const buffer = g_isBuffered ? ownBuffer() : nullptr;
-    if (buffer == nullptr || !buffer->append(kept)) {
+    if (!g_isBuffered || !g_buffer.append(kept)) {
         flushLogEcho();
         for (const LogLines::Line& line : kept.lines()) {
             const char* text = kept.text().data() + line.begin;
@@ -237,27 +247,23 @@ void raiseVerbosity(int n) {
 
 void bufferLogEcho() {
     std::fflush(stdout);
-    std::atexit(flushAllLogEchoes);
+    std::atexit(finishLogEcho);
     g_isBuffered = true;
 }
 
 void flushLogEcho() {
     const int savedErrno = errno;
-    if (!g_isBuffered) {
+    if (g_isBuffered) {
+        g_buffer.flush();
+    } else {
         std::fflush(stdout);
-    } else if (t_buffer != nullptr) {
-        t_buffer->flush();
-        t_buffer->isHeld = false;
-        t_buffer = nullptr;
     }
     errno = savedErrno;
 }
 
-void flushAllLogEchoes() {
+void finishLogEcho() {
     const int savedErrno = errno;
     std::fflush(stdout);
-    for (Buffer& buffer : g_buffers) {
-        buffer.flush();
-    }
+    g_buffer.flushAndWait();
     errno = savedErrno;
 }

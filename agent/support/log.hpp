@@ -2,8 +2,8 @@
 //
 // A line goes to the system log and is echoed on standard output as "QUIL:file.cpp(LINE): text".
 // Lines above the process-wide verbosity cost one comparison. errno is the same after a line as
-// before it, so that a caller may log and then still report errno. The lines of one thread keep
-// their order; those of several threads stand in the order in which they were written out.
+// before it, so that a caller may log and then still report errno. Lines keep
+// their order, those of several threads too.
 //
 // Nothing in this unit allocates; what it calls may: see slogf for what a line costs there.
 //
@@ -59,15 +59,15 @@ void logFromMemory(LogLines* lines, Logging logging) {
     logging();
 }
 
-// Lets lines gather in memory of their thread, for the echo as for the system log, so that they
-// cost no system call each; those of level 3 and below go to the system log at once all the same.
-// Once, before the first line and before there are threads. Until then every line goes its way
-// before the call returns.
+// Lets lines gather in memory, for the echo as for the system log, so that they cost no system call
+// each; a line of level 3 or below is written out at once all the same, with those before it. Once,
+// before the first line and before there are threads. Until then every line goes its way before the
+// call returns. exit(3) then writes out what is left; _exit(2) does not.
 void bufferLogEcho();
 
-// Writes out what the calling thread holds back. To be called before a thread waits or ends, so
-// that an idle process has shown all its lines.
+// Writes out what is held back, of all threads, or leaves it to another thread that is just doing
+// so. To be called before a thread waits or ends, so that an idle process has shown all its lines.
 void flushLogEcho();
 
-// The same for all threads: at the end of the process. exit(3) does it by itself.
-void flushAllLogEchoes();
+// The same, and everything is written out when it returns: for the end of the process.
+void finishLogEcho();

@@ -150,6 +150,13 @@ void ClientsTest::replaceDescriptor() {
     m_client = ends[1];
 }
 
+// A connection that ends with something unread was broken off.
+void ClientsTest::breakConnection() {
+    ASSERT_EQ(write(clientDescriptor(), "unread", 6), 6);
+    close(m_client);
+    m_client = -1;
+}
+
 void ClientsTest::serveObject() {
     prepareObject();
     ASSERT_NE(clientIfInit(), -1);

@@ -54,6 +54,8 @@ class ClientsTest : public ::testing::Test {
     // Puts one end of a pair of packet sockets in the place of the served object's descriptor. One
     // packet is one message, either way, and what does not fit a read is lost: as it is there.
     void replaceDescriptor();
+    // Ends the pair as the object service ends: the next read of the descriptor fails.
+    void breakConnection();
     // Both of them around clientIfInit.
     void serveObject();
 

@@ -32,7 +32,7 @@ void report(const std::string& text) {
 }
 
 void reportLog() {
-    flushAllLogEchoes();
+    flushLogEcho();
     report(recordedText());
 }
 

@@ -239,9 +239,9 @@ TEST(Log, LinesOfManyThreadsAreAllThereAndWhole) {
     }
 }
 
-// From here on lines gather in memory of their thread, as in the running agent.
+// From here on lines gather in memory, as in the running agent.
 
-TEST(BufferedLog, LinesAreHeldBackUntilTheirThreadFlushes) {
+TEST(BufferedLog, LinesAreHeldBackUntilAThreadFlushes) {
     CapturedOutput output;
     bufferLogEcho();
     QUIL_LOG(LOG_LEVEL_INFO, "a %d", 1);
@@ -280,11 +280,11 @@ TEST(BufferedLog, MoreLinesThanFitAreWrittenOutOnTheWay) {
     EXPECT_EQ(recordedText(), expected);
 }
 
-TEST(BufferedLog, ThreadsDoNotWaitForEachOtherAndLoseNothing) {
+TEST(BufferedLog, LinesOfManyThreadsAreAllThere) {
     CapturedOutput output;
     bufferLogEcho();
     std::vector<std::thread> threads;
-    for (int thread = 0; thread < 40; ++thread) {  // more than there are buffers
+    for (int thread = 0; thread < 40; ++thread) {
         threads.emplace_back([thread] {
             for (int i = 0; i < 50; ++i) {
                 logMessage(5, nullptr, 0, "thread %d line %d", thread, i);
@@ -297,7 +297,7 @@ TEST(BufferedLog, ThreadsDoNotWaitForEachOtherAndLoseNothing) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    flushAllLogEchoes();
+    flushLogEcho();
     for (int thread = 0; thread < 40; ++thread) {
         for (int i = 0; i < 50; ++i) {
             const std::string text =
@@ -305,6 +305,24 @@ TEST(BufferedLog, ThreadsDoNotWaitForEachOtherAndLoseNothing) {
             EXPECT_EQ(countRecorded(5, text), 1) << text;
         }
     }
+}
+
+TEST(BufferedLog, LinesOfSeveralThreadsStandInTheOrderInWhichTheyCame) {
+    CapturedOutput output;
+    bufferLogEcho();
+    std::string expected;
+    for (int i = 0; i < 20; ++i) {
+        expected += "5 first " + std::to_string(i) + "\n5 then " + std::to_string(i) + "\n";
+        logMessage(5, nullptr, 0, "first %d", i);
+        std::thread([i] {
+            logMessage(5, nullptr, 0, "then %d", i);
+            if (i % 3 == 0) {
+                flushLogEcho();
+            }
+        }).join();
+    }
+    flushLogEcho();
+    EXPECT_EQ(recordedText(), expected);
 }
 
 TEST(BufferedLog, TextsOfEveryLengthAreWholeAndCutAt4095) {
