@@ -10,12 +10,13 @@
 #include <cstddef>
 #include <exception>
 #include <new>
-#include <stdexcept>
 #include <utility>
 
+#include "agent/messages/message_factory.hpp"
 #include "agent/messages/message_queue.hpp"
 #include "agent/messages/reply_messages.hpp"
 #include "agent/process/dispatch.hpp"
+#include "agent/requests/request_completion.hpp"
 #include "agent/support/log.hpp"
 #include "agent/support/service_life.hpp"
 #include "agent/support/wake_up.hpp"
@@ -26,9 +27,40 @@ bool beginsExchange(const QuilMessageNode& node) {
     return node.getType() == MESSAGE_SERVER_REGISTER || node.getType() == MESSAGE_SERVER_DEREGISTER;
 }
 
+// A completion; an application that is refused its "createChannel" gets a message of the same type,
+// with a code.
 bool endsExchange(const QuilMessageNode& node) {
-    return node.getType() == MESSAGE_CREATE_CHANNEL_COMPLETE ||
+    return (node.getType() == MESSAGE_CREATE_CHANNEL_COMPLETE &&
+            node.getMessage()->getErrorCode() == RESULT_OK) ||
            node.getType() == MESSAGE_DESTROY_CHANNEL_COMPLETE;
+}
+
+// Of a node and its message, beside the texts in it.
+constexpr std::size_t kNodeBytes = 320;
+
+// What a request makes its lane hold. Nothing for pushes, whose ports are left alone when there are
+// many, and for what ends an exchange, which is one for each that was begun.
+std::size_t bytesOfRequest(const QuilMessageNode& node) {
+    const QuilBaseMessage* message = node.getMessage();
+    if (message == nullptr || node.getType() == MESSAGE_PUSH || endsExchange(node)) {
+        return 0;
+    }
+    return kNodeBytes + message->getName().size() + message->getId().size() +
+           message->getClientId().size() + message->getArgument().size();
+}
+
+// An exchange that there is no room for has failed before it began.
+void refuseExchange(const QuilMessageNode& node) {
+    const QuilBaseMessage& request = *node.getMessage();
+    const bool isRegistration = node.getType() == MESSAGE_SERVER_REGISTER;
+    std::unique_ptr<QuilBaseMessage> answer = QuilMessageFactory::getInstance()->createMessage(
+        isRegistration ? MESSAGE_CREATE_CHANNEL_COMPLETE : MESSAGE_DESTROY_CHANNEL_COMPLETE,
+        request.getName(), request.getId(), request.getClientId());
+    answer->setLife(request.getLife());
+    if (!isRegistration) {  // a failed creation is known by its empty token
+        answer->setErrorCode(RESULT_INTERNAL_FAILURE);
+    }
+    sendCallbackResponse(std::move(answer));
 }
 
 // The answer to a "createSession" of the present life of the object service.
@@ -72,9 +104,20 @@ QuilExchanges::QuilExchanges() {
 
 bool QuilExchanges::take(std::unique_ptr<QuilMessageNode>* node) {
     const bool begins = beginsExchange(**node);
+    std::size_t newlyFull = 0;
+    Appended appended = Appended::Yes;
     try {
-        if (!append(node)) {
-            return false;
+        appended = append(node, &newlyFull);
+        if (newlyFull > 0) {
+            QUIL_LOG(LOG_LEVEL_WARNING,
+                     "msgHandler: app id [%s]: %d messages wait for its push data server, further "
+                     "requests do not wait for their turn",
+                     appIdOf(**node).c_str(), static_cast<int>(newlyFull));
+        }
+        if (appended == Appended::NoRoom && begins) {
+            refuseExchange(**node);
+            node->reset();
+            return true;
         }
     } catch (const std::exception& thrown) {
         QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]: %s",
@@ -83,37 +126,45 @@ bool QuilExchanges::take(std::unique_ptr<QuilMessageNode>* node) {
         node->reset();
         return true;
     }
-    if (begins) {
+    if (appended == Appended::Yes && begins) {
         startThread();
     }
-    return true;
+    return appended == Appended::Yes;
 }
 
-// Puts the node into its application's lane; makes one when it begins an exchange. False when there
-// is no lane for it.
-bool QuilExchanges::append(std::unique_ptr<QuilMessageNode>* node) {
+bool QuilExchanges::hasRoomFor(const Lane& lane, std::size_t bytes) const {
+    const std::size_t held = lane.bytes + bytes;
+    return held <= kMostBytes && (held <= kFewBytes || m_bytes + bytes <= kMostBytesInAll);
+}
+
+// Puts the node into its application's lane; makes one when it begins an exchange. `newlyFull` gets
+// how many wait in a lane that there has been room in so far.
+QuilExchanges::Appended QuilExchanges::append(std::unique_ptr<QuilMessageNode>* node,
+                                              std::size_t* newlyFull) {
     const std::string appId = appIdOf(**node);
+    const std::size_t bytes = bytesOfRequest(**node);
     const QuilLock lock(m_lock);
     const auto found = m_lanes.find(appId);
     if (found != m_lanes.end()) {
         Lane& lane = found->second;
         if (lane.isParked && (*node)->getType() == MESSAGE_CREATE_SESSION_COMPLETE) {
-            return false;  // the answer that the lane waits for goes past it
+            return Appended::NoLane;  // the answer that the lane waits for goes past it
         }
-        // What ends an exchange comes when the lane may be full of what waited for it.
-        const std::size_t most = endsExchange(**node) ? 2 * kMostNodes : kMostNodes;
-        if (lane.nodes.size() >= most) {
-            throw std::length_error("too many messages wait for one application");
+        if (bytes > 0 && !hasRoomFor(lane, bytes)) {
+            *newlyFull = std::exchange(lane.isFull, true) ? 0 : lane.nodes.size();
+            return Appended::NoRoom;
         }
         lane.nodes.push_back(std::move(*node));
+        lane.bytes += bytes;
+        m_bytes += bytes;
         if (lane.nodes.size() >= kManyNodes && !lane.isCrowded) {
             lane.isCrowded = true;
             ++m_crowded;
         }
-        return true;
+        return Appended::Yes;
     }
     if (!beginsExchange(**node)) {
-        return false;
+        return Appended::NoLane;
     }
     const std::string server = serverOf(**node);
     queueLane(appId, server);
@@ -124,7 +175,7 @@ bool QuilExchanges::append(std::unique_ptr<QuilMessageNode>* node) {
         std::erase_if(m_waiting, [](const auto& entry) { return entry.second.empty(); });
         throw;
     }
-    return true;
+    return Appended::Yes;
 }
 
 // Either all of it happens or, without memory, nothing.
@@ -133,8 +184,10 @@ void QuilExchanges::makeLane(const std::string& appId, const std::string& server
     Lane lane;
     lane.server = server;
     lane.nodes.push_back(nullptr);
+    lane.bytes = bytesOfRequest(**node);
     Lane& made = m_lanes.emplace(appId, std::move(lane)).first->second;
     made.nodes.front() = std::move(*node);
+    m_bytes += made.bytes;
 }
 
 void QuilExchanges::queueLane(const std::string& appId, const std::string& server) {
@@ -286,6 +339,9 @@ std::unique_ptr<QuilMessageNode> QuilExchanges::takeFrom(const std::string& appI
         --m_crowded;
         *isRelieved = true;
     }
+    if (lane.nodes.size() <= kFewNodes) {
+        lane.isFull = false;
+    }
     if (lane.nodes.empty()) {
         std::erase(m_running, &lane);
         m_lanes.erase(appId);
@@ -296,6 +352,9 @@ std::unique_ptr<QuilMessageNode> QuilExchanges::takeFrom(const std::string& appI
     }
     std::unique_ptr<QuilMessageNode> node = std::move(lane.nodes.front());
     lane.nodes.pop_front();
+    const std::size_t bytes = bytesOfRequest(*node);
+    lane.bytes -= bytes;
+    m_bytes -= bytes;
     return node;
 }
 

@@ -27,11 +27,17 @@ class QuilExchanges {
     static constexpr int kThreadsForOthers = 4;
 
     // From so many nodes in its lane on, nothing more is taken off an application's port; the main
-    // loop is woken when there are few again. Beyond the most, what is queued for it is dropped
-    // with a line; what ends an exchange has as much room again.
+    // loop is woken when there are few again.
     static constexpr std::size_t kManyNodes = 64;
     static constexpr std::size_t kFewNodes = 16;
-    static constexpr std::size_t kMostNodes = 1024;
+
+    // What requests may make one lane hold, about ten thousand answers, and all lanes together,
+    // where a lane that holds little is let have that in any case. Beyond it nothing is dropped
+    // either: answers go out past the lane, and exchanges end as failed ones before they begin.
+    // Pushes and what ends an exchange always have room, as there are never many of them.
+    static constexpr std::size_t kMostBytes = std::size_t{4} << 20;
+    static constexpr std::size_t kMostBytesInAll = std::size_t{32} << 20;
+    static constexpr std::size_t kFewBytes = std::size_t{64} << 10;
 
     // The one instance; lives until the process ends. Null without memory.
     static QuilExchanges* getInstance();
@@ -58,15 +64,20 @@ class QuilExchanges {
   private:
     struct Lane {
         std::deque<std::unique_ptr<QuilMessageNode>> nodes;
-        std::string server;  // that its present or next exchange is with
+        std::string server;     // that its present or next exchange is with
+        std::size_t bytes = 0;  // of nodes that requests made
         bool isCrowded = false;
+        bool isFull = false;    // which has been said
         bool isParked = false;  // its first node awaits the application's client
     };
     // Applications whose lanes wait for a thread, oldest first, by server.
     using Waiting = std::map<std::string, std::deque<std::string>>;
 
+    enum class Appended { Yes, NoLane, NoRoom };
+
     QuilExchanges();
-    bool append(std::unique_ptr<QuilMessageNode>* node);
+    Appended append(std::unique_ptr<QuilMessageNode>* node, std::size_t* newlyFull);
+    bool hasRoomFor(const Lane& lane, std::size_t bytes) const REQUIRES(m_lock);
     void makeLane(const std::string& appId, const std::string& server,
                   std::unique_ptr<QuilMessageNode>* node) REQUIRES(m_lock);
     void queueLane(const std::string& appId, const std::string& server) REQUIRES(m_lock);
@@ -97,5 +108,6 @@ class QuilExchanges {
     std::string m_lastServer GUARDED_BY(m_lock);            // whose turn it was
     std::vector<const Lane*> m_running GUARDED_BY(m_lock);  // at most one a thread
     int m_threads GUARDED_BY(m_lock) = 0;
-    std::atomic<int> m_crowded{0};  // lanes; written under the lock
+    std::size_t m_bytes GUARDED_BY(m_lock) = 0;  // of all lanes
+    std::atomic<int> m_crowded{0};               // lanes; written under the lock
 };
