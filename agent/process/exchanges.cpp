@@ -18,7 +18,6 @@
 #include "agent/process/dispatch.hpp"
 #include "agent/requests/request_completion.hpp"
 #include "agent/support/log.hpp"
-#include "agent/support/service_life.hpp"
 #include "agent/support/wake_up.hpp"
 
 namespace {
@@ -61,12 +60,6 @@ void refuseExchange(const QuilMessageNode& node) {
         answer->setErrorCode(RESULT_INTERNAL_FAILURE);
     }
     sendCallbackResponse(std::move(answer));
-}
-
-// The answer to a "createSession" of the present life of the object service.
-bool isPresentAnswer(const std::unique_ptr<QuilMessageNode>& node) {
-    return node->getType() == MESSAGE_CREATE_SESSION_COMPLETE && node->getMessage() != nullptr &&
-           node->getMessage()->getLife() == serviceLife();
 }
 
 std::string appIdOf(const QuilMessageNode& node) {
@@ -114,9 +107,8 @@ bool QuilExchanges::take(std::unique_ptr<QuilMessageNode>* node) {
                      "requests do not wait for their turn",
                      appIdOf(**node).c_str(), static_cast<int>(newlyFull));
         }
-        if (appended == Appended::NoRoom && begins) {
-            refuseExchange(**node);
-            node->reset();
+        if (appended == Appended::NoRoom) {
+            answerPastLane(node);
             return true;
         }
     } catch (const std::exception& thrown) {
@@ -130,6 +122,30 @@ bool QuilExchanges::take(std::unique_ptr<QuilMessageNode>* node) {
         startThread();
     }
     return appended == Appended::Yes;
+}
+
+// For what there is no room for in its application's lane.
+void QuilExchanges::answerPastLane(std::unique_ptr<QuilMessageNode>* node) {
+    if (beginsExchange(**node)) {
+        refuseExchange(**node);
+        node->reset();
+        return;
+    }
+    const bool hasReturned = (*node)->getType() == MESSAGE_CREATE_SESSION_COMPLETE;
+    const std::string appId = appIdOf(**node);
+    handleOutOfTurn(node);
+    if (!hasReturned) {
+        return;
+    }
+    {
+        const QuilLock lock(m_lock);
+        const auto found = m_lanes.find(appId);
+        if (found != m_lanes.end()) {
+            found->second.hasReturned = true;
+            return;
+        }
+    }
+    deliverParkedPushes(appId);
 }
 
 bool QuilExchanges::hasRoomFor(const Lane& lane, std::size_t bytes) const {
@@ -147,9 +163,6 @@ QuilExchanges::Appended QuilExchanges::append(std::unique_ptr<QuilMessageNode>* 
     const auto found = m_lanes.find(appId);
     if (found != m_lanes.end()) {
         Lane& lane = found->second;
-        if (lane.isParked && (*node)->getType() == MESSAGE_CREATE_SESSION_COMPLETE) {
-            return Appended::NoLane;  // the answer that the lane waits for goes past it
-        }
         if (bytes > 0 && !hasRoomFor(lane, bytes)) {
             *newlyFull = std::exchange(lane.isFull, true) ? 0 : lane.nodes.size();
             return Appended::NoRoom;
@@ -198,34 +211,6 @@ void QuilExchanges::queueLane(const std::string& appId, const std::string& serve
         std::erase_if(m_waiting, [](const auto& entry) { return entry.second.empty(); });
         throw;
     }
-}
-
-void QuilExchanges::park(std::unique_ptr<QuilMessageNode> node) {
-    try {
-        const std::string appId = appIdOf(*node);
-        const QuilLock lock(m_lock);
-        makeLane(appId, "", &node);
-        m_lanes.at(appId).isParked = true;
-    } catch (...) {
-        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]",
-                 node->getType());
-        closeConnectionOf(*node);
-    }
-}
-
-// Worked off on the caller's thread, which is where its nodes would have been handled: only an
-// exchange among them has to wait for a thread.
-void QuilExchanges::unpark(const std::string& appId) {
-    {
-        const QuilLock lock(m_lock);
-        const auto found = m_lanes.find(appId);
-        if (found == m_lanes.end() || !found->second.isParked) {
-            return;
-        }
-        found->second.isParked = false;
-    }
-    workOff(appId, false);
-    startThread();
 }
 
 void QuilExchanges::startThread() {
@@ -315,32 +300,38 @@ std::string QuilExchanges::takeNext() {
 
 void QuilExchanges::workOff(const std::string& appId, bool mayBeginExchange) {
     for (;;) {
-        bool isRelieved = false;
-        std::unique_ptr<QuilMessageNode> node = takeFrom(appId, mayBeginExchange, &isRelieved);
+        Due due;
+        std::unique_ptr<QuilMessageNode> node = takeFrom(appId, mayBeginExchange, &due);
         mayBeginExchange = false;
-        if (isRelieved) {
+        if (due.wakeUp) {
             wakeMainLoop();
         }
-        if (node == nullptr) {
+        if (due.parkedPushes) {
+            deliverParkedPushes(appId);
+        } else if (node == nullptr) {
             return;
-        }
-        if (handleNode(&node) == NodeOutcome::AwaitsClient && parkAgain(appId, &node)) {
-            return;
+        } else {
+            handleNode(&node);
         }
     }
 }
 
 std::unique_ptr<QuilMessageNode> QuilExchanges::takeFrom(const std::string& appId,
-                                                         bool mayBeginExchange, bool* isRelieved) {
+                                                         bool mayBeginExchange, Due* due) {
     const QuilLock lock(m_lock);
     Lane& lane = m_lanes.at(appId);
     if (lane.isCrowded && lane.nodes.size() <= kFewNodes) {
         lane.isCrowded = false;
         --m_crowded;
-        *isRelieved = true;
+        due->wakeUp = true;
     }
     if (lane.nodes.size() <= kFewNodes) {
         lane.isFull = false;
+    }
+    if (lane.nodes.empty() && lane.hasReturned) {
+        lane.hasReturned = false;
+        due->parkedPushes = true;
+        return nullptr;
     }
     if (lane.nodes.empty()) {
         std::erase(m_running, &lane);
@@ -376,30 +367,4 @@ bool QuilExchanges::isCrowded(const std::string& appId) {
     const QuilLock lock(m_lock);
     const auto found = m_lanes.find(appId);
     return found != m_lanes.end() && found->second.isCrowded;
-}
-
-// Puts a push back to the front of its lane, which then waits for the application. False when the
-// lane is to be gone on with: the application has come back meanwhile, or, without memory, the push
-// was dropped with a line.
-bool QuilExchanges::parkAgain(const std::string& appId, std::unique_ptr<QuilMessageNode>* node) {
-    try {
-        const QuilLock lock(m_lock);
-        Lane& lane = m_lanes.at(appId);
-        lane.nodes.push_front(std::move(*node));
-        const auto answer = std::find_if(lane.nodes.begin(), lane.nodes.end(), isPresentAnswer);
-        if (answer != lane.nodes.end()) {
-            // Its answer first, as if it had gone past the parked lane.
-            std::rotate(lane.nodes.begin(), answer, answer + 1);
-            return false;
-        }
-        lane.isParked = true;
-        std::erase(m_running, &lane);
-        return true;
-    } catch (...) {
-        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]",
-                 (*node)->getType());
-        closeConnectionOf(**node);
-        node->reset();
-        return false;
-    }
 }

@@ -49,13 +49,6 @@ class QuilExchanges {
     // handler thread alone. Where no thread can be started the exchange runs before this returns.
     bool take(std::unique_ptr<QuilMessageNode>* node);
 
-    // Keeps a push whose application is away, and what is queued for the application behind it,
-    // until unpark. For the message handler thread alone; `node` is dropped with a line without
-    // memory.
-    void park(std::unique_ptr<QuilMessageNode> node);
-    // The application is back: what was parked for it is handled, in its order.
-    void unpark(const std::string& appId);
-
     // Whether many nodes wait in some lane, or in that application's. For the main loop, before
     // each wait.
     bool hasCrowd() const { return m_crowded != 0; }
@@ -67,8 +60,9 @@ class QuilExchanges {
         std::string server;     // that its present or next exchange is with
         std::size_t bytes = 0;  // of nodes that requests made
         bool isCrowded = false;
-        bool isFull = false;    // which has been said
-        bool isParked = false;  // its first node awaits the application's client
+        bool isFull = false;  // which has been said
+        // The answer to a "createSession" went past it: parked pushes are due at its end.
+        bool hasReturned = false;
     };
     // Applications whose lanes wait for a thread, oldest first, by server.
     using Waiting = std::map<std::string, std::deque<std::string>>;
@@ -81,7 +75,7 @@ class QuilExchanges {
     void makeLane(const std::string& appId, const std::string& server,
                   std::unique_ptr<QuilMessageNode>* node) REQUIRES(m_lock);
     void queueLane(const std::string& appId, const std::string& server) REQUIRES(m_lock);
-    bool parkAgain(const std::string& appId, std::unique_ptr<QuilMessageNode>* node);
+    void answerPastLane(std::unique_ptr<QuilMessageNode>* node);
     void startThread();
     static void* runThread(void* exchanges);
     void work();
@@ -95,10 +89,15 @@ class QuilExchanges {
     // Handles what is in the lane; up to the first exchange, or with `mayBeginExchange` the second,
     // which then waits for its turn.
     void workOff(const std::string& appId, bool mayBeginExchange);
-    // The lane's next node; null when it is empty, and then the lane is gone, or when it has to
-    // wait for its turn.
+    // What workOff has to do beside handling a node.
+    struct Due {
+        bool wakeUp = false;
+        bool parkedPushes = false;
+    };
+    // The lane's next node; null when it is empty, and then the lane is gone unless parked pushes
+    // are due, or when it has to wait for its turn.
     std::unique_ptr<QuilMessageNode> takeFrom(const std::string& appId, bool mayBeginExchange,
-                                              bool* isRelieved);
+                                              Due* due);
     bool waitForTurn(const std::string& appId, Lane* lane) REQUIRES(m_lock);
 
     // A leaf: nothing else is taken, logged or destroyed under it.

@@ -17,6 +17,7 @@
 #include "agent/configuration/config_manager.hpp"
 #include "agent/connections/owned_socket.hpp"
 #include "agent/pushes/allowed_senders.hpp"
+#include "agent/pushes/dead_senders.hpp"
 #include "agent/pushes/push_connection.hpp"
 #include "agent/pushes/set_aside.hpp"
 #include "agent/sessions/session_manager.hpp"
@@ -85,7 +86,7 @@ bool isAllowed(int socket) {
 // none of these.
 bool makeRoom() {
     QuilSessionManager* sessions = QuilSessionManager::getInstance();
-    if (sessions->letGoOfDeadPushSockets() > 0 || setAside().closeLongestSilent()) {
+    if (letGoOfDeadSenders() > 0 || setAside().closeLongestSilent()) {
         return true;
     }
     int given = 0;
@@ -105,7 +106,7 @@ int acceptConnection(QuilSession& session) {
     if (socket != -1) {
         socket = moveToHighDescriptor(socket);
         QuilSessionManager* sessions = QuilSessionManager::getInstance();
-        if (socket >= firstReservedDescriptor() && sessions->letGoOfDeadPushSockets() == 0) {
+        if (socket >= firstReservedDescriptor() && letGoOfDeadSenders() == 0) {
             sessions->giveUpOldestPushSocket();
         }
         return socket;

@@ -10,8 +10,8 @@
 
 #include <cerrno>
 
-#include "agent/configuration/config_manager.hpp"
 #include "agent/connections/acknowledgement.hpp"
+#include "agent/connections/hang_up.hpp"
 #include "agent/connections/listening_socket.hpp"
 #include "agent/sessions/states/session_states.hpp"
 #include "agent/support/decoder_string.hpp"
@@ -22,17 +22,9 @@ namespace {
 
 using Lock = QuilLock<QuilRecursiveMutex>;
 
-// Where no time is set for a push to come in.
-constexpr std::chrono::seconds kDefaultPatience{30};
-
 // Whether nobody waits on that connection any more, as far as can be told.
 bool isDead(const QuilPushSocket& kept) {
-    const std::optional<std::chrono::milliseconds> hungUp = kept.hungUpFor();
-    if (!hungUp) {
-        return false;
-    }
-    const std::chrono::seconds timeout(QuilConfigManager::getInstance()->getPushTimeout());
-    return *hungUp >= (timeout.count() > 0 ? timeout : kDefaultPatience);
+    return hasHungUpFor(kept.getSocket(), patienceWithHungUp());
 }
 
 // Half of the descriptors there can be, which start-up has settled: one session must leave the

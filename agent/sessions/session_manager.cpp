@@ -10,8 +10,6 @@ namespace {
 
 using Lock = QuilLock<QuilRecursiveMutex>;
 
-constexpr std::chrono::seconds kPauseBetweenLooks{1};
-
 }  // namespace
 
 QuilSessionManager* QuilSessionManager::getInstance() {
@@ -309,15 +307,6 @@ void QuilSessionManager::forgetClients() {
     const Lock lock(m_lock);
     for (const auto& entry : m_sessions) {
         entry.second->setClientObjectId("");
-    }
-}
-
-void QuilSessionManager::lookForDeadPushSockets() {
-    const Lock lock(m_lock);
-    const auto now = std::chrono::steady_clock::now();
-    if (now >= m_nextLookForDead) {
-        m_nextLookForDead = now + kPauseBetweenLooks;
-        letGoOfDeadPushSockets();
     }
 }
 

@@ -187,6 +187,43 @@ class Exchanges : public SessionsTest {
     static std::string longId(int number) {
         return std::to_string(number) + std::string(7000, 'x');
     }
+    static QuilSession* addRegistered(const std::string& appId) {
+        addSession(appId);
+        QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId(appId);
+        putIntoState(*session, STATE_REGISTER);
+        return session;
+    }
+    static std::unique_ptr<QuilPushMessage> makePush(const std::string& appId,
+                                                     const std::string& id,
+                                                     const std::string& client = "a") {
+        const std::string bytes = "POST /\r\nPush-Message-ID:" + id + "\r\n\r\nhello";
+        auto message = std::make_unique<QuilPushMessage>(appId, "@ipc." + client);
+        message->setPayload(bytes.data(), static_cast<int>(bytes.size()));
+        return message;
+    }
+    // The object service ends with the push on its way. Returns when the push has been parked.
+    void parkPush(const std::string& appId, std::unique_ptr<QuilPushMessage> message) {
+        QuilSessionManager::getInstance()->forgetClients();
+        endServiceLife();
+        const int before = countRecorded(6, "pushNotification: app id[" + appId + "]\n");
+        push(5, std::move(message));
+        ASSERT_TRUE(waitUntil([&] {
+            return countRecorded(6, "pushNotification: app id[" + appId + "]\n") > before;
+        }));
+    }
+    void parkPush(const std::string& appId, const std::string& id) {
+        parkPush(appId, makePush(appId, id));
+    }
+    // "createSession" of another client.
+    static void comeBack(const std::string& appId, const std::string& client,
+                         const std::string& id) {
+        QuilSessionManager::getInstance()->getSessionByAppId(appId)->setClientObjectId("@ipc." +
+                                                                                       client);
+        push(1, std::make_unique<QuilCreateSessionCompleteMessage>(appId, id, "@ipc." + client));
+    }
+    static void pushTo(const std::string& appId, const std::string& client, const std::string& id) {
+        push(4, std::make_unique<QuilResponseMessage>(appId, id, "@ipc." + client));
+    }
     // Queues requests of an application, whose exchange is under way, until no more can wait.
     void fillLane(const std::string& appId) {
         for (int i = 0; i < 700; ++i) {
@@ -490,22 +527,90 @@ TEST_F(Exchanges, WithoutAThreadTheExchangeHappensAllTheSame) {
     EXPECT_TRUE(wasLogged(3, "No thread for an exchange with a push data server"));
 }
 
+// What was parked awaits the application's client; nothing else of the application does.
+TEST_F(Exchanges, RepliesAndExchangesDoNotWaitBehindAParkedPush) {
+    HoldingServer server;
+    server.release();
+    QuilSession* session = addRegistered("a");
+    parkPush("a", "m1");
+    pushTo("a", "z", "r1");
+    EXPECT_TRUE(waitUntilTold("z:r1 ")) << told();
+    push(7, std::make_unique<QuilServerRegMessage>("a", "c", "@ipc.z", server.url()));
+    EXPECT_TRUE(waitUntilTold("z:r1 z:c ")) << told();
+    pushTo("a", "z", "r2");
+    EXPECT_TRUE(waitUntilTold("z:r1 z:c z:r2 ")) << told();
+    comeBack("a", "z", "s");
+    EXPECT_TRUE(waitUntilTold("z:r1 z:c z:r2 z:s z:m1 ")) << told();
+    EXPECT_TRUE(session->isRegistered());
+}
+
+TEST_F(Exchanges, ParkedPushesKeepTheirOrderAlsoWithThoseThatCameBehindAnExchange) {
+    HoldingServer server;
+    addRegistered("a");
+    parkPush("a", "m1");
+    push(7, std::make_unique<QuilServerRegMessage>("a", "c", "@ipc.z", server.url()));
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
+    push(5, makePush("a", "m2", "z"));
+    comeBack("a", "z", "s");
+    push(5, makePush("a", "m3", "z"));
+    pushTo("a", "z", "r");
+    server.release();
+    EXPECT_TRUE(waitUntilTold("z:s z:m1 z:m2 z:m3 z:r z:c ")) << told();
+}
+
+// The answer could not wait for its turn, but the pushes can.
+TEST_F(Exchanges, ApplicationThatReturnsWhileItsLaneIsFullGetsWhatWasParked) {
+    HoldingServer server;
+    addRegistered("a");
+    parkPush("a", "m1");
+    push(7, std::make_unique<QuilServerRegMessage>("a", "c", "@ipc.z", server.url()));
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
+    fillLane("a");
+    comeBack("a", "z", "s");
+    ASSERT_TRUE(waitUntil([this] { return told().ends_with("z:s "); })) << told().size();
+    push(5, makePush("a", "m2", "z"));
+    server.release();
+    ASSERT_TRUE(waitUntil([this] { return idsTold("z").size() == 4; }, kLongSeconds))
+        << idsTold("z").size();
+    EXPECT_EQ(idsTold("z"), (std::vector<std::string>{"s", "c", "m1", "m2"}));
+}
+
+TEST_F(Exchanges, ParkedPushIsClosedWhenItsChannelEnds) {
+    QuilSession* session = addRegistered("a");
+    Connected connection;
+    auto message = makePush("a", "m1");
+    message->setSocket(connection.here);
+    connection.here = -1;
+    parkPush("a", std::move(message));
+    push(3, std::make_unique<QuilDestroyChannelCompleteMessage>("a", "d", "@ipc.z"));
+    EXPECT_TRUE(waitUntilTold("z:d ")) << told();
+    EXPECT_TRUE(session->isDeleted());
+    EXPECT_TRUE(waitUntil([&] { return connection.isClosedWithoutAByte(); }));
+    comeBack("a", "z", "s");
+    pushTo("a", "z", "r");
+    EXPECT_TRUE(waitUntilTold("z:d z:s z:r ")) << told();
+}
+
+TEST_F(Exchanges, ParkedPushStaysWhenItsChannelCouldNotBeEnded) {
+    addRegistered("a");
+    parkPush("a", "m1");
+    auto failed = std::make_unique<QuilDestroyChannelCompleteMessage>("a", "d", "@ipc.z");
+    failed->setErrorCode(10103);
+    push(3, std::move(failed));
+    comeBack("a", "z", "s");
+    EXPECT_TRUE(waitUntilTold("z:d z:s z:m1 ")) << told();
+}
+
 // A push that came off its port just before the object service ended is not lost.
 TEST_F(Exchanges, PushThatWasTakenBeforeTheServiceEndedWaitsForItsApplication) {
     addSession("a");
     QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId("a");
     putIntoState(*session, STATE_REGISTER);
-    const auto makePush = [](const std::string& id) {
-        const std::string bytes = "POST /\r\nPush-Message-ID:" + id + "\r\n\r\nhello";
-        auto push_ = std::make_unique<QuilPushMessage>("a", "@ipc.a");
-        push_->setPayload(bytes.data(), static_cast<int>(bytes.size()));
-        return push_;
-    };
     Connected connection;
-    auto first = makePush("m1");
+    auto first = makePush("a", "m1");
     first->setSocket(connection.here);
     connection.here = -1;
-    auto second = makePush("m2");
+    auto second = makePush("a", "m2");
     // The service ends, with both of them on their way.
     QuilSessionManager::getInstance()->forgetClients();
     endServiceLife();
@@ -523,7 +628,7 @@ TEST_F(Exchanges, PushThatWasTakenBeforeTheServiceEndedWaitsForItsApplication) {
     session->acknowledgePush("m1", true);
     EXPECT_EQ(connection.readUntilClosed().size(), 72U);
     // And all is as before.
-    push(5, makePush("m3"));
+    push(5, makePush("a", "m3"));
     EXPECT_TRUE(waitUntil([this] { return told().ends_with("a:m3 "); })) << told();
 }
 
