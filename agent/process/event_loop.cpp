@@ -150,7 +150,7 @@ void waitForEvents(DescriptorSet* set) {
 
 void servePorts(const std::vector<QuilPort*>& ports, const DescriptorSet& set) {
     for (QuilPort* port : ports) {
-        if (!set.has(port->getSocket())) {
+        if (!set.has(port->getSocket()) || isPushIntakePaused()) {
             continue;
         }
         try {

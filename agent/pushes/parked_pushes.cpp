@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "agent/connections/hang_up.hpp"
+#include "agent/connections/push_descriptors.hpp"
 #include "agent/messages/message_queue.hpp"
 #include "agent/messages/push_message.hpp"
 #include "agent/support/log.hpp"
@@ -74,12 +75,14 @@ void ParkedPushes::insert(Parked parked, bool isFirst) {
 }
 
 ParkedPushes::Parked ParkedPushes::makeRoom(const std::string& appId, std::size_t* waiting) {
+    const std::size_t most = pushDescriptors().mostParked;
+    const std::size_t mostOfOne = std::clamp<std::size_t>(most / 2, 1, kMostOfOne);
     const auto own = m_queues.find(appId);
-    if (own != m_queues.end() && own->second.size() >= kMostOfOne) {
+    if (own != m_queues.end() && own->second.size() >= mostOfOne) {
         *waiting = own->second.size();
         return takeFrom(own);
     }
-    if (m_size < kMostInAll) {
+    if (m_size < most) {
         return {};
     }
     *waiting = m_size;

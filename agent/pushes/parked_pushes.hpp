@@ -17,9 +17,9 @@
 // Owns the pushes and their connections. Safe on any thread.
 class ParkedPushes {
   public:
-    // One application's, and all together; beyond either the oldest is closed, with a line.
+    // Of one application, which is half of what there may be in all (pushDescriptors). Beyond
+    // either the oldest is closed, with a line.
     static constexpr std::size_t kMostOfOne = 256;
-    static constexpr std::size_t kMostInAll = 1024;
 
     struct Parked {
         std::unique_ptr<QuilMessageNode> node;

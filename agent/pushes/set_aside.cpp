@@ -5,7 +5,6 @@
 #include "agent/pushes/set_aside.hpp"
 
 #include <sys/epoll.h>
-#include <sys/resource.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include <cstring>
 #include <utility>
 
+#include "agent/connections/push_descriptors.hpp"
 #include "agent/support/high_descriptor.hpp"
 #include "agent/support/log.hpp"
 
@@ -25,14 +25,6 @@ using Clock = PushConnection::Clock;
 constexpr std::uint64_t kTimerNumber = 0;
 // Of one pass, so that those who drip cannot keep clients waiting.
 constexpr int kMostEventsAPass = 64;
-
-std::size_t mostInAll() {
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return SetAsideConnections::kMostInAll;
-    }
-    return std::min<std::size_t>(SetAsideConnections::kMostInAll, limit.rlim_cur / 4);
-}
 
 // Between the two lines between which the loop serves a port, so that whoever reads the log knows
 // whose push the lines between them are about.
@@ -147,23 +139,13 @@ void SetAsideConnections::closeSilent(Connections::iterator connection) {
     m_connections.erase(connection);
 }
 
-bool SetAsideConnections::closeLongestSilent() {
-    const auto silent = longestSilent(nullptr);
-    if (silent == m_connections.end()) {
-        return false;
-    }
-    closeSilent(silent);
-    setTimer();
-    return true;
-}
-
 void SetAsideConnections::makeRoomFor(const PushConnection& newcomer) {
     const auto ofSession = std::count_if(
         m_connections.begin(), m_connections.end(),
         [&newcomer](const auto& entry) { return &entry.second->session() == &newcomer.session(); });
     if (static_cast<std::size_t>(ofSession) >= kMostPerPort) {
         closeSilent(longestSilent(&newcomer.session()));
-    } else if (!m_connections.empty() && m_connections.size() >= mostInAll()) {
+    } else if (m_connections.size() >= pushDescriptors().mostSetAside) {
         closeSilent(longestSilent(nullptr));
     }
 }
@@ -176,7 +158,7 @@ void SetAsideConnections::postpone(Clock::duration time) {
 }
 
 void SetAsideConnections::wakeAt(Clock::time_point moment) {
-    m_wakeAt = std::min(m_wakeAt, moment);
+    m_wakeAt = moment;
     setTimer();
 }
 

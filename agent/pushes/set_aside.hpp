@@ -14,10 +14,9 @@
 // All of it lies behind one descriptor, which the main loop waits on. Main thread only.
 class SetAsideConnections {
   public:
-    // Per port, and in all. Beyond either the connection that has been silent longest is closed.
-    // The whole is further bounded by a quarter of the descriptors that the process may have.
+    // Beyond so many of one port, or beyond what there may be in all (pushDescriptors), the
+    // connection that has been silent longest is closed.
     static constexpr std::size_t kMostPerPort = 64;
-    static constexpr std::size_t kMostInAll = 1024;
 
     SetAsideConnections();
     SetAsideConnections(const SetAsideConnections&) = delete;
@@ -33,12 +32,11 @@ class SetAsideConnections {
     void serve();
     // Moves all deadlines by a time in which nobody could see to the connections.
     void postpone(PushConnection::Clock::duration time);
-    // Closes the connection that has been silent longest, to make room. False when there is none.
-    bool closeLongestSilent();
 
     std::size_t size() const { return m_connections.size(); }
 
-    // Makes the descriptor readable at a moment, once, also when nothing is set aside.
+    // Makes the descriptor readable at a moment, once, also when nothing is set aside. The last
+    // moment that was given counts.
     void wakeAt(PushConnection::Clock::time_point moment);
 
   private:

@@ -309,15 +309,3 @@ void QuilSessionManager::forgetClients() {
         entry.second->setClientObjectId("");
     }
 }
-
-bool QuilSessionManager::giveUpOldestPushSocket() {
-    const Lock lock(m_lock);
-    QuilSession* fullest = nullptr;
-    for (const auto& entry : m_sessions) {
-        QuilSession* session = entry.second.get();
-        if (fullest == nullptr || session->countPushSockets() > fullest->countPushSockets()) {
-            fullest = session;
-        }
-    }
-    return fullest != nullptr && fullest->giveUpOldestPushSocket();
-}

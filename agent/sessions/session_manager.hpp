@@ -76,9 +76,6 @@ class QuilSessionManager {
     // Lets go of all sessions' kept push connections whose sender hung up
     // (QuilSession::letGoOfDeadPushSockets). Gives how many.
     int letGoOfDeadPushSockets();
-    // Closes the oldest kept push connection of the session that has most of them. False when there
-    // is none.
-    bool giveUpOldestPushSocket();
 
     // The ports of all sessions that are registered and have one; without memory for a new list,
     // the one before. The pointers are valid as long as the sessions.

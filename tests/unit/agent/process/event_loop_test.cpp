@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "agent/clients/client_object.hpp"
 #include "agent/messages/message_queue.hpp"
@@ -22,6 +23,7 @@
 #include "agent/support/log.hpp"
 #include "agent/support/wake_up.hpp"
 #include "tests/support/agent/clients_fixture.hpp"
+#include "tests/support/file_limit.hpp"
 
 namespace {
 
@@ -546,6 +548,38 @@ TEST_F(EventLoop, PushWhoseBytesComeLaterIsDelivered) {
         EXPECT_EQ(send(sender, &kPush[at], 1, 0), 1);
     }
     EXPECT_EQ(nextReply(), kNotification);
+}
+
+// Two senders wait on two ports, and pushes have no descriptor left.
+TEST_F(EventLoop, WantOfDescriptorsCostsFewPassesAndRequestsGoOn) {
+    const Listener first = addListener("a", "@ipc.17");
+    const Listener second = addListener("b", "@ipc.17");
+    startLoop();
+    const FileLimit limit(400);
+    std::vector<int> taken;
+    for (int number = fcntl(0, F_DUPFD_CLOEXEC, 100); number != -1;
+         number = fcntl(0, F_DUPFD_CLOEXEC, 100)) {
+        taken.push_back(number);
+    }
+    clearRecordedLines();
+    const int sender = sendPush(first.port);
+    sendPush(second.port);
+    const std::string noRoom =
+        "serverIfProcessData: Accept failed with errno[24] error[Too many open files]";
+    ASSERT_TRUE(waitForLogged(3, noRoom));
+    const int before = passes();
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_LE(passes(), before + 8) << "it does not wait";
+    EXPECT_GE(passes(), before + 2) << "it does not look again";
+    EXPECT_EQ(countRecorded(3, noRoom), 1);
+    sendRequest(golden("requests_create_session.txt"));
+    EXPECT_EQ(nextReply(), golden("replies_session_created.txt"));
+    EXPECT_TRUE(isQuiet(sender));
+    for (const int number : taken) {
+        close(number);
+    }
+    EXPECT_EQ(nextReply(), kNotification);
+    EXPECT_EQ(countRecorded(3, noRoom), 1);
 }
 
 // The handler thread is held, so everything queues up.

@@ -16,6 +16,7 @@
 #include "agent/pushes/dead_senders.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "tests/support/agent/sessions_fixture.hpp"
+#include "tests/support/file_limit.hpp"
 #include "tests/support/recorded_log.hpp"
 
 namespace {
@@ -86,6 +87,7 @@ TEST_F(Parking, WhatIsPutBackIsTheFirstAgain) {
 }
 
 TEST_F(Parking, BeyondTheBoundOfAnApplicationItsOldestIsClosed) {
+    const FileLimit limit(16384);
     Connected connection;
     parked().park(makeNode("other", "o"));
     parked().park(makeNode("a", "0", connection.here));
@@ -105,6 +107,7 @@ TEST_F(Parking, BeyondTheBoundOfAnApplicationItsOldestIsClosed) {
 }
 
 TEST_F(Parking, BeyondTheBoundOfAllTheOldestOfAllIsClosed) {
+    const FileLimit limit(16384);
     const auto appId = [](int i) { return "app" + std::to_string(i % 10); };
     for (int i = 0; i < 1024; ++i) {
         parked().park(makeNode(appId(i), std::to_string(i)));
@@ -123,6 +126,20 @@ TEST_F(Parking, BeyondTheBoundOfAllTheOldestOfAllIsClosed) {
     EXPECT_EQ(takeAll("app3").substr(0, 3), "13 ");
     EXPECT_EQ(takeAll("app4").substr(0, 2), "4 ");
     EXPECT_EQ(takeAll("new"), "n0 n1 n2 n3 ");
+}
+
+TEST_F(Parking, FewDescriptorsAreFewParkedPushes) {
+    const FileLimit limit(160);
+    for (int i = 0; i < 6; ++i) {
+        parked().park(makeNode("a", std::to_string(i)));
+    }
+    EXPECT_EQ(takeAll("a"), "1 2 3 4 5 ");
+    for (int i = 0; i < 11; ++i) {
+        parked().park(makeNode("app" + std::to_string(i), std::to_string(i)));
+    }
+    EXPECT_FALSE(parked().hasAny("app0"));
+    EXPECT_TRUE(parked().hasAny("app1"));
+    EXPECT_TRUE(parked().hasAny("app10"));
 }
 
 TEST_F(ParkingOfTheDead, PushWhoseSenderHungUpIsLetGoAfterItsTimeAndTheOthersStay) {
