@@ -99,7 +99,19 @@ void QuilPushMessage::setPayload(const char* bytes, int n) {
 bool QuilPushMessage::hasMoreData() const {
     QUIL_LOG(LOG_LEVEL_DEBUG, "hasMoreData: m_contentLength[%d] m_dataLength[%d]", m_contentLength,
              m_dataLength);
+    return isShort();
+}
+
+// Whether its data part has begun and is shorter than announced.
+bool QuilPushMessage::isShort() const {
     return m_contentLength >= 1 && m_dataLength >= 1 && m_dataLength < m_contentLength;
+}
+
+// A push that broke off is handed on as it is, unless it did because no more can be held: that one
+// is too large.
+bool QuilPushMessage::isDataHeld() const {
+    return m_dataPosition >= 0 && m_dataLength >= 0 &&
+           m_dataLength <= getPayloadLength() - m_dataPosition && !(isPayloadFull() && isShort());
 }
 
 void QuilPushMessage::parsePayload() {
@@ -181,9 +193,7 @@ void QuilPushMessage::parseHeader(const std::string& token) {
 void QuilPushMessage::createData() {
     char text[kBase64Bytes] = {};
     int length = -1;
-    const bool isHeld = m_dataPosition >= 0 && m_dataLength >= 0 &&
-                        m_dataLength <= getPayloadLength() - m_dataPosition;
-    if (isHeld) {
+    if (isDataHeld()) {
         const auto* data = reinterpret_cast<const unsigned char*>(m_payload.data());
         length = b64_ntop(data + m_dataPosition, static_cast<std::size_t>(m_dataLength), text,
                           sizeof text);
