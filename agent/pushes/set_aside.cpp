@@ -63,12 +63,19 @@ void SetAsideConnections::add(std::unique_ptr<PushConnection> connection) {
     makeRoomFor(*connection);
     const std::uint64_t number = ++m_lastNumber;
     PushConnection& added = *connection;
-    m_connections.emplace_hint(m_connections.end(), number, std::move(connection));
+    const auto deadline = m_deadlines.emplace(added.deadline(), number).first;
+    Connections::iterator place;
+    try {
+        place = m_connections.emplace_hint(m_connections.end(), number, std::move(connection));
+    } catch (...) {
+        m_deadlines.erase(deadline);
+        throw;
+    }
     if (!watch(m_poll.get(), added.socket(), number)) {
         QUIL_LOG(LOG_LEVEL_WARNING,
                  "setAside: push for app id [%s] cannot be waited for: errno[%d] error[%s]",
                  added.appId().c_str(), errno, strerror(errno));
-        m_connections.erase(number);
+        remove(place);
         return;
     }
     setTimer();
@@ -105,17 +112,22 @@ void SetAsideConnections::advance(std::uint64_t number) {
         }
     });
     if (progress == PushConnection::Progress::Done) {
-        m_connections.erase(found);
+        remove(found);
     }
 }
 
 void SetAsideConnections::closeOverdue() {
     const Clock::time_point now = Clock::now();
-    while (!m_connections.empty() && m_connections.begin()->second->deadline() <= now) {
-        const PushConnection& overdue = *m_connections.begin()->second;
-        asOfItsPort(overdue, [&overdue] { overdue.logTimeout(); });
-        m_connections.erase(m_connections.begin());
+    while (!m_deadlines.empty() && m_deadlines.begin()->first <= now) {
+        const auto overdue = m_connections.find(m_deadlines.begin()->second);
+        asOfItsPort(*overdue->second, [&overdue] { overdue->second->logTimeout(); });
+        remove(overdue);
     }
+}
+
+void SetAsideConnections::remove(Connections::iterator connection) {
+    m_deadlines.erase({connection->second->deadline(), connection->first});
+    m_connections.erase(connection);
 }
 
 // Among those of one session, or of all with null.
@@ -136,7 +148,7 @@ void SetAsideConnections::closeSilent(Connections::iterator connection) {
     QUIL_LOG(LOG_LEVEL_WARNING,
              "setAside: push for app id [%s] given up: of %d that wait it has been silent longest",
              connection->second->appId().c_str(), static_cast<int>(m_connections.size()));
-    m_connections.erase(connection);
+    remove(connection);
 }
 
 void SetAsideConnections::makeRoomFor(const PushConnection& newcomer) {
@@ -152,7 +164,11 @@ void SetAsideConnections::makeRoomFor(const PushConnection& newcomer) {
 
 void SetAsideConnections::postpone(Clock::duration time) {
     for (const auto& entry : m_connections) {
+        // The same place for another time: nothing is allocated.
+        auto deadline = m_deadlines.extract({entry.second->deadline(), entry.first});
         entry.second->postpone(time);
+        deadline.value().first = entry.second->deadline();
+        m_deadlines.insert(std::move(deadline));
     }
     setTimer();
 }
@@ -164,8 +180,8 @@ void SetAsideConnections::wakeAt(Clock::time_point moment) {
 
 void SetAsideConnections::setTimer() {
     Clock::time_point next = m_wakeAt;
-    if (!m_connections.empty()) {
-        next = std::min(next, m_connections.begin()->second->deadline());
+    if (!m_deadlines.empty()) {
+        next = std::min(next, m_deadlines.begin()->first);
     }
     if (next == m_timerSetTo) {
         return;

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
+#include <utility>
 
 #include "agent/connections/owned_socket.hpp"
 #include "agent/pushes/push_connection.hpp"
@@ -44,6 +46,7 @@ class SetAsideConnections {
 
     Connections::iterator longestSilent(const QuilSession* session);
     void closeSilent(Connections::iterator connection);
+    void remove(Connections::iterator connection);
     void makeRoomFor(const PushConnection& newcomer);
     void advance(std::uint64_t number);
     void closeOverdue();
@@ -51,8 +54,9 @@ class SetAsideConnections {
 
     OwnedSocket m_poll;
     OwnedSocket m_timer;
-    // Numbered in the order of arrival, which is the order of their deadlines too.
-    Connections m_connections;
+    Connections m_connections;  // numbered in the order of arrival
+    // With their numbers. The order of arrival is another when time was added in between.
+    std::set<std::pair<PushConnection::Clock::time_point, std::uint64_t>> m_deadlines;
     std::uint64_t m_lastNumber = 0;  // 0 is the timer's
     PushConnection::Clock::time_point m_wakeAt = PushConnection::Clock::time_point::max();
     PushConnection::Clock::time_point m_timerSetTo = PushConnection::Clock::time_point::max();

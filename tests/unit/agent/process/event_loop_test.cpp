@@ -604,3 +604,45 @@ TEST_F(EventLoop, PushWaitsWithItsSenderWhileManyMessagesWait) {
     gate.reset();
     EXPECT_TRUE(waitForLogged(5, receiving(listener, "app")));
 }
+
+// Pushes are held back, and meanwhile the object service is gone too: that is one time, not two.
+TEST_F(EventLoop, TimeInWhichPushesCouldNotBeSeenToIsAddedOnce) {
+    writeFile("/etc/quilagent.conf", "push-timeout 1\n");
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    const int sender = connectTo(listener.port);
+    ASSERT_TRUE(waitForLogged(5, receiving(listener, "app")));
+    const auto begin = std::chrono::steady_clock::now();
+    const auto seconds = [begin] {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    };
+    auto gate = std::make_unique<LogGate>("4 received");
+    for (int i = 0; i < 300; ++i) {
+        QuilMessageManager::getInstance()->push(std::make_unique<QuilMessageNode>(
+            4, std::make_unique<QuilResponseMessage>("app", "r", "@ipc.99")));
+    }
+    ASSERT_TRUE(gate->waitUntilHeld());
+    const int before = passes();
+    wakeMainLoop();
+    ASSERT_TRUE(waitForPasses(before + 1));
+    const std::string server = path("/pps/services/push/ipc?server");
+    std::filesystem::remove(server);
+    std::filesystem::create_directory(server);
+    const int folder = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_NE(dup3(folder, clientDescriptor(), O_CLOEXEC), -1);
+    wakeMainLoop();
+    ASSERT_TRUE(
+        waitForLogged(3, "quilAgentLoop: object service lost: errno[21] error[Is a directory]"));
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    std::filesystem::remove(server);
+    writeFile("/pps/services/push/ipc?server", "");
+    ASSERT_TRUE(waitForLogged(4, "quilAgentLoop: object service is back"));
+    replaceDescriptor();
+    gate.reset();
+    const double held = seconds();
+    EXPECT_TRUE(waitForLogged(
+        3, "serverIfProcessData: push for app id [app] not complete after 1 seconds"));
+    EXPECT_GE(seconds(), held + 0.5) << "it had no more time";
+    EXPECT_LT(seconds(), held + 2) << "it had the time twice";
+    close(sender);
+}

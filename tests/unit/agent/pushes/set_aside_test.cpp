@@ -238,3 +238,24 @@ TEST_F(HurriedSetAside, TimeInWhichNobodyCouldSeeToItDoesNotCount) {
     ASSERT_TRUE(serveOnce(5));
     EXPECT_NE(takePush(), nullptr);
 }
+
+// The first one was there when nobody could see to it, and has more time than those after it.
+TEST_F(HurriedSetAside, MoreTimeForOneKeepsNoLaterOneOpen) {
+    const Peer first(portNumber());
+    ASSERT_TRUE(hasWaitingConnection(10));
+    serverIfProcessData(&m_session->getPort());
+    postponePushIntake(std::chrono::seconds(60));
+    const Peer second(portNumber());
+    ASSERT_TRUE(hasWaitingConnection(10));
+    serverIfProcessData(&m_session->getPort());
+    const Stopwatch watch;
+    ASSERT_TRUE(serveOnce(5)) << "the second one's time is not watched";
+    EXPECT_GE(watch.seconds(), 0.9);
+    EXPECT_FALSE(second.isOpen());
+    EXPECT_TRUE(first.isOpen());
+    EXPECT_FALSE(serveOnce(0.3));
+    first.send(kExample);
+    ASSERT_TRUE(serveOnce(5));
+    EXPECT_NE(takePush(), nullptr);
+    EXPECT_EQ(countSetAsideConnections(), 0);
+}
