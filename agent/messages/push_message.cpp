@@ -30,6 +30,11 @@ int shown(std::size_t position) {
     return position == std::string_view::npos ? -1 : static_cast<int>(position);
 }
 
+void logIgnored(const std::string& token) {
+    QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: colon_pos %d\n", -1);
+    QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: Ignoring %s since : not found", token.c_str());
+}
+
 // Part of the id of a push that came without one. Seeded anew only in another second, so that two
 // pushes within one second have two ids. Called on the main thread alone.
 int nextRandomNumber() {
@@ -129,8 +134,12 @@ void QuilPushMessage::parsePayload() {
                  static_cast<int>(token.size()));
         if (lineEnd == std::string_view::npos) {
             // Without its line end the rest is no line yet, neither a header nor the end of the
-            // header block.
-            QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: Ignoring %s since : not found", token.c_str());
+            // header block: it is passed over as a line without a colon.
+            QUIL_LOG(LOG_LEVEL_DEBUG, "header done [%d]\n", 0);
+            logIgnored(token);
+            current = static_cast<std::size_t>(getPayloadLength());
+            QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: cur_pos %d newline_pos %d done = %d\n",
+                     static_cast<int>(current), shown(lineEnd), 1);
             break;
         }
         const bool isEmptyLine = token.size() == 1;
@@ -172,11 +181,11 @@ void QuilPushMessage::endHeaderBlock(int position) {
 
 void QuilPushMessage::parseHeader(const std::string& token) {
     const std::size_t colon = token.find(':');
-    QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: colon_pos %d\n", shown(colon));
     if (colon == std::string::npos) {
-        QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: Ignoring %s since : not found", token.c_str());
+        logIgnored(token);
         return;
     }
+    QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: colon_pos %d\n", shown(colon));
     const std::string name = colon == 0 ? "" : token.substr(1, colon - 1);
     const std::string value = token.substr(colon + 1);
     QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: name is [%s]\n", name.c_str());
