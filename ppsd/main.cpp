@@ -16,6 +16,7 @@
 #include "platform/root/root.hpp"
 #include "ppsd/fuse/loop.hpp"
 #include "ppsd/fuse/mount_point.hpp"
+#include "ppsd/store/limits.hpp"
 #include "ppsd/store/store.hpp"
 
 namespace {
@@ -24,6 +25,7 @@ struct CommandLine {
     std::string store = platformPath("/var/lib/ppsd");
     std::string mountPoint = platformPath("/pps");
     bool daemon = false;
+    Shares shares = {kUserMemoryBytes, kUserFiles, kUserObjects, kUserStoredBytes};
 };
 
 void complain(const std::string& text) {
@@ -106,8 +108,9 @@ class Background {
 int serve(const CommandLine& commandLine, Background* background) {
     MountPoint mountPoint(absolutePath(commandLine.mountPoint));
     const std::string storePath = absolutePath(commandLine.store);
+    Accounts accounts(commandLine.shares);
     OpenFiles files;
-    Store store(storePath, files, complain);
+    Store store(storePath, files, complain, accounts);
     // The store first: of two services on one store, the second must not disturb the mount.
     const int loadError = store.load();
     if (loadError != 0) {
@@ -154,6 +157,16 @@ int main(int argc, char** argv) {
     app.add_flag("--daemon", commandLine.daemon,
                  "Go to the background; return when the mount is live");
     app.add_option("MOUNTPOINT", commandLine.mountPoint, "Where the tree appears");
+    const auto addShare = [&](const std::string& option, Holding holding, const std::string& of) {
+        app.add_option(option, commandLine.shares[static_cast<std::size_t>(holding)],
+                       "Share of each user but root: " + of)
+            ->type_name("N")
+            ->capture_default_str();
+    };
+    addShare("--user-memory", Holding::kMemory, "bytes of messages and texts that wait");
+    addShare("--user-files", Holding::kFiles, "open files");
+    addShare("--user-objects", Holding::kObjects, "stored objects and folders");
+    addShare("--user-store", Holding::kStored, "bytes of stored objects");
     CLI11_PARSE(app, argc, argv);
 
     Background background;

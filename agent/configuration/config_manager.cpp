@@ -21,6 +21,7 @@
 namespace {
 
 constexpr const char* kConfigFile = "/etc/quilagent.conf";
+constexpr const char* kRulesKey = "rules";
 constexpr const char* kSimObject = "/pps/services/cellular/uicc/card0/status_private";
 constexpr const char* kDeviceInfoObject = "/pps/system/nvram/deviceinfo";
 constexpr const char* kDevicePropertiesObject = "/pps/services/deviceproperties";
@@ -134,6 +135,9 @@ bool QuilConfigManager::readConfigFile() {
         const std::string name = line.substr(0, space);
         const std::string value = line.substr(space + 1);
         QUIL_LOG(LOG_LEVEL_INFO, "readConfigFile: name[%s] value[%s]", name.c_str(), value.c_str());
+        if (name == kRulesKey) {
+            m_isRulesSet = !value.empty();
+        }
         setValue(name, value);
     }
     return true;

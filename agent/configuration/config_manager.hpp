@@ -45,6 +45,9 @@ class QuilConfigManager {
     std::string getListenAddress() const;
     // Who may push: addresses and networks, "" for everybody.
     std::string getAllowedSenders() const;
+    // Whether the key "rules" names a file of who may act for which application. True as well when
+    // it could not be kept for want of memory: then its value is "".
+    bool isRulesSet() const { return m_isRulesSet; }
     // Longest that one push may take to arrive, in seconds; 0 for no limit.
     int getPushTimeout() const;
     // Longest that one request to a push data server may take, in seconds; 0 for libcurl's own
@@ -80,6 +83,7 @@ class QuilConfigManager {
     std::string m_osVersion GUARDED_BY(m_deviceMutex);
     std::string m_devicePin GUARDED_BY(m_deviceMutex);
     std::string m_imsi;
+    bool m_isRulesSet = false;
     std::string m_deviceModel GUARDED_BY(m_deviceMutex);
     std::unique_ptr<char[]> m_proxyHost;
 };

@@ -21,6 +21,7 @@
 #include "agent/process/exchanges.hpp"
 #include "agent/process/handler_thread.hpp"
 #include "agent/pushes/push_intake.hpp"
+#include "agent/requests/permissions.hpp"
 #include "agent/requests/request_reader.hpp"
 #include "agent/requests/session_requests.hpp"
 #include "agent/sessions/saved_sessions.hpp"
@@ -193,6 +194,7 @@ void awaitObjectService(int error) {
     // In this order: an id that is still there after the life has ended would seem to be of the
     // next.
     g_sessions->forgetClients();
+    QuilPermissions::getInstance()->forgetConnections();
     endServiceLife();
     flushLogEcho();
     beginHold();

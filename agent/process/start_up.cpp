@@ -20,6 +20,7 @@
 #include "agent/process/credentials.hpp"
 #include "agent/process/event_loop.hpp"
 #include "agent/registration/http.hpp"
+#include "agent/requests/permissions.hpp"
 #include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/support/log.hpp"
@@ -114,6 +115,12 @@ int startAgent(int argc, char** argv) {
     }
     QUIL_LOG(LOG_LEVEL_INFO, "Initialize Configuration Manager - done.");
     QUIL_LOG(LOG_LEVEL_DEBUG, "%s %s", config->getName().c_str(), config->getVersion().c_str());
+
+    // As root, for whom alone the rules may be readable.
+    if (QuilPermissions::getInstance() == nullptr) {
+        QUIL_LOG(LOG_LEVEL_ERROR, "Init Permissions failed.");
+        return EXIT_FAILURE;
+    }
 
     dropCredentials(*config, options);
 

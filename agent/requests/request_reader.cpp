@@ -7,16 +7,20 @@
 #include <unistd.h>
 
 #include <array>
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "agent/clients/client_object.hpp"
 #include "agent/messages/enqueue.hpp"
 #include "agent/pushes/push_answer.hpp"
+#include "agent/requests/permissions.hpp"
 #include "agent/requests/session_requests.hpp"
 #include "agent/support/decoder_string.hpp"
 #include "agent/support/log.hpp"
 #include "platform/pps/decoder.hpp"
 #include "platform/root/root.hpp"
+#include "platform/rules/rules.hpp"
 
 namespace {
 
@@ -73,34 +77,86 @@ void rejectPush(const Request& request, pps_decoder_t& /*dat*/) {
     quilRejectPush(request.appId, request.id, request.clientId);
 }
 
+// What somebody hears who may not act for the application: what is heard for one without a session.
+// Queued replies are queued for no application: in the order of another's own messages they would
+// wait for its push server, take its room, and pass for its answer to "createSession".
+void refuseQueued(int type, const Request& request) {
+    addReplyMessage(RESULT_NO_SESSION, type, "", request.id, request.clientId);
+}
+
+void refuseCreateSession(const Request& request) {
+    refuseQueued(MESSAGE_CREATE_SESSION_COMPLETE, request);
+}
+
+void refuseCreateChannel(const Request& request) {
+    refuseQueued(MESSAGE_CREATE_CHANNEL_COMPLETE, request);
+}
+
+void refuseDestroyChannel(const Request& request) {
+    quilRefuseDestroyChannel(request.appId, request.id, request.clientId);
+}
+
+void refuseLaunch(const Request& request) {
+    refuseQueued(MESSAGE_RESPONSE, request);
+}
+
+void refuseSilently(const Request& /*request*/) {}
+
 struct Operation {
     const char* name;
     void (*run)(const Request& request, pps_decoder_t& dat);
+    void (*refuse)(const Request& request);
 };
 
 constexpr Operation kOperations[] = {
-    {"createSession", createSession},
-    {"createChannel", createChannel},
-    {"destroyChannel", destroyChannel},
-    {"registerToLaunch", registerToLaunch},
-    {"unregisterFromLaunch", unregisterFromLaunch},
-    {"acceptPush", acceptPush},
-    {"rejectPush", rejectPush},
+    {"createSession", createSession, refuseCreateSession},
+    {"createChannel", createChannel, refuseCreateChannel},
+    {"destroyChannel", destroyChannel, refuseDestroyChannel},
+    {"registerToLaunch", registerToLaunch, refuseLaunch},
+    {"unregisterFromLaunch", unregisterFromLaunch, refuseLaunch},
+    {"acceptPush", acceptPush, refuseSilently},
+    {"rejectPush", rejectPush, refuseSilently},
 };
 
-void dispatch(const Request& request, pps_decoder_t& dat) {
+// Null for a name that is none of a request.
+const Operation* findOperation(const std::string& name) {
     for (const Operation& operation : kOperations) {
-        if (request.name == operation.name) {
-            operation.run(request, dat);
-            return;
+        if (name == operation.name) {
+            return &operation;
         }
     }
-    QUIL_LOG(LOG_LEVEL_WARNING, "Unexpected client message received: %s", request.name.c_str());
-    addReplyMessage(RESULT_UNKNOWN_REQUEST, MESSAGE_UNKNOWN_REQUEST, request.appId, request.id,
-                    request.clientId);
+    return nullptr;
 }
 
-// A client came or went. Sessions outlive their clients, so nothing follows from it.
+bool mayAct(const Request& request) {
+    QuilPermissions& permissions = *QuilPermissions::getInstance();
+    if (permissions.mayAct(request.clientId, request.appId)) {
+        return true;
+    }
+    QUIL_LOG(LOG_LEVEL_WARNING, "User [%s] may not act for app id [%s]: [%s] refused.",
+             permissions.describeUser(request.clientId).c_str(), request.appId.c_str(),
+             request.name.c_str());
+    return false;
+}
+
+void dispatch(const Request& request, pps_decoder_t& dat) {
+    const Operation* operation = findOperation(request.name);
+    if (!mayAct(request)) {
+        // Of an unknown name nothing is queued either, where it would stand among the application's
+        // own messages: nobody gets that reply.
+        if (operation != nullptr) {
+            operation->refuse(request);
+        }
+    } else if (operation != nullptr) {
+        operation->run(request, dat);
+    } else {
+        QUIL_LOG(LOG_LEVEL_WARNING, "Unexpected client message received: %s", request.name.c_str());
+        addReplyMessage(RESULT_UNKNOWN_REQUEST, MESSAGE_UNKNOWN_REQUEST, request.appId, request.id,
+                        request.clientId);
+    }
+}
+
+// A client came or went. Sessions outlive their clients, so nothing follows from it for them.
 void logConnectionChange(const pps_decoder_t& decoder, const std::string& clientId) {
     const unsigned flags = pps_decoder_flags(&decoder);
     if ((flags & PPS_FLAG_DELETED) != 0) {
@@ -108,6 +164,36 @@ void logConnectionChange(const pps_decoder_t& decoder, const std::string& client
                  clientId.c_str(), 1);
     } else if ((flags & PPS_FLAG_CREATED) != 0) {
         QUIL_LOG(LOG_LEVEL_INFO, "----------------- PPS_CREATED------------------------------");
+    }
+}
+
+// A user's or group's number in the notice of a connection.
+std::optional<std::uint32_t> readAccount(const pps_decoder_t& decoder, const char* name) {
+    std::string attribute;
+    std::string value;
+    for (int i = 0;; ++i) {
+        const pps_decoder_error_t result = pps_decoder_get_at(&decoder, i, &attribute, &value);
+        if (result == PPS_DECODER_ABSENT) {
+            return std::nullopt;
+        }
+        if (result == PPS_DECODER_OK && attribute == name) {
+            return accountNumber(value);
+        }
+    }
+}
+
+// Keeps in mind whose connection it is, as long as it lasts. The decoder stands in the notice.
+void noteConnectionChange(const pps_decoder_t& decoder, const std::string& clientId) {
+    const unsigned flags = pps_decoder_flags(&decoder);
+    if (flags == 0) {
+        return;
+    }
+    QuilPermissions& permissions = *QuilPermissions::getInstance();
+    permissions.removeConnection(clientId);
+    const std::optional<std::uint32_t> user = readAccount(decoder, "uid");
+    const std::optional<std::uint32_t> group = readAccount(decoder, "gid");
+    if ((flags & PPS_FLAG_CREATED) != 0 && user && group) {
+        permissions.addConnection(clientId, *user, *group);
     }
 }
 
@@ -138,6 +224,7 @@ void clientProcessRequest(const char* text) {
     logConnectionChange(decoder, request.clientId);
 
     pps_decoder_push(&decoder, nullptr);
+    noteConnectionChange(decoder, request.clientId);
     request.name = readString(&decoder, "msg");
     QUIL_LOG(LOG_LEVEL_DEBUG, "msg [%s]", request.name.c_str());
     if (request.name.empty()) {

@@ -111,6 +111,11 @@ void quilDestroyChannel(const std::string& appId, const std::string& id,
     addMessage(RESULT_OK, MESSAGE_SERVER_DEREGISTER, appId, id, clientId, std::move(request));
 }
 
+void quilRefuseDestroyChannel(const std::string& appId, const std::string& id,
+                              const std::string& clientId) {
+    refuseDestroy(RESULT_NO_SESSION, appId, id, clientId);
+}
+
 void quilRegisterToLaunch(const std::string& appId, const std::string& id,
                           const std::string& clientId, const std::string& launchString) {
     QUIL_LOG(LOG_LEVEL_DEBUG, "quilRegisterToLaunch Called app id [%s]\n", appId.c_str());

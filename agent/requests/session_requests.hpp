@@ -28,6 +28,10 @@ void quilCreateChannel(const std::string& appId, const std::string& id, const st
 void quilDestroyChannel(const std::string& appId, const std::string& id,
                         const std::string& clientId, QuilSession* session);
 
+// Answers 10100 at once, as for an application without a session.
+void quilRefuseDestroyChannel(const std::string& appId, const std::string& id,
+                              const std::string& clientId);
+
 // Stores what the system is to launch for a push. Replies 0, 10101 (empty launchString) or 10100.
 void quilRegisterToLaunch(const std::string& appId, const std::string& id,
                           const std::string& clientId, const std::string& launchString);

@@ -16,7 +16,7 @@ _ppsctl() {
     local verb=${COMP_WORDS[1]} options="--help --json"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
-        mapfile -t COMPREPLY < <(compgen -W "ls cat watch write rm --help" -- "$current")
+        mapfile -t COMPREPLY < <(compgen -W "ls cat clients watch write rm --help" -- "$current")
         return
     fi
     case $previous in

@@ -2,14 +2,19 @@
 
 _quilctl() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local verbs="listen create-session create-channel destroy-channel register-launch unregister-launch accept reject status trace codes"
+    local verbs="listen create-session create-channel destroy-channel register-launch unregister-launch accept reject status trace rules codes"
     local verb=${COMP_WORDS[1]} options="--help"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
         mapfile -t COMPREPLY < <(compgen -W "$verbs --help" -- "$current")
         return
     fi
+    if [[ $verb == rules ]] && ((COMP_CWORD == 2)); then
+        mapfile -t COMPREPLY < <(compgen -W "check explain --help" -- "$current")
+        return
+    fi
     case $previous in
+        --file) mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
         --save) mapfile -t COMPREPLY < <(compgen -d -- "$current"); return ;;
         --exec) mapfile -t COMPREPLY < <(compgen -c -- "$current"); return ;;
         --ppg | --count | --timeout | --slow) return ;;
@@ -22,8 +27,13 @@ _quilctl() {
         status) options+=" --check --json" ;;
         trace) options+=" --json --slow" ;;
         codes) options+=" --json" ;;
+        rules)
+            case ${COMP_WORDS[2]} in
+                check) options+=" --json" ;;
+                explain) options+=" --file --json" ;;
+            esac ;;
     esac
-    if [[ $verb == trace && $current != -* ]]; then
+    if [[ $current != -* && ($verb == trace || "$verb ${COMP_WORDS[2]}" == "rules check") ]]; then
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
         return
     fi

@@ -1,6 +1,7 @@
-// One thread, one poll: requests of the kernel and signals. The device is non-blocking, because a
-// request can be withdrawn between poll and read, and a read that then blocks would not see a
-// signal.
+// One thread, one poll: requests of the kernel, signals, and what other threads have finished for
+// it: the disk's work, and names that the kernel was asked to forget. The device is non-blocking,
+// because a request can be withdrawn between poll and read, and a read that then blocks would not
+// see a signal.
 
 #include "ppsd/fuse/loop.hpp"
 
@@ -9,7 +10,9 @@
 #include <sys/signalfd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 #include "ppsd/fuse/mount_point.hpp"
 #include "ppsd/fuse/operation_table.hpp"
@@ -23,11 +26,11 @@ bool setNonBlocking(int fd) {
 
 }  // namespace
 
-Loop::Loop(Store& store, OpenFiles& files) : m_operations(store, files), m_files(files) {}
+Loop::Loop(Store& store, OpenFiles& files)
+    : m_store(store), m_operations(store, files, m_staleNames), m_files(files) {}
 
 Loop::~Loop() {
-    m_files.closeAll();
-    unmount();
+    end();
     if (m_session != nullptr) {
         fuse_session_destroy(m_session);
     }
@@ -55,6 +58,11 @@ bool Loop::mount(const std::string& mountPoint) {
         return false;
     }
     m_isMounted = true;
+    const int error = m_store.startDiskThread();
+    if (error != 0 || m_staleNames.start() != 0) {
+        std::fprintf(stderr, "ppsd: cannot start a thread\n");
+        return false;
+    }
     return setNonBlocking(fuse_session_fd(m_session));
 }
 
@@ -62,29 +70,74 @@ int Loop::serveOne(fuse_buf& buffer) {
     const int received = fuse_session_receive_buf(m_session, &buffer);
     if (received > 0) {
         fuse_session_process_buf(m_session, &buffer);
-        m_files.wakeReaders();
+        m_files.wakeSome();
+        m_staleNames.passOn(m_session);
         return 0;
     }
     return received == -EAGAIN || received == -EINTR ? 0 : -received;
 }
 
+// Waits for anything, and deals with what the other threads have finished. 0 or an errno value.
+int Loop::wait(int milliseconds, bool& isSignalled, bool& isRequested) {
+    pollfd sources[] = {{fuse_session_fd(m_session), POLLIN, 0},
+                        {m_signals.get(), POLLIN, 0},
+                        {m_store.diskDescriptor(), POLLIN, 0},
+                        {m_staleNames.descriptor(), POLLIN, 0}};
+    if (poll(sources, std::size(sources), milliseconds) < 0) {
+        return errno == EINTR ? 0 : errno;
+    }
+    isRequested = sources[0].revents != 0;
+    isSignalled = sources[1].revents != 0;
+    if (sources[2].revents != 0) {
+        m_store.finishChanges();
+        m_files.wakeSome();
+    }
+    if (sources[3].revents != 0) {
+        m_staleNames.passOn(m_session);
+    }
+    return 0;
+}
+
 int Loop::run() {
     fuse_buf buffer{};
     int error = 0;
-    while (error == 0 && fuse_session_exited(m_session) == 0) {
-        pollfd sources[] = {{fuse_session_fd(m_session), POLLIN, 0}, {m_signals.get(), POLLIN, 0}};
-        if (poll(sources, 2, -1) < 0) {
-            error = errno == EINTR ? 0 : errno;
-        } else if (sources[1].revents != 0) {
-            break;
-        } else if (sources[0].revents != 0) {
+    bool isSignalled = false;
+    while (error == 0 && !isSignalled && fuse_session_exited(m_session) == 0) {
+        bool isRequested = false;
+        // While there are others to wake, one request and some of them take turns.
+        error = wait(m_files.hasChanged() ? 0 : -1, isSignalled, isRequested);
+        if (error == 0 && !isSignalled && isRequested) {
+            error = serveOne(buffer);
+        } else if (error == 0) {
+            m_files.wakeSome();
+        }
+    }
+    if (error == 0 && fuse_session_exited(m_session) == 0) {
+        finishNames(buffer);
+    }
+    std::free(buffer.mem);
+    end();
+    return error;
+}
+
+// The kernel may be waiting for somebody who waits for an answer of ours.
+void Loop::finishNames(fuse_buf& buffer) {
+    bool isSignalled = false;
+    bool isRequested = false;
+    int error = 0;
+    m_staleNames.close();
+    while (error == 0 && m_staleNames.isBusy() && fuse_session_exited(m_session) == 0) {
+        error = wait(1000, isSignalled, isRequested);
+        if (error == 0 && isRequested) {
             error = serveOne(buffer);
         }
     }
-    std::free(buffer.mem);
+}
+
+void Loop::end() {
+    m_store.endChanges(ENOTCONN);
     m_files.closeAll();
     unmount();
-    return error;
 }
 
 // Lazily: a busy file system goes out of sight now and away with its last user.

@@ -8,6 +8,7 @@
 
 #include "ppsd/fuse/open_files.hpp"
 #include "ppsd/fuse/operations.hpp"
+#include "ppsd/fuse/stale_names.hpp"
 #include "ppsd/store/store.hpp"
 #include "ppsd/store/unique_fd.hpp"
 
@@ -15,7 +16,8 @@ struct fuse_session;
 
 class Loop {
   public:
-    // `store` is loaded and outlives the loop; `files` is the listener of the store.
+    // `store` is loaded and outlives the loop; `files` is the listener of the store. The disk's
+    // work moves to a thread of its own with mount().
     Loop(Store& store, OpenFiles& files);
 
     // Closes all files and unmounts when that has not happened yet.
@@ -34,8 +36,13 @@ class Loop {
 
   private:
     int serveOne(fuse_buf& buffer);
+    int wait(int milliseconds, bool& isSignalled, bool& isRequested);
+    void finishNames(fuse_buf& buffer);
+    void end();
     void unmount();
 
+    Store& m_store;
+    StaleNames m_staleNames;
     Operations m_operations;
     OpenFiles& m_files;
     UniqueFd m_signals;

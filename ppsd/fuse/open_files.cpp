@@ -1,6 +1,9 @@
 // A read that has to wait costs no thread: its request is kept and answered when the file becomes
 // readable, when the reader is interrupted, or when the service ends. The store only notes which
 // files changed; they are looked at after the request that changed them has its own answer.
+//
+// A poller is told once, and again only when it has asked since: whoever was woken and still cares
+// asks before it waits again, and who does not ask any more costs nothing.
 
 #include "ppsd/fuse/open_files.hpp"
 
@@ -10,18 +13,36 @@
 #include <cerrno>
 #include <utility>
 
+namespace {
+
+constexpr std::size_t kWakesAtATime = 32;
+
+}  // namespace
+
 OpenFiles::Entry& OpenFiles::entryOf(std::uint64_t handle) {
     return *reinterpret_cast<Entry*>(handle);
 }
 
-std::uint64_t OpenFiles::add(std::unique_ptr<OpenFile> file) {
+template <typename Action>
+void OpenFiles::change(const Entry& entry, Action action) {
+    m_changed.change(entry.user, [&](auto& files) { files.change(entry.file.get(), action); });
+}
+
+std::uint64_t OpenFiles::add(uid_t user, std::unique_ptr<OpenFile> file) {
     auto entry = std::make_unique<Entry>();
     entry->owner = this;
+    entry->user = user;
     entry->file = std::move(file);
-    const auto handle = reinterpret_cast<std::uint64_t>(entry.get());
-    const OpenFile* key = entry->file.get();
-    m_entries.emplace(key, std::move(entry));
-    return handle;
+    Entry& added = *entry;
+    const OpenFile* key = added.file.get();
+    const auto place = m_entries.emplace(key, std::move(entry)).first;
+    try {
+        change(added, [&](Change& made) { made.entry = &added; });
+    } catch (...) {
+        m_entries.erase(place);
+        throw;
+    }
+    return reinterpret_cast<std::uint64_t>(&added);
 }
 
 void OpenFiles::release(std::uint64_t handle) {
@@ -30,8 +51,9 @@ void OpenFiles::release(std::uint64_t handle) {
         fuse_req_interrupt_func(read.request, nullptr, nullptr);
         fuse_reply_err(read.request, EBADF);
     }
-    m_changed.erase(entry.file.get());
-    m_entries.extract(entry.file.get());
+    change(entry, [](Change& gone) { gone = {}; });
+    // Out of sight before it closes, which others may hear of.
+    const auto closing = m_entries.extract(entry.file.get());
 }
 
 OpenFile& OpenFiles::file(std::uint64_t handle) {
@@ -41,12 +63,15 @@ OpenFile& OpenFiles::file(std::uint64_t handle) {
 // False when there is nothing to answer with yet.
 bool OpenFiles::answerRead(fuse_req_t request, OpenFile& file, std::size_t size) {
     std::string bytes;
-    switch (file.read(size, bytes)) {
+    switch (file.read(fuse_req_ctx(request)->uid, size, bytes)) {
         case ReadOutcome::kBytes:
             fuse_reply_buf(request, bytes.data(), bytes.size());
             return true;
         case ReadOutcome::kEnd:
             fuse_reply_buf(request, nullptr, 0);
+            return true;
+        case ReadOutcome::kRefused:
+            fuse_reply_err(request, ENOBUFS);
             return true;
         case ReadOutcome::kNothing:
             break;
@@ -84,6 +109,7 @@ void OpenFiles::poll(fuse_req_t request, std::uint64_t handle, fuse_pollhandle* 
     Entry& entry = entryOf(handle);
     if (waker != nullptr) {
         entry.waker.reset(waker);
+        entry.isPolled = true;
     }
     const Readiness readiness = entry.file->readiness();
     unsigned events = POLLOUT | POLLWRNORM;
@@ -96,17 +122,17 @@ void OpenFiles::poll(fuse_req_t request, std::uint64_t handle, fuse_pollhandle* 
     fuse_reply_poll(request, events);
 }
 
-void OpenFiles::readinessChanged(OpenFile& file) {
-    m_changed.insert(&file);
+// Allocates nothing: the place for the note was made with the file.
+void OpenFiles::readinessChanged(OpenFile& file) noexcept {
+    const auto entry = m_entries.find(&file);
+    if (entry != m_entries.end()) {
+        change(*entry->second, [](Change& due) { due.isDue = true; });
+    }
 }
 
-void OpenFiles::wakeReaders() {
-    const auto changed = std::exchange(m_changed, {});
-    for (const OpenFile* file : changed) {
-        const auto entry = m_entries.find(file);
-        if (entry != m_entries.end()) {
-            wake(*entry->second);
-        }
+void OpenFiles::wakeSome() {
+    for (std::size_t i = 0; i < kWakesAtATime && !m_changed.empty(); ++i) {
+        wake(*m_changed.take());
     }
 }
 
@@ -116,19 +142,19 @@ void OpenFiles::wake(Entry& entry) {
         ++read;
     }
     entry.waiting.erase(entry.waiting.begin(), read);
-    // The waker stays: a poller that is not interested in this change waits on with the same one.
-    if (entry.waker != nullptr && entry.file->readiness().readable) {
+    if (entry.isPolled && entry.file->readiness().readable) {
+        entry.isPolled = false;
         fuse_lowlevel_notify_poll(entry.waker.get());
     }
 }
 
 void OpenFiles::closeAll() {
+    m_changed.clear();
     // A closing file may notify another one that is still here, so they leave one at a time.
     while (!m_entries.empty()) {
         const auto closing = m_entries.extract(m_entries.begin());
         for (const WaitingRead& read : closing.mapped()->waiting) {
-            fuse_reply_err(read.request, ENODEV);
+            fuse_reply_err(read.request, ENOTCONN);
         }
     }
-    m_changed.clear();
 }

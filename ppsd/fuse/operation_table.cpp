@@ -26,6 +26,12 @@ Operations& self(fuse_req_t request) {
     return *static_cast<Operations*>(fuse_req_userdata(request));
 }
 
+// The operations, for an action that answers the request; see answerOrRefuse().
+template <typename Action>
+void serve(fuse_req_t request, Action action) {
+    answerOrRefuse(request, [&] { action(self(request)); });
+}
+
 void init(void*, fuse_conn_info* connection) {
     connection->max_write = kRequestMaxBytes;
     connection->max_background = kBackgroundRequestsMax;
@@ -33,7 +39,7 @@ void init(void*, fuse_conn_info* connection) {
 }
 
 void lookup(fuse_req_t request, fuse_ino_t folder, const char* name) {
-    self(request).lookup(request, folder, name);
+    serve(request, [&](Operations& operations) { operations.lookup(request, folder, name); });
 }
 
 void forget(fuse_req_t request, fuse_ino_t inode, std::uint64_t count) {
@@ -49,56 +55,70 @@ void forgetMany(fuse_req_t request, std::size_t count, fuse_forget_data* forgets
 }
 
 void getAttributes(fuse_req_t request, fuse_ino_t inode, fuse_file_info*) {
-    self(request).getAttributes(request, inode);
+    serve(request, [&](Operations& operations) { operations.getAttributes(request, inode); });
 }
 
 void setAttributes(fuse_req_t request, fuse_ino_t inode, struct stat* status, int which,
                    fuse_file_info*) {
-    self(request).setAttributes(request, inode, *status, which);
+    serve(request, [&](Operations& operations) {
+        operations.setAttributes(request, inode, *status, which);
+    });
 }
 
 void makeNode(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode, dev_t) {
-    self(request).makeNode(request, folder, name, mode);
+    serve(request,
+          [&](Operations& operations) { operations.makeNode(request, folder, name, mode); });
 }
 
 void makeDirectory(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode) {
-    self(request).makeDirectory(request, folder, name, mode);
+    serve(request,
+          [&](Operations& operations) { operations.makeDirectory(request, folder, name, mode); });
 }
 
 void removeObject(fuse_req_t request, fuse_ino_t folder, const char* name) {
-    self(request).unlink(request, folder, name);
+    serve(request, [&](Operations& operations) { operations.unlink(request, folder, name); });
 }
 
 void removeDirectory(fuse_req_t request, fuse_ino_t folder, const char* name) {
-    self(request).removeDirectory(request, folder, name);
+    serve(request,
+          [&](Operations& operations) { operations.removeDirectory(request, folder, name); });
 }
 
 void moveEntry(fuse_req_t request, fuse_ino_t folder, const char* name, fuse_ino_t newFolder,
                const char* newName, unsigned flags) {
-    self(request).rename(request, folder, name, newFolder, newName, flags);
+    serve(request, [&](Operations& operations) {
+        operations.rename(request, folder, name, newFolder, newName, flags);
+    });
 }
 
 void openFile(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
-    self(request).open(request, inode, info->flags);
+    serve(request, [&](Operations& operations) { operations.open(request, inode, info->flags); });
 }
 
 void createFile(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode,
                 fuse_file_info* info) {
-    self(request).create(request, folder, name, mode, info->flags);
+    serve(request, [&](Operations& operations) {
+        operations.create(request, folder, name, mode, info->flags);
+    });
 }
 
 void readFile(fuse_req_t request, fuse_ino_t, std::size_t size, off_t, fuse_file_info* info) {
     const bool nonBlocking = (info->flags & O_NONBLOCK) != 0;
-    self(request).files().read(request, info->fh, size, nonBlocking);
+    serve(request, [&](Operations& operations) {
+        operations.files().read(request, info->fh, size, nonBlocking);
+    });
 }
 
-void writeFile(fuse_req_t request, fuse_ino_t, const char* bytes, std::size_t size, off_t,
+void writeFile(fuse_req_t request, fuse_ino_t, const char* bytes, std::size_t size, off_t offset,
                fuse_file_info* info) {
-    self(request).write(request, bytes, size, info->fh);
+    serve(request, [&](Operations& operations) {
+        operations.write(request, bytes, size, offset, info->fh);
+    });
 }
 
 void pollFile(fuse_req_t request, fuse_ino_t, fuse_file_info* info, fuse_pollhandle* waker) {
-    self(request).files().poll(request, info->fh, waker);
+    serve(request,
+          [&](Operations& operations) { operations.files().poll(request, info->fh, waker); });
 }
 
 void releaseFile(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
@@ -107,12 +127,14 @@ void releaseFile(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
 }
 
 void openDirectory(fuse_req_t request, fuse_ino_t inode, fuse_file_info*) {
-    self(request).openDirectory(request, inode);
+    serve(request, [&](Operations& operations) { operations.openDirectory(request, inode); });
 }
 
 void readDirectory(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset,
                    fuse_file_info* info) {
-    self(request).readDirectory(request, size, offset, info->fh);
+    serve(request, [&](Operations& operations) {
+        operations.readDirectory(request, size, offset, info->fh);
+    });
 }
 
 void releaseDirectory(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
@@ -120,7 +142,7 @@ void releaseDirectory(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
 }
 
 void fileSystemStatus(fuse_req_t request, fuse_ino_t) {
-    self(request).fileSystemStatus(request);
+    serve(request, [&](Operations& operations) { operations.fileSystemStatus(request); });
 }
 
 }  // namespace

@@ -1,10 +1,7 @@
-// Everything is answered on one thread, in the order in which the kernel queued it. That is what
-// makes "close, then open again" exact: the kernel queues the release of a file before close()
-// returns and the next open after it, so an open finds the server that just closed gone, without
-// any waiting.
-//
-// The price: while an ordinary object is being synced, everybody's requests wait for that one sync.
-// Ordinary objects are meant to change seldom; messages of served objects never touch the disk.
+// Everything is answered on one thread, in the order in which the kernel queued it, but for what
+// has to reach the disk first: that is answered when it has. One thread is what makes "close, then
+// open again" exact: the kernel queues the release of a file before close() returns and the next
+// open after it, so an open finds the server that just closed gone, without any waiting.
 
 #include "ppsd/fuse/operations.hpp"
 
@@ -15,15 +12,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <utility>
 
 #include "ppsd/fuse/caller.hpp"
 #include "ppsd/fuse/raw_replies.hpp"
+#include "ppsd/store/content.hpp"
 #include "ppsd/store/limits.hpp"
 
 namespace {
 
 constexpr std::uint64_t kRootNumber = 1;
-constexpr unsigned long kStatusBlockBytes = 4096;
 
 fuse_ino_t inodeNumber(const Node& node, OpenOptions options) {
     return node.number == kRootNumber ? FUSE_ROOT_ID
@@ -43,7 +41,7 @@ struct stat statusOf(const Node& node) {
     status.st_atim = status.st_mtim = status.st_ctim = node.metadata.modified;
     if (node.kind == NodeKind::kObject) {
         const auto& object = static_cast<const ObjectNode&>(node);
-        status.st_size = static_cast<off_t>(renderObject(node.name, *object.attributes).size());
+        status.st_size = static_cast<off_t>(textBytes(node.name, object.content->lines));
     }
     return status;
 }
@@ -70,8 +68,23 @@ int parsePlainName(const char* text, ObjectName& parsed) {
 
 }  // namespace
 
-Operations::Operations(Store& store, OpenFiles& files) : m_store(store), m_files(files) {
-    m_inodes[FUSE_ROOT_ID] = {store.root(), {}, 1};
+Operations::Operations(Store& store, OpenFiles& files, StaleNames& staleNames)
+    : m_store(store), m_files(files), m_staleNames(staleNames) {
+    m_inodes[FUSE_ROOT_ID] = {store.root(), {}, 1, {}};
+    store.tellLeaving(
+        [this](const DirectoryNode& folder, const Node& node) { leaving(folder, node); });
+}
+
+// The kernel keeps each name that it was told, and so each of the node's aliases, until it wants
+// the memory back; and what it keeps is kept here. Names that are served once and never again would
+// add up, so it is asked to let go.
+void Operations::leaving(const DirectoryNode& folder, const Node& node) {
+    for (std::uint64_t bits = 0; bits < 1U << OpenOptions::kBits; ++bits) {
+        const Inode* inode = find(inodeNumber(node, OpenOptions::fromBits(bits)));
+        if (inode != nullptr) {
+            m_staleNames.add(inodeNumber(folder, {}), inode->spelling);
+        }
+    }
 }
 
 Operations::Inode* Operations::find(fuse_ino_t number) {
@@ -81,39 +94,41 @@ Operations::Inode* Operations::find(fuse_ino_t number) {
 
 // The node whose attributes an inode shows. The server of a name with a stored object behind it
 // opened the alias of that object, but its descriptor stands for what it serves.
-Node& Operations::subjectOf(const Inode& inode) {
-    Node& node = *inode.node;
-    if (inode.options.server && node.parent != nullptr) {
-        const auto served = node.parent->served.find(node.name);
-        if (served != node.parent->served.end()) {
-            return *served->second;
+std::shared_ptr<Node> Operations::subjectOf(const Inode& inode) {
+    const DirectoryNode* folder = inode.node->parent;
+    if (inode.options.server && folder != nullptr) {
+        const auto served = folder->served.find(inode.node->name);
+        if (served != folder->served.end()) {
+            return served->second;
         }
     }
-    return node;
+    return inode.node;
 }
 
-DirectoryNode* Operations::findFolder(fuse_ino_t number) {
+std::shared_ptr<DirectoryNode> Operations::findFolder(fuse_ino_t number) {
     const Inode* inode = find(number);
     const bool isFolder = inode != nullptr && inode->node->kind == NodeKind::kDirectory;
-    return isFolder ? static_cast<DirectoryNode*>(inode->node.get()) : nullptr;
+    return isFolder ? std::static_pointer_cast<DirectoryNode>(inode->node) : nullptr;
 }
 
 // Makes the entry to answer with and counts that the kernel was told. Time-outs stay 0: served
 // objects come and go by themselves, so the kernel has to ask each time.
-fuse_entry_param Operations::remember(const std::shared_ptr<Node>& node, OpenOptions options) {
+fuse_entry_param Operations::remember(const std::shared_ptr<Node>& node, OpenOptions options,
+                                      std::string spelling) {
     fuse_entry_param entry{};
     entry.ino = inodeNumber(*node, options);
     entry.attr = statusOf(*node);
     Inode& inode = m_inodes[entry.ino];
     inode.node = node;
     inode.options = options;
+    inode.spelling = std::move(spelling);
     ++inode.lookups;
     return entry;
 }
 
 void Operations::replyEntry(fuse_req_t request, const std::shared_ptr<Node>& node,
-                            OpenOptions options) {
-    const fuse_entry_param entry = remember(node, options);
+                            OpenOptions options, std::string spelling) {
+    const fuse_entry_param entry = remember(node, options, std::move(spelling));
     if (fuse_reply_entry(request, &entry) != 0) {
         forget(entry.ino, 1);
     }
@@ -121,7 +136,7 @@ void Operations::replyEntry(fuse_req_t request, const std::shared_ptr<Node>& nod
 
 void Operations::lookup(fuse_req_t request, fuse_ino_t folder, const char* name) {
     ObjectName parsed;
-    const DirectoryNode* parent = findFolder(folder);
+    const std::shared_ptr<DirectoryNode> parent = findFolder(folder);
     const int error = parent == nullptr ? ENOENT : parseObjectName(name, parsed);
     if (error != 0) {
         fuse_reply_err(request, error);
@@ -133,7 +148,7 @@ void Operations::lookup(fuse_req_t request, fuse_ino_t folder, const char* name)
     } else if (node->kind == NodeKind::kDirectory && parsed.options.bits() != 0) {
         fuse_reply_err(request, EINVAL);
     } else {
-        replyEntry(request, node, parsed.options);
+        replyEntry(request, node, parsed.options, name);
     }
 }
 
@@ -154,10 +169,12 @@ void Operations::getAttributes(fuse_req_t request, fuse_ino_t inode) {
         fuse_reply_err(request, ENOENT);
         return;
     }
-    const struct stat status = statusOf(subjectOf(*found));
+    const struct stat status = statusOf(*subjectOf(*found));
     fuse_reply_attr(request, &status, 0);
 }
 
+// A change of size and one of the metadata may come in one request; the second then waits for the
+// first.
 void Operations::setAttributes(fuse_req_t request, fuse_ino_t inode, const struct stat& status,
                                int which) {
     const Inode* found = find(inode);
@@ -165,91 +182,119 @@ void Operations::setAttributes(fuse_req_t request, fuse_ino_t inode, const struc
         fuse_reply_err(request, ENOENT);
         return;
     }
-    Node& node = subjectOf(*found);
-    int error = 0;
-    if ((which & FUSE_SET_ATTR_SIZE) != 0) {
-        error = status.st_size == 0 ? m_store.truncate(node) : EINVAL;
-    }
-    Metadata metadata = node.metadata;
+    const std::shared_ptr<Node> node = subjectOf(*found);
+    const uid_t user = callerOf(request).user;
+    Store::MetadataChange change;
     if ((which & FUSE_SET_ATTR_MODE) != 0) {
-        metadata.mode = status.st_mode & 07777U;
+        change.mode = status.st_mode & 07777U;
     }
     if ((which & FUSE_SET_ATTR_UID) != 0) {
-        metadata.owner = status.st_uid;
+        change.owner = status.st_uid;
     }
     if ((which & FUSE_SET_ATTR_GID) != 0) {
-        metadata.group = status.st_gid;
+        change.group = status.st_gid;
     }
     if ((which & FUSE_SET_ATTR_MTIME_NOW) != 0) {
-        clock_gettime(CLOCK_REALTIME, &metadata.modified);
+        change.modified = timespec{};
+        clock_gettime(CLOCK_REALTIME, &*change.modified);
     } else if ((which & FUSE_SET_ATTR_MTIME) != 0) {
-        metadata.modified = status.st_mtim;
+        change.modified = status.st_mtim;
     }
-    if (error == 0 && !(metadata == node.metadata)) {
-        error = m_store.setMetadata(node, metadata);
+    const auto answer = [this, request, inode](int error) {
+        if (error != 0) {
+            fuse_reply_err(request, error);
+        } else {
+            getAttributes(request, inode);
+        }
+    };
+    const auto changeMetadata = [this, user, node, change, answer](int error) {
+        if (error != 0 || change.isNothing()) {
+            answer(error);
+        } else {
+            m_store.setMetadata(user, node, change, answer);
+        }
+    };
+    if ((which & FUSE_SET_ATTR_SIZE) == 0) {
+        changeMetadata(0);
+    } else if (status.st_size != 0) {
+        changeMetadata(EINVAL);
+    } else {
+        m_store.truncate(user, node, changeMetadata);
     }
-    if (error != 0) {
-        fuse_reply_err(request, error);
-        return;
-    }
-    getAttributes(request, inode);
 }
 
 void Operations::makeDirectory(fuse_req_t request, fuse_ino_t folder, const char* name,
                                mode_t mode) {
     ObjectName parsed;
-    DirectoryNode* parent = findFolder(folder);
-    std::shared_ptr<Node> node;
-    int error = parent == nullptr ? ENOENT : parsePlainName(name, parsed);
-    if (error == 0) {
-        error = m_store.makeDirectory(*parent, parsed.name, callerOf(request), mode, node);
-    }
+    const std::shared_ptr<DirectoryNode> parent = findFolder(folder);
+    const int error = parent == nullptr ? ENOENT : parsePlainName(name, parsed);
     if (error != 0) {
         fuse_reply_err(request, error);
         return;
     }
-    replyEntry(request, node, {});
+    m_store.makeDirectory(parent, parsed.name, callerOf(request), mode,
+                          [this, request](int failure, const std::shared_ptr<Node>& node) {
+                              answerMade(request, failure, node);
+                          });
 }
 
 void Operations::makeNode(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode) {
     ObjectName parsed;
-    DirectoryNode* parent = findFolder(folder);
-    std::shared_ptr<Node> node;
-    std::unique_ptr<OpenFile> file;
+    const std::shared_ptr<DirectoryNode> parent = findFolder(folder);
     int error = parent == nullptr ? ENOENT : parsePlainName(name, parsed);
     if (error == 0 && !S_ISREG(mode)) {
         error = EPERM;
-    }
-    if (error == 0) {
-        error = m_store.create(*parent, parsed, callerOf(request), mode, {}, node, file);
     }
     if (error != 0) {
         fuse_reply_err(request, error);
         return;
     }
-    replyEntry(request, node, {});
+    m_store.create(
+        parent, parsed, callerOf(request), mode, {},
+        [this, request](int failure, const std::shared_ptr<Node>& node,
+                        const std::unique_ptr<OpenFile>&) { answerMade(request, failure, node); });
+}
+
+void Operations::answerMade(fuse_req_t request, int error, const std::shared_ptr<Node>& node) {
+    answerOrRefuse(request, [&] {
+        if (error != 0) {
+            fuse_reply_err(request, error);
+        } else {
+            replyEntry(request, node, {}, node->name);
+        }
+    });
 }
 
 void Operations::unlink(fuse_req_t request, fuse_ino_t folder, const char* name) {
     ObjectName parsed;
-    DirectoryNode* parent = findFolder(folder);
+    const std::shared_ptr<DirectoryNode> parent = findFolder(folder);
     const int error = parent == nullptr ? ENOENT : parsePlainName(name, parsed);
-    fuse_reply_err(request, error != 0 ? error : m_store.removeObject(*parent, parsed.name));
+    if (error != 0) {
+        fuse_reply_err(request, error);
+        return;
+    }
+    m_store.removeObject(callerOf(request).user, parent, parsed.name,
+                         [request](int failure) { fuse_reply_err(request, failure); });
 }
 
 void Operations::removeDirectory(fuse_req_t request, fuse_ino_t folder, const char* name) {
     ObjectName parsed;
-    DirectoryNode* parent = findFolder(folder);
+    const std::shared_ptr<DirectoryNode> parent = findFolder(folder);
     const int error = parent == nullptr ? ENOENT : parsePlainName(name, parsed);
-    fuse_reply_err(request, error != 0 ? error : m_store.removeDirectory(*parent, parsed.name));
+    if (error != 0) {
+        fuse_reply_err(request, error);
+        return;
+    }
+    m_store.removeDirectory(callerOf(request).user, parent, parsed.name,
+                            [request](int failure) { fuse_reply_err(request, failure); });
 }
 
 void Operations::rename(fuse_req_t request, fuse_ino_t folder, const char* name,
                         fuse_ino_t newFolder, const char* newName, unsigned flags) {
     ObjectName from;
     ObjectName to;
-    DirectoryNode* source = findFolder(folder);
-    DirectoryNode* target = findFolder(newFolder);
+    const std::shared_ptr<DirectoryNode> source = findFolder(folder);
+    const std::shared_ptr<DirectoryNode> target = findFolder(newFolder);
     int error = source == nullptr || target == nullptr ? ENOENT : parsePlainName(name, from);
     if (error == 0) {
         error = parsePlainName(newName, to);
@@ -257,26 +302,35 @@ void Operations::rename(fuse_req_t request, fuse_ino_t folder, const char* name,
     if (error == 0 && (flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) {
         error = EINVAL;
     }
-    if (error == 0) {
-        const bool mayReplace = (flags & RENAME_NOREPLACE) == 0;
-        error = m_store.rename(*source, from.name, *target, to.name, mayReplace);
+    if (error != 0) {
+        fuse_reply_err(request, error);
+        return;
     }
-    fuse_reply_err(request, error);
+    m_store.rename(callerOf(request).user, source, from.name, target, to.name,
+                   (flags & RENAME_NOREPLACE) == 0,
+                   [request](int failure) { fuse_reply_err(request, failure); });
 }
 
 void Operations::open(fuse_req_t request, fuse_ino_t inode, int flags) {
     const Inode* found = find(inode);
-    std::shared_ptr<Node> node = found == nullptr ? nullptr : found->node;
-    std::unique_ptr<OpenFile> file;
-    const int error = node == nullptr
-                          ? ENOENT
-                          : m_store.open(node, found->options, accessOf(request, flags), file);
+    if (found == nullptr) {
+        fuse_reply_err(request, ENOENT);
+        return;
+    }
+    m_store.open(
+        found->node, found->options, accessOf(request, flags),
+        [this, request](int error, const std::shared_ptr<Node>&, std::unique_ptr<OpenFile> file) {
+            answerOrRefuse(request, [&] { answerOpen(request, error, std::move(file)); });
+        });
+}
+
+void Operations::answerOpen(fuse_req_t request, int error, std::unique_ptr<OpenFile> file) {
     if (error != 0) {
         fuse_reply_err(request, error);
         return;
     }
     const bool isStream = file->isStream();
-    const std::uint64_t handle = m_files.add(std::move(file));
+    const std::uint64_t handle = m_files.add(callerOf(request).user, std::move(file));
     if (replyOpen(request, handle, isStream) != 0) {
         m_files.release(handle);
     }
@@ -285,54 +339,87 @@ void Operations::open(fuse_req_t request, fuse_ino_t inode, int flags) {
 void Operations::create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode,
                         int flags) {
     ObjectName parsed;
-    DirectoryNode* parent = findFolder(folder);
-    std::shared_ptr<Node> node;
-    std::unique_ptr<OpenFile> file;
-    int error = parent == nullptr ? ENOENT : parseObjectName(name, parsed);
-    if (error == 0) {
-        error = m_store.create(*parent, parsed, callerOf(request), mode, accessOf(request, flags),
-                               node, file);
-    }
-    if (error == EEXIST && (flags & O_EXCL) == 0) {
-        error = ESTALE;  // it came into being just now: the kernel looks it up once more
-    }
+    const std::shared_ptr<DirectoryNode> parent = findFolder(folder);
+    const int error = parent == nullptr ? ENOENT : parseObjectName(name, parsed);
     if (error != 0) {
         fuse_reply_err(request, error);
         return;
     }
-    const fuse_entry_param entry = remember(node, parsed.options);
+    const bool mustBeNew = (flags & O_EXCL) != 0;
+    m_store.create(
+        parent, parsed, callerOf(request), mode, accessOf(request, flags),
+        [this, request, mustBeNew, options = parsed.options, spelling = std::string(name)](
+            int failure, const std::shared_ptr<Node>& node, std::unique_ptr<OpenFile> file) {
+            if (failure == EEXIST && !mustBeNew) {
+                failure = ESTALE;  // it came into being just now: the kernel looks again
+            }
+            answerOrRefuse(request, [&] {
+                answerCreate(request, failure, node, options, spelling, std::move(file));
+            });
+        });
+}
+
+void Operations::answerCreate(fuse_req_t request, int error, const std::shared_ptr<Node>& node,
+                              OpenOptions options, const std::string& spelling,
+                              std::unique_ptr<OpenFile> file) {
+    if (error != 0) {
+        fuse_reply_err(request, error);
+        return;
+    }
     const bool isStream = file->isStream();
-    const std::uint64_t handle = m_files.add(std::move(file));
+    const std::uint64_t handle = m_files.add(callerOf(request).user, std::move(file));
+    fuse_entry_param entry{};
+    try {
+        entry = remember(node, options, spelling);
+    } catch (...) {
+        m_files.release(handle);
+        throw;
+    }
     if (replyCreate(request, entry, handle, isStream) != 0) {
         m_files.release(handle);
         forget(entry.ino, 1);
     }
 }
 
-void Operations::write(fuse_req_t request, const char* bytes, std::size_t size,
+// The kernel cuts a write that is gathered from more than 256 buffers in two, which shows only when
+// the second piece comes: a stream has no position, but the pieces have.
+void Operations::write(fuse_req_t request, const char* bytes, std::size_t size, off_t offset,
                        std::uint64_t handle) {
-    const int error = m_files.file(handle).write({bytes, size});
-    if (error != 0) {
-        fuse_reply_err(request, error);
-    } else {
-        fuse_reply_write(request, size);
+    OpenFile& file = m_files.file(handle);
+    if (file.isStream() && offset != 0) {
+        file.takeBackCutWrite();
+        fuse_reply_err(request, EMSGSIZE);
+        return;
     }
+    file.write(fuse_req_ctx(request)->uid, {bytes, size}, [request, size](int error) {
+        if (error != 0) {
+            fuse_reply_err(request, error);
+        } else {
+            fuse_reply_write(request, size);
+        }
+    });
 }
 
 // A listing is taken when the folder is opened, so that no entry is missed or given twice while
-// others come and go.
+// others come and go. All who open it while nothing changes share one.
 void Operations::openDirectory(fuse_req_t request, fuse_ino_t inode) {
-    const DirectoryNode* folder = findFolder(inode);
+    const std::shared_ptr<DirectoryNode> folder = findFolder(inode);
     if (folder == nullptr) {
         fuse_reply_err(request, ENOTDIR);
         return;
     }
-    const std::uint64_t self = folder->number;
-    const std::uint64_t parent = folder->parent == nullptr ? self : folder->parent->number;
-    Listing listing = m_store.list(*folder);
-    listing.insert(listing.begin(), {{".", self, true}, {"..", parent, true}});
+    const uid_t user = callerOf(request).user;
+    OpenListing opened;
+    const int error = m_store.takePlace(user, opened.place);
+    if (error == 0) {
+        opened.listing = m_store.list(*folder, user, opened.charge);
+    }
+    if (error != 0 || opened.listing == nullptr) {
+        fuse_reply_err(request, error != 0 ? error : ENOBUFS);
+        return;
+    }
     const std::uint64_t handle = m_nextListing++;
-    m_listings.emplace(handle, std::move(listing));
+    m_listings.emplace(handle, std::move(opened));
     fuse_file_info info{};
     info.fh = handle;
     if (fuse_reply_open(request, &info) != 0) {
@@ -342,7 +429,7 @@ void Operations::openDirectory(fuse_req_t request, fuse_ino_t inode) {
 
 void Operations::readDirectory(fuse_req_t request, std::size_t size, off_t offset,
                                std::uint64_t handle) {
-    const Listing& listing = m_listings.at(handle);
+    const std::vector<Listing::Entry>& listing = m_listings.at(handle).listing->entries;
     std::string buffer(size, '\0');
     std::size_t used = 0;
     // The offset is the reader's, and may be wider than a size.
@@ -368,9 +455,13 @@ void Operations::releaseDirectory(fuse_req_t request, std::uint64_t handle) {
     fuse_reply_err(request, 0);
 }
 
+// What is free is what is free on the disk below the store.
 void Operations::fileSystemStatus(fuse_req_t request) {
     struct statvfs status {};
-    status.f_bsize = status.f_frsize = kStatusBlockBytes;
+    if (fstatvfs(m_store.disk().descriptor(), &status) != 0) {
+        fuse_reply_err(request, errno);
+        return;
+    }
     status.f_namemax = kNameMaxBytes;
     fuse_reply_statfs(request, &status);
 }

@@ -9,18 +9,33 @@
 #define FUSE_USE_VERSION 35
 #include <fuse_lowlevel.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <memory>
+#include <new>
+#include <string>
 #include <unordered_map>
 
 #include "ppsd/fuse/open_files.hpp"
+#include "ppsd/fuse/stale_names.hpp"
 #include "ppsd/store/store.hpp"
+
+// Runs an answer that may want memory before it is given: without any, the caller is told ENOMEM,
+// and nobody else hears of it. `answer` must not throw once it has answered.
+template <typename Answer>
+void answerOrRefuse(fuse_req_t request, Answer answer) {
+    try {
+        answer();
+    } catch (const std::bad_alloc&) {
+        fuse_reply_err(request, ENOMEM);
+    }
+}
 
 // Everything happens on the thread of the request loop; the store and the open files are its own.
 class Operations {
   public:
-    // Both must outlive the operations.
-    Operations(Store& store, OpenFiles& files);
+    // All must outlive the operations.
+    Operations(Store& store, OpenFiles& files, StaleNames& staleNames);
 
     void lookup(fuse_req_t request, fuse_ino_t folder, const char* name);
     void forget(fuse_ino_t inode, std::uint64_t count);
@@ -34,7 +49,8 @@ class Operations {
                 const char* newName, unsigned flags);
     void open(fuse_req_t request, fuse_ino_t inode, int flags);
     void create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode, int flags);
-    void write(fuse_req_t request, const char* bytes, std::size_t size, std::uint64_t handle);
+    void write(fuse_req_t request, const char* bytes, std::size_t size, off_t offset,
+               std::uint64_t handle);
     void openDirectory(fuse_req_t request, fuse_ino_t inode);
     void readDirectory(fuse_req_t request, std::size_t size, off_t offset, std::uint64_t handle);
     void releaseDirectory(fuse_req_t request, std::uint64_t handle);
@@ -48,18 +64,32 @@ class Operations {
         std::shared_ptr<Node> node;
         OpenOptions options;
         std::uint64_t lookups = 0;  // how often the kernel was told; it forgets as often
+        std::string spelling;       // the name by which it was looked up last, options included
     };
-    using Listing = std::vector<Store::ListEntry>;
+    struct OpenListing {
+        Charge place;
+        std::shared_ptr<Listing> listing;
+        std::shared_ptr<Charge> charge;
+    };
 
     Inode* find(fuse_ino_t number);
-    static Node& subjectOf(const Inode& inode);
-    DirectoryNode* findFolder(fuse_ino_t number);
-    fuse_entry_param remember(const std::shared_ptr<Node>& node, OpenOptions options);
-    void replyEntry(fuse_req_t request, const std::shared_ptr<Node>& node, OpenOptions options);
+    static std::shared_ptr<Node> subjectOf(const Inode& inode);
+    std::shared_ptr<DirectoryNode> findFolder(fuse_ino_t number);
+    fuse_entry_param remember(const std::shared_ptr<Node>& node, OpenOptions options,
+                              std::string spelling);
+    void replyEntry(fuse_req_t request, const std::shared_ptr<Node>& node, OpenOptions options,
+                    std::string spelling);
+    void answerMade(fuse_req_t request, int error, const std::shared_ptr<Node>& node);
+    void answerOpen(fuse_req_t request, int error, std::unique_ptr<OpenFile> file);
+    void answerCreate(fuse_req_t request, int error, const std::shared_ptr<Node>& node,
+                      OpenOptions options, const std::string& spelling,
+                      std::unique_ptr<OpenFile> file);
+    void leaving(const DirectoryNode& folder, const Node& node);
 
     Store& m_store;
     OpenFiles& m_files;
+    StaleNames& m_staleNames;
     std::unordered_map<fuse_ino_t, Inode> m_inodes;
-    std::unordered_map<std::uint64_t, Listing> m_listings;
+    std::unordered_map<std::uint64_t, OpenListing> m_listings;
     std::uint64_t m_nextListing = 1;
 };

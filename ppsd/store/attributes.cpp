@@ -1,31 +1,42 @@
-// A list is a plain vector, because order is part of the contract and objects are small. Merging
-// and comparing index it by name first, so that a large object costs its length and not its square:
-// whoever may write to one object must not be able to keep the whole service busy.
+// Merging and comparing index the lines by name first, so that a large object costs its length and
+// not its square: whoever may write to one object must not be able to keep the whole service busy.
 
 #include "ppsd/store/attributes.hpp"
 
 #include <cerrno>
-#include <optional>
+#include <cstddef>
 #include <unordered_map>
 
 #include "platform/pps/ppsparse.hpp"
 
 namespace {
 
+using Lines = std::vector<AttributeChange>;
 using Index = std::unordered_map<std::string_view, std::size_t>;
 
-Index indexOf(const AttributeList& list) {
+// The lines of an object, which are known to be well-formed.
+Lines linesOf(std::string_view text) {
+    Lines lines;
+    parseChanges(text, ObjectLines::kRefused, lines);
+    return lines;
+}
+
+Index indexOf(const Lines& lines) {
     Index index;
-    index.reserve(list.size());
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        index.emplace(list[i].name, i);
+    index.reserve(lines.size());
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        index.emplace(lines[i].name, i);
     }
     return index;
 }
 
-void appendLine(std::string& text, std::string_view name, std::string_view encoding,
-                std::string_view value) {
-    text.append(name).append(1, ':').append(encoding).append(1, ':').append(value).append(1, '\n');
+void appendLine(std::string& text, const AttributeChange& line) {
+    text.append(line.name).append(1, ':').append(line.encoding).append(1, ':');
+    text.append(line.value).append(1, '\n');
+}
+
+bool isSame(const AttributeChange& one, const AttributeChange& other) {
+    return one.encoding == other.encoding && one.value == other.value;
 }
 
 }  // namespace
@@ -60,34 +71,34 @@ int parseChanges(std::string_view text, ObjectLines objectLines,
     }
 }
 
-AttributeList mergeChanges(const AttributeList& list, const std::vector<AttributeChange>& changes) {
-    std::vector<std::optional<Attribute>> slots(list.begin(), list.end());
-    Index index = indexOf(list);
+// A removed line keeps its place, marked as such, until the end.
+std::string mergeChanges(std::string_view text, const std::vector<AttributeChange>& changes) {
+    Lines lines = linesOf(text);
+    Index index = indexOf(lines);
+    std::size_t most = text.size();
     for (const AttributeChange& change : changes) {
         const auto found = index.find(change.name);
+        most += change.name.size() + change.encoding.size() + change.value.size() + 3;
         if (change.removes) {
             if (found != index.end()) {
-                slots[found->second].reset();
+                lines[found->second].removes = true;
                 index.erase(found);
             }
-            continue;
-        }
-        Attribute attribute{std::string(change.name), std::string(change.encoding),
-                            std::string(change.value)};
-        if (found != index.end()) {
-            slots[found->second] = std::move(attribute);
+        } else if (found != index.end()) {
+            lines[found->second] = change;
         } else {
-            index.emplace(change.name, slots.size());
-            slots.emplace_back(std::move(attribute));
+            index.emplace(change.name, lines.size());
+            lines.push_back(change);
         }
     }
-    AttributeList merged;
-    merged.reserve(slots.size());
-    for (std::optional<Attribute>& slot : slots) {
-        if (slot) {
-            merged.push_back(std::move(*slot));
+    std::string merged;
+    merged.reserve(most);
+    for (const AttributeChange& line : lines) {
+        if (!line.removes) {
+            appendLine(merged, line);
         }
     }
+    merged.shrink_to_fit();
     return merged;
 }
 
@@ -96,48 +107,32 @@ void appendLines(std::string& text, const std::vector<AttributeChange>& changes)
         if (change.removes) {
             text.append(1, '-').append(change.name).append(1, '\n');
         } else {
-            appendLine(text, change.name, change.encoding, change.value);
+            appendLine(text, change);
         }
     }
 }
 
-std::string renderAttributes(const AttributeList& list) {
-    std::string text;
-    for (const Attribute& attribute : list) {
-        appendLine(text, attribute.name, attribute.encoding, attribute.value);
-    }
-    return text;
+std::string objectLine(std::string_view name) {
+    return std::string(1, '@').append(name).append(1, '\n');
 }
 
-std::string renderObject(std::string_view name, const AttributeList& list) {
-    if (list.empty()) {
-        return {};
-    }
-    std::string text(1, '@');
-    text.append(name).append(1, '\n').append(renderAttributes(list));
-    return text;
-}
-
-std::string renderDelta(std::string_view name, const AttributeList& before,
-                        const AttributeList& after) {
+std::string renderDelta(std::string_view name, std::string_view before, std::string_view after) {
+    const Lines oldLines = linesOf(before);
+    Index old = indexOf(oldLines);
     std::string lines;
-    Index old = indexOf(before);
-    for (const Attribute& attribute : after) {
-        const auto found = old.find(attribute.name);
-        if (found == old.end() || before[found->second] != attribute) {
-            appendLine(lines, attribute.name, attribute.encoding, attribute.value);
+    for (const AttributeChange& line : linesOf(after)) {
+        const auto found = old.find(line.name);
+        if (found == old.end() || !isSame(oldLines[found->second], line)) {
+            appendLine(lines, line);
         }
         if (found != old.end()) {
             old.erase(found);
         }
     }
-    for (const Attribute& attribute : before) {
-        if (old.contains(attribute.name)) {
-            lines.append(1, '-').append(attribute.name).append(1, '\n');
+    for (const AttributeChange& line : oldLines) {
+        if (old.contains(line.name)) {
+            lines.append(1, '-').append(line.name).append(1, '\n');
         }
     }
-    if (lines.empty()) {
-        return {};
-    }
-    return std::string(1, '@').append(name).append(1, '\n').append(lines);
+    return lines.empty() ? lines : objectLine(name) + lines;
 }

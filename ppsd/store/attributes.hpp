@@ -1,5 +1,7 @@
-// The attributes of an object and their text: parsing what was written, merging, rendering.
-// Pure functions; no locks, no descriptors. Results of type int are 0 or an errno value.
+// The attributes of an object as text: parsing what was written, merging, differences. An object is
+// kept as its lines "name:encoding:value", one for each attribute in the order in which they were
+// first written, no name twice. Pure functions; no locks, no descriptors. Results of type int are 0
+// or an errno value.
 
 #pragma once
 
@@ -7,18 +9,7 @@
 #include <string_view>
 #include <vector>
 
-struct Attribute {
-    std::string name;
-    std::string encoding;
-    std::string value;
-
-    bool operator==(const Attribute&) const = default;
-};
-
-// In the order in which the attributes were first written; names are unique.
-using AttributeList = std::vector<Attribute>;
-
-// One line of a write. Views into the written text.
+// One line of a write, or of an object. Views into its text.
 struct AttributeChange {
     std::string_view name;
     std::string_view encoding;
@@ -38,19 +29,15 @@ enum class ObjectLines {
 int parseChanges(std::string_view text, ObjectLines objectLines,
                  std::vector<AttributeChange>& changes);
 
-// `list` after `changes`, applied in their order.
-AttributeList mergeChanges(const AttributeList& list, const std::vector<AttributeChange>& changes);
+// The lines of an object after `changes`, applied in their order.
+std::string mergeChanges(std::string_view lines, const std::vector<AttributeChange>& changes);
 
 // Appends the lines of `changes`, one each, to `text`: "-name" or "name:encoding:value".
 void appendLines(std::string& text, const std::vector<AttributeChange>& changes);
 
-// The lines of `list` without an object line.
-std::string renderAttributes(const AttributeList& list);
+// The line "@name" that stands before an object's lines.
+std::string objectLine(std::string_view name);
 
-// "@name" and the lines of `list`; empty when `list` is.
-std::string renderObject(std::string_view name, const AttributeList& list);
-
-// "@name" and what leads from `before` to `after`: changed and new attributes in the order of
-// `after`, then "-attribute" for each that is gone. Empty when nothing differs.
-std::string renderDelta(std::string_view name, const AttributeList& before,
-                        const AttributeList& after);
+// "@name" and what leads from the lines `before` to the lines `after`: changed and new attributes
+// in the order of `after`, then "-attribute" for each that is gone. Empty when nothing differs.
+std::string renderDelta(std::string_view name, std::string_view before, std::string_view after);

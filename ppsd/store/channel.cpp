@@ -4,7 +4,7 @@
 //
 // A client that opens and closes before the server has heard of it, and says nothing, takes its
 // notice with it: an application that opens and closes in a storm leaves what was read of it and
-// nothing more.
+// nothing more. What is left of a client that has gone counts for its user until it was read.
 //
 // A broadcast goes to those who have room. The others have missed a message of a stream, which
 // would look whole to them, so they are hung up on: they read what is queued, then the end, and may
@@ -15,12 +15,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <new>
 #include <utility>
+#include <vector>
 
 #include "ppsd/store/attributes.hpp"
 #include "ppsd/store/limits.hpp"
 
 namespace {
+
+constexpr std::uint64_t kNobody = ~std::uint64_t{0};  // an id that is never given
 
 // True when `text` is one or more decimal digits and nothing else.
 bool isNumber(std::string_view text) {
@@ -30,50 +34,66 @@ bool isNumber(std::string_view text) {
 
 }  // namespace
 
-Channel::Channel(std::string name, ReadinessListener& listener)
-    : m_name(std::move(name)), m_listener(listener) {}
+Channel::Channel(std::string name, ReadinessListener& listener, Accounts& accounts)
+    : m_name(std::move(name)),
+      m_endNotice("-" + objectLine(m_name)),
+      m_listener(listener),
+      m_accounts(accounts) {}
 
-void Channel::attachServer(ServerFile& server) {
+void Channel::attachServer(ServerFile& server, uid_t user) {
     m_server = &server;
+    m_serverUser = user;
 }
 
-void Channel::detachServer() {
+void Channel::detachServer() noexcept {
     m_server = nullptr;
     m_pending.clear();
-    m_departedBytes.clear();
-    const auto notice = std::make_shared<const std::string>("-@" + m_name + "\n");
     for (const auto& [id, client] : m_clients) {
-        client->m_ended = true;
-        client->enqueue(notice);
+        client->m_state = ClientFile::State::kServerGone;
         m_listener.readinessChanged(*client);
     }
+    m_clients.clear();
+}
+
+template <typename Action>
+void Channel::changeBacklog(std::uint64_t id, Opener opener, Action action) {
+    m_pending.change(opener.user, [&](auto& processes) {
+        processes.change(opener.process, [&](auto& clients) { clients.change(id, action); });
+    });
+}
+
+int Channel::admit(std::uint64_t id, Opener opener) {
+    Charge charge(m_accounts, opener.user, Holding::kMemory);
+    if (!charge.grow(kClientBytes)) {
+        return ENOBUFS;
+    }
+    changeBacklog(id, opener,
+                  [&](Backlog& backlog) { backlog.open(id, opener, std::move(charge)); });
+    return 0;
+}
+
+void Channel::dismiss(std::uint64_t id, Opener opener) noexcept {
+    changeBacklog(id, opener, [](Backlog& backlog) { backlog.close(); });
 }
 
 void Channel::attachClient(ClientFile& client) {
     m_clients.emplace(client.m_id, &client);
-    addPending(client, nullptr, '+');
+    if (m_server != nullptr) {
+        m_listener.readinessChanged(*m_server);
+    }
 }
 
-void Channel::detachClient(ClientFile& client) {
+void Channel::detachClient(ClientFile& client) noexcept {
     if (m_clients.erase(client.m_id) == 0 || m_server == nullptr) {
         return;
     }
-    bool isUnknown = false;
-    changeBacklog(client, [&](Backlog& backlog) {
-        isUnknown = backlog.isOpeningAlone();
-        if (isUnknown) {
-            backlog.clear();
-        }
-    });
-    if (!isUnknown) {
-        m_departedBytes[client.m_opener.user] += client.m_bytesAtServer + kDepartedClientBytes;
-        addPending(client, nullptr, '-');
-    }
+    dismiss(client.m_id, client.m_opener);
+    m_listener.readinessChanged(*m_server);
 }
 
-void Channel::hangUp(ClientFile& client) {
+void Channel::hangUp(ClientFile& client) noexcept {
     detachClient(client);
-    client.m_ended = true;
+    client.m_state = ClientFile::State::kHungUp;
     m_listener.readinessChanged(client);
 }
 
@@ -81,71 +101,81 @@ std::string Channel::tagOf(std::uint64_t client) const {
     return "@" + m_name + "." + std::to_string(client) + "\n";
 }
 
+void Channel::Backlog::open(std::uint64_t id, Opener opener, Charge charge) {
+    m_id = id;
+    m_opener = opener;
+    m_charge = std::move(charge);
+    m_isOpening = true;
+}
+
+void Channel::Backlog::add(Message message) {
+    m_messages.push_back(std::move(message));
+    m_bytes += m_messages.back().text.size();
+}
+
+bool Channel::Backlog::takeBack() noexcept {
+    if (m_messages.empty()) {
+        return false;
+    }
+    m_bytes -= m_messages.back().text.size();
+    m_messages.pop_back();
+    return true;
+}
+
+void Channel::Backlog::close() noexcept {
+    m_isClosing = !m_isOpening || !m_messages.empty();
+    m_isOpening = m_isOpening && m_isClosing;
+    m_isClosed = true;
+}
+
 Channel::Pending Channel::Backlog::take() {
-    Pending first = std::move(m_items.front());
-    m_items.pop_front();
-    return first;
-}
-
-template <typename Action>
-void Channel::changeBacklog(const ClientFile& client, Action action) {
-    m_pending.change(client.m_opener.user, [&](auto& processes) {
-        processes.change(client.m_opener.process,
-                         [&](auto& clients) { clients.change(client.m_id, action); });
-    });
-}
-
-void Channel::addPending(const ClientFile& from, std::unique_ptr<std::string> text, char sign) {
-    if (m_server == nullptr) {
-        return;
+    Pending taken{m_id, m_opener, 0, {}};
+    if (m_isOpening) {
+        taken.sign = '+';
+        m_isOpening = false;
+    } else if (!m_messages.empty()) {
+        taken.text = std::move(m_messages.front().text);
+        m_bytes -= taken.text.size();
+        m_messages.pop_front();
+    } else {
+        taken.sign = '-';
+        m_isClosing = false;
     }
-    changeBacklog(from, [&](Backlog& backlog) {
-        backlog.add({from.m_id, std::move(text), from.m_opener, sign});
-    });
-    m_listener.readinessChanged(*m_server);
-}
-
-std::string Channel::takePending() {
-    if (m_pending.empty()) {
-        return {};
-    }
-    Pending read = m_pending.take();
-    giveBack(read);
-    return read.text == nullptr ? textOf(read) : std::move(*read.text);
+    return taken;
 }
 
 // A client that opened is introduced: what it may do is the server's to decide, and the client
 // cannot say it for itself.
-std::string Channel::textOf(const Pending& notice) const {
-    std::string text = notice.sign + tagOf(notice.client);
-    if (notice.sign == '+') {
-        text += "uid:n:" + std::to_string(notice.opener.user) +
-                "\ngid:n:" + std::to_string(notice.opener.group) +
-                "\npid:n:" + std::to_string(notice.opener.process) + "\n";
+std::string Channel::takePending() {
+    if (m_pending.empty()) {
+        return {};
+    }
+    Pending taken = m_pending.take();
+    if (taken.sign == 0) {
+        return std::move(taken.text);
+    }
+    std::string text = taken.sign + tagOf(taken.client);
+    if (taken.sign == '+') {
+        text += "uid:n:" + std::to_string(taken.opener.user) +
+                "\ngid:n:" + std::to_string(taken.opener.group) +
+                "\npid:n:" + std::to_string(taken.opener.process) + "\n";
     }
     return text;
 }
 
-// The room that `read` took until now.
-void Channel::giveBack(const Pending& read) {
-    const auto client = m_clients.find(read.client);
-    if (client != m_clients.end()) {
-        client->second->m_bytesAtServer -= read.text == nullptr ? 0 : read.text->size();
-        return;
+std::string Channel::listClients() const {
+    std::string text = objectLine(m_name);
+    for (const auto& [id, client] : m_clients) {
+        const Opener& opener = client->m_opener;
+        text += std::to_string(id) + ":json:{\"uid\":" + std::to_string(opener.user) +
+                ",\"gid\":" + std::to_string(opener.group) +
+                ",\"pid\":" + std::to_string(opener.process) + "}\n";
     }
-    const auto departed = m_departedBytes.find(read.opener.user);
-    if (read.text != nullptr) {
-        departed->second -= read.text->size();
-    } else if (read.sign == '-') {
-        departed->second -= kDepartedClientBytes;
-    }
-    if (departed->second == 0) {
-        m_departedBytes.erase(departed);
-    }
+    return text;
 }
 
-int Channel::sendToServer(ClientFile& from, std::string_view text) {
-    if (m_server == nullptr || from.m_ended) {
+int Channel::sendToServer(ClientFile& from, uid_t writer, std::string_view text) {
+    if (from.m_state != ClientFile::State::kConnected) {
         return EPIPE;
     }
     if (text.size() > kMessageMaxBytes) {
@@ -156,16 +186,46 @@ int Channel::sendToServer(ClientFile& from, std::string_view text) {
     if (error != 0) {
         return error;
     }
-    std::string message = tagOf(from.m_id);
-    appendLines(message, lines);
-    const auto departed = m_departedBytes.find(from.m_opener.user);
-    if (from.m_bytesAtServer + message.size() > kServerQueuePerClientMaxBytes ||
-        (departed != m_departedBytes.end() && departed->second > kServerQueueDepartedMaxBytes)) {
+    Message message{tagOf(from.m_id), Charge(m_accounts, writer, Holding::kMemory)};
+    appendLines(message.text, lines);
+    bool isAdded = false;
+    changeBacklog(from.m_id, from.m_opener, [&](Backlog& backlog) {
+        const std::size_t bytes = message.text.size();
+        if (backlog.bytes() + bytes <= kServerQueuePerClientMaxBytes &&
+            message.charge.grow(bytes)) {
+            backlog.add(std::move(message));
+            isAdded = true;
+        }
+    });
+    if (!isAdded) {
         return ENOBUFS;
     }
-    from.m_bytesAtServer += message.size();
-    addPending(from, std::make_unique<std::string>(std::move(message)), 0);
+    m_listener.readinessChanged(*m_server);
     return 0;
+}
+
+void Channel::takeBackFrom(ClientFile& client) noexcept {
+    if (client.m_state != ClientFile::State::kConnected) {
+        return;
+    }
+    bool isTakenBack = false;
+    changeBacklog(client.m_id, client.m_opener,
+                  [&](Backlog& backlog) { isTakenBack = backlog.takeBack(); });
+    if (!isTakenBack) {
+        hangUp(client);
+    }
+}
+
+void Channel::takeBackFromServer() noexcept {
+    const std::shared_ptr<const std::string> last = m_lastSent.lock();
+    for (auto next = m_clients.begin(); next != m_clients.end();) {
+        ClientFile& client = *next->second;
+        ++next;  // past it, as one that is hung up on leaves
+        const bool isReceiver = m_lastReceiver == 0 || m_lastReceiver == client.m_id;
+        if (isReceiver && client.m_reads && !client.takeBack(last)) {
+            hangUp(client);
+        }
+    }
 }
 
 // Cuts a leading line "@NAME" or "@NAME.ID" off `text`. With an ID, `toOne` is set and `receiver`
@@ -213,43 +273,44 @@ int Channel::sendToClients(std::string_view text) {
     if (error != 0) {
         return error;
     }
-    std::string content = "@" + m_name + "\n";
+    std::string content = objectLine(m_name);
     appendLines(content, lines);
     const auto message = std::make_shared<const std::string>(std::move(content));
+    m_lastSent = message;
+    m_lastReceiver = receiver == nullptr ? 0 : receiver->m_id;
     if (!toOne) {
         sendToAll(message);
         return 0;
     }
     if (receiver == nullptr) {
+        m_lastReceiver = kNobody;
         return 0;
     }
-    if (!receiver->hasRoomFor(message->size())) {
+    if (!receiver->enqueue(message)) {
         return ENOBUFS;
     }
-    receiver->enqueue(message);
     m_listener.readinessChanged(*receiver);
     return 0;
 }
 
 void Channel::sendToAll(const std::shared_ptr<const std::string>& message) {
-    std::vector<ClientFile*> full;
-    for (const auto& [id, client] : m_clients) {
-        if (!client->hasRoomFor(message->size())) {
-            full.push_back(client);
-            continue;
+    for (auto next = m_clients.begin(); next != m_clients.end();) {
+        ClientFile& client = *next->second;
+        ++next;  // past it, as one that is hung up on leaves
+        if (client.enqueue(message)) {
+            m_listener.readinessChanged(client);
+        } else {
+            hangUp(client);
         }
-        client->enqueue(message);
-        m_listener.readinessChanged(*client);
-    }
-    for (ClientFile* client : full) {
-        hangUp(*client);
     }
 }
 
-ServerFile::ServerFile(std::shared_ptr<Channel> channel, OpenOptions options,
-                       std::function<void()> onClose)
-    : OpenFile(options), m_channel(std::move(channel)), m_onClose(std::move(onClose)) {
-    m_channel->attachServer(*this);
+ServerFile::ServerFile(std::shared_ptr<Channel> channel, OpenOptions options, Charge place,
+                       uid_t user, std::function<void()> onClose)
+    : OpenFile(options, std::move(place)),
+      m_channel(std::move(channel)),
+      m_onClose(std::move(onClose)) {
+    m_channel->attachServer(*this, user);
 }
 
 ServerFile::~ServerFile() {
@@ -257,7 +318,8 @@ ServerFile::~ServerFile() {
     m_channel->detachServer();
 }
 
-ReadOutcome ServerFile::read(std::size_t size, std::string& bytes) {
+ReadOutcome ServerFile::read(uid_t reader, std::size_t size, std::string& bytes) {
+    m_channel->m_serverUser = reader;
     bytes = m_channel->takePending();
     if (bytes.empty()) {
         return ReadOutcome::kNothing;
@@ -266,17 +328,26 @@ ReadOutcome ServerFile::read(std::size_t size, std::string& bytes) {
     return ReadOutcome::kBytes;
 }
 
-int ServerFile::write(std::string_view text) {
-    return m_channel->sendToClients(text);
+void ServerFile::write(uid_t /*writer*/, std::string_view text, const Done& done) {
+    done(m_channel->sendToClients(text));
+}
+
+void ServerFile::takeBackCutWrite() {
+    m_channel->takeBackFromServer();
 }
 
 Readiness ServerFile::readiness() const {
     return {m_channel->hasPending(), false};
 }
 
-ClientFile::ClientFile(std::shared_ptr<Channel> channel, OpenOptions options, std::uint64_t id,
-                       Opener opener, bool reads)
-    : OpenFile(options), m_channel(std::move(channel)), m_id(id), m_opener(opener), m_reads(reads) {
+ClientFile::ClientFile(std::shared_ptr<Channel> channel, OpenOptions options, Charge place,
+                       std::uint64_t id, Opener opener, bool reads)
+    : OpenFile(options, std::move(place)),
+      m_channel(std::move(channel)),
+      m_id(id),
+      m_opener(opener),
+      m_reads(reads),
+      m_queueCharge(m_channel->m_accounts, opener.user, Holding::kMemory) {
     m_channel->attachClient(*this);
 }
 
@@ -284,36 +355,92 @@ ClientFile::~ClientFile() {
     m_channel->detachClient(*this);
 }
 
-bool ClientFile::hasRoomFor(std::size_t bytes) const {
-    return !m_reads || m_queuedBytes + bytes <= kClientQueueMaxBytes;
-}
-
-void ClientFile::enqueue(const std::shared_ptr<const std::string>& message) {
-    if (m_reads) {
-        m_queuedBytes += message->size();
+bool ClientFile::enqueue(const std::shared_ptr<const std::string>& message) {
+    if (!m_reads) {
+        return true;
+    }
+    const std::size_t bytes = message->size();
+    if (m_queuedBytes + bytes > kClientQueueMaxBytes) {
+        return false;
+    }
+    try {
+        if (!m_queueCharge.grow(bytes)) {
+            return false;
+        }
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    try {
         m_queue.push_back(message);
+    } catch (const std::bad_alloc&) {
+        m_queueCharge.shrink(bytes);
+        return false;
     }
+    m_queuedBytes += bytes;
+    return true;
 }
 
-ReadOutcome ClientFile::read(std::size_t size, std::string& bytes) {
-    if (m_queue.empty()) {
-        return m_ended ? ReadOutcome::kEnd : ReadOutcome::kNothing;
+// False when it is not there any more, or has been begun.
+bool ClientFile::takeBack(const std::shared_ptr<const std::string>& message) noexcept {
+    const bool isBegun = m_queue.size() == 1 && m_readOfFirst != 0;
+    if (m_queue.empty() || m_queue.back() != message || isBegun) {
+        return false;
     }
-    const std::string& message = *m_queue.front();
-    bytes.assign(message, m_readOfFirst, size);
+    m_queuedBytes -= message->size();
+    m_queueCharge.shrink(message->size());
+    m_queue.pop_back();
+    return true;
+}
+
+ReadOutcome ClientFile::read(uid_t /*reader*/, std::size_t size, std::string& bytes) {
+    const bool isNoticeNext = m_queue.empty() && m_state == State::kServerGone && !m_isEndRead;
+    if (m_queue.empty() && !isNoticeNext) {
+        return m_state == State::kConnected ? ReadOutcome::kNothing : ReadOutcome::kEnd;
+    }
+    const std::string& next = isNoticeNext ? m_channel->m_endNotice : *m_queue.front();
+    bytes.assign(next, m_readOfFirst, size);
     m_readOfFirst += bytes.size();
-    if (m_readOfFirst == message.size()) {
-        m_queuedBytes -= message.size();
-        m_readOfFirst = 0;
+    if (m_readOfFirst < next.size()) {
+        return ReadOutcome::kBytes;
+    }
+    m_readOfFirst = 0;
+    if (isNoticeNext) {
+        m_isEndRead = true;
+    } else {
+        m_queuedBytes -= next.size();
+        m_queueCharge.shrink(next.size());
         m_queue.pop_front();
     }
     return ReadOutcome::kBytes;
 }
 
-int ClientFile::write(std::string_view text) {
-    return m_channel->sendToServer(*this, text);
+void ClientFile::write(uid_t writer, std::string_view text, const Done& done) {
+    done(m_channel->sendToServer(*this, writer, text));
+}
+
+void ClientFile::takeBackCutWrite() {
+    m_channel->takeBackFrom(*this);
 }
 
 Readiness ClientFile::readiness() const {
-    return {!m_queue.empty() || m_ended, m_ended};
+    const bool hasEnded = m_state != State::kConnected;
+    return {!m_queue.empty() || hasEnded, hasEnded};
+}
+
+ClientListFile::ClientListFile(const std::shared_ptr<Channel>& channel, OpenOptions options,
+                               Charge place)
+    : OpenFile(options, std::move(place)), m_text(channel->listClients()) {}
+
+ReadOutcome ClientListFile::read(uid_t /*reader*/, std::size_t size, std::string& bytes) {
+    bytes = m_text.substr(0, size);
+    m_text.erase(0, size);
+    return bytes.empty() ? ReadOutcome::kNothing : ReadOutcome::kBytes;
+}
+
+void ClientListFile::write(uid_t /*writer*/, std::string_view /*text*/, const Done& done) {
+    done(EBADF);
+}
+
+Readiness ClientListFile::readiness() const {
+    return {!m_text.empty(), false};
 }

@@ -3,9 +3,13 @@
 // which makes names that begin with it free for this file's use:
 //
 //     ?dir     in every folder: its owner, group, mode and time
-//     ?new     a file being written; without meaning until it is renamed
+//     ?new...  a file being written; without meaning until it is renamed. Several at once have a
+//              number behind the name
 //     ?newdir  a folder being made; without meaning until it is renamed
 //     ?olddir  a folder being removed; it is gone from the moment of its renaming
+//
+// Every entry is reached through a descriptor of its folder, and every folder through that of the
+// folder above it: the whole path of a deep one is longer than the system takes.
 //
 // A crash between any two steps leaves the old state or the new one, and perhaps a leftover of one
 // of these names, which load() removes.
@@ -15,10 +19,13 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <utility>
 
 #include "ppsd/store/files.hpp"
@@ -38,10 +45,26 @@ std::string join(const std::string& folder, const std::string& name) {
     return folder.empty() ? name : folder + "/" + name;
 }
 
-int existsOrErrno(const std::string& path) {
+bool isThere(int folder, const std::string& name) {
     struct stat status {};
-    return lstat(path.c_str(), &status) == 0 ? 0 : errno;
+    return fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
 }
+
+int renameEntry(int fromFolder, const std::string& from, int toFolder, const std::string& to) {
+    return renameat(fromFolder, from.c_str(), toFolder, to.c_str()) == 0 ? 0 : errno;
+}
+
+// The name under which the change of this number is written.
+std::string asideName(std::size_t number) {
+    return number == 0 ? kNewFile : kNewFile + std::to_string(number);
+}
+
+// A folder of the batch, opened once.
+struct OpenFolder {
+    UniqueFd fd;
+    int error = 0;
+    bool isChanged = false;
+};
 
 }  // namespace
 
@@ -50,37 +73,72 @@ Disk::Disk(std::string folder, Report report)
 
 int Disk::open() {
     int error = makeFolders(m_folder, 0700);
-    if (error != 0) {
-        return error;
-    }
-    UniqueFd lock(::open((m_folder + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    if (!lock || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        return errno;
-    }
-    error = makeFolders(m_folder + "/tree", 0700);
     if (error == 0) {
-        error = syncFolder(m_folder);
+        error = lock();
+    }
+    if (error == 0) {
+        error = makeFolders(m_folder + "/tree", 0700);
+    }
+    if (error == 0) {
+        error = openFolder(AT_FDCWD, m_folder + "/tree", m_tree);
     }
     if (error != 0) {
+        m_lock.reset();
         return error;
     }
-    m_lock = std::move(lock);
+    error = syncFolder(m_folder);
+    if (error != 0 && error != EROFS) {
+        m_lock.reset();
+        return error;
+    }
     // Somebody else's folder, perhaps one that may be entered but not read.
     const int parentError = syncFolder(folderOf(m_folder));
-    if (parentError != 0) {
+    if (parentError != 0 && parentError != EROFS) {
         m_report("cannot sync the folder above the store: " +
                  std::string(std::strerror(parentError)));
     }
     return 0;
 }
 
-std::string Disk::treePath(const std::string& path) const {
-    return m_folder + "/tree" + (path.empty() ? "" : "/" + path);
+// On a disk that cannot be written to, the file may be there only to be read, or not at all; then
+// the folder itself takes the lock.
+int Disk::lock() {
+    const std::string file = m_folder + "/lock";
+    UniqueFd taken(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (!taken && errno == EROFS) {
+        taken = UniqueFd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    }
+    if (!taken && errno == ENOENT) {
+        taken = UniqueFd(::open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    }
+    if (!taken || flock(taken.get(), LOCK_EX | LOCK_NB) != 0) {
+        return errno;
+    }
+    m_lock = std::move(taken);
+    return 0;
+}
+
+int Disk::openPath(const std::string& path, UniqueFd& folder) const {
+    int error = openFolder(m_tree.get(), ".", folder);
+    for (std::size_t at = 0; error == 0 && at < path.size();) {
+        const std::size_t slash = std::min(path.find('/', at), path.size());
+        UniqueFd next;
+        error = openFolder(folder.get(), path.substr(at, slash - at), next);
+        folder = std::move(next);
+        at = slash + 1;
+    }
+    return error;
+}
+
+// Opens the folder in which `path` lies, and gives its name there.
+int Disk::openFolderOf(const std::string& path, UniqueFd& folder, std::string& name) const {
+    const std::size_t slash = path.rfind('/');
+    name = slash == std::string::npos ? path : path.substr(slash + 1);
+    return openPath(slash == std::string::npos ? "" : path.substr(0, slash), folder);
 }
 
 Metadata Disk::loadRoot(const Metadata& fallback) {
-    const std::string file = treePath(kDirectoryRecord);
-    if (existsOrErrno(file) == ENOENT) {
+    if (!isThere(m_tree.get(), kDirectoryRecord)) {
         const int error = saveDirectory("", fallback);
         if (error != 0) {
             m_report("cannot store the root folder: " + std::string(std::strerror(error)));
@@ -89,7 +147,7 @@ Metadata Disk::loadRoot(const Metadata& fallback) {
     }
     Entry root;
     std::string error;
-    if (loadEntry("", root, error)) {
+    if (loadEntry(m_tree.get(), ".", root, error)) {
         return root.record.metadata;
     }
     keepAside(kDirectoryRecord, error);
@@ -97,9 +155,13 @@ Metadata Disk::loadRoot(const Metadata& fallback) {
 }
 
 std::vector<Disk::Entry> Disk::load(const std::string& path) {
-    removeLeftovers(treePath(path));
+    UniqueFd folder;
     std::vector<std::string> names;
-    const int listError = listFolder(treePath(path), names);
+    int listError = openPath(path, folder);
+    if (listError == 0) {
+        removeLeftovers(folder.get(), path);
+        listError = listFolder(folder.get(), names);
+    }
     if (listError != 0) {
         m_report("cannot list the stored folder /" + path + ": " + std::strerror(listError));
         return {};
@@ -113,7 +175,7 @@ std::vector<Disk::Entry> Disk::load(const std::string& path) {
         entry.name = name;
         std::string error;
         const std::string entryPath = join(path, name);
-        if (loadEntry(entryPath, entry, error)) {
+        if (loadEntry(folder.get(), name, entry, error)) {
             entries.push_back(std::move(entry));
             continue;
         }
@@ -130,19 +192,22 @@ std::vector<Disk::Entry> Disk::load(const std::string& path) {
 
 // Reads the record of an object, or of a folder from the "?dir" in it. False with the reason in
 // `error`; `entry.isDirectory` is right in any case.
-bool Disk::loadEntry(const std::string& path, Entry& entry, std::string& error) {
-    std::string file = treePath(path);
+bool Disk::loadEntry(int folder, const std::string& name, Entry& entry, std::string& error) const {
     struct stat status {};
-    if (lstat(file.c_str(), &status) != 0) {
+    if (fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
         error = std::strerror(errno);
         return false;
     }
     entry.isDirectory = S_ISDIR(status.st_mode);
-    if (entry.isDirectory) {
-        file += std::string("/") + kDirectoryRecord;
-    }
     std::string text;
-    const int readError = readFile(file, text);
+    int readError = 0;
+    if (entry.isDirectory) {
+        UniqueFd own;
+        readError = openFolder(folder, name, own);
+        readError = readError != 0 ? readError : readFile(own.get(), kDirectoryRecord, text);
+    } else {
+        readError = readFile(folder, name, text);
+    }
     if (readError != 0) {
         error = std::strerror(readError);
         return false;
@@ -150,20 +215,25 @@ bool Disk::loadEntry(const std::string& path, Entry& entry, std::string& error) 
     if (!decodeRecord(text, entry.record, error)) {
         return false;
     }
-    if (entry.isDirectory && !entry.record.attributes.empty()) {
+    if (entry.isDirectory && !entry.record.lines.empty()) {
         error = "a folder has no attributes";
         return false;
     }
     return true;
 }
 
-void Disk::removeLeftovers(const std::string& folder) {
-    unlink((folder + "/" + kNewFile).c_str());
-    for (const char* name : {kNewFolder, kOldFolder}) {
-        const std::string leftover = folder + "/" + name;
-        const int error = removeFlatFolder(leftover);
-        if (error != 0 && error != ENOENT) {
-            m_report("cannot remove the leftover " + leftover.substr(m_folder.size() + 1) + ": " +
+void Disk::removeLeftovers(int folder, const std::string& path) {
+    std::vector<std::string> names;
+    listFolder(folder, names);
+    for (const std::string& name : names) {
+        int error = 0;
+        if (name == kNewFolder || name == kOldFolder) {
+            error = removeFlatFolder(folder, name);
+        } else if (name.starts_with(kNewFile)) {
+            unlinkat(folder, name.c_str(), 0);
+        }
+        if (error != 0) {
+            m_report("cannot remove the leftover tree/" + join(path, name) + ": " +
                      std::strerror(error));
         }
     }
@@ -171,92 +241,175 @@ void Disk::removeLeftovers(const std::string& folder) {
 
 // Moves a file that makes no sense to "damaged/N-NAME", where a person can look at it.
 void Disk::keepAside(const std::string& path, const std::string& error) {
-    const std::string source = treePath(path);
-    if (existsOrErrno(source) != 0) {
+    UniqueFd source;
+    std::string name;
+    if (openFolderOf(path, source, name) != 0 || !isThere(source.get(), name)) {
         m_report("stored /" + path + " is lost: " + error);
         return;
     }
-    const std::string folder = m_folder + "/damaged";
-    int moveError = makeFolders(folder, 0700);
+    UniqueFd damaged;
+    int moveError = makeFolders(m_folder + "/damaged", 0700);
+    if (moveError == 0) {
+        moveError = openFolder(AT_FDCWD, m_folder + "/damaged", damaged);
+    }
     std::string kept;
-    const std::string name = path.substr(path.rfind('/') + 1).substr(0, kNameMaxBytes - 24);
     for (unsigned number = 1; moveError == 0; ++number) {
-        kept = folder + "/" + std::to_string(number) + "-" + name;
-        if (existsOrErrno(kept) == ENOENT) {
-            moveError = ::rename(source.c_str(), kept.c_str()) == 0 ? 0 : errno;
+        kept = std::to_string(number) + "-" + name.substr(0, kNameMaxBytes - 24);
+        if (!isThere(damaged.get(), kept)) {
+            moveError = renameEntry(source.get(), name, damaged.get(), kept);
             break;
         }
     }
     const std::string fate = moveError == 0
-                                 ? "kept aside as damaged" + kept.substr(folder.size())
+                                 ? "kept aside as damaged/" + kept
                                  : "left where it is: " + std::string(std::strerror(moveError));
     m_report("stored /" + path + " is damaged (" + error + "), " + fate);
 }
 
+// All files are written and synced before the first of them gets its name, so that the folders'
+// syncs stand at the end, one for each.
+void Disk::saveAll(std::vector<Save>& saves) {
+    std::map<std::string, OpenFolder> folders;
+    std::vector<OpenFolder*> folderAt(saves.size());
+    std::vector<std::string> names(saves.size());
+    for (std::size_t i = 0; i < saves.size(); ++i) {
+        Save& save = saves[i];
+        const std::size_t slash = save.path.rfind('/');
+        const bool isAtTop = slash == std::string::npos;
+        names[i] = save.isDirectory ? kDirectoryRecord : save.path.substr(isAtTop ? 0 : slash + 1);
+        const std::string path =
+            save.isDirectory ? save.path : save.path.substr(0, isAtTop ? 0 : slash);
+        const auto [found, isNew] = folders.try_emplace(path);
+        folderAt[i] = &found->second;
+        if (isNew) {
+            found->second.error = openPath(path, found->second.fd);
+        }
+        save.error = found->second.error;
+        if (save.error == 0) {
+            save.error =
+                writeSynced(found->second.fd.get(), asideName(i), encodeRecord(save.record));
+        }
+    }
+    for (std::size_t i = 0; i < saves.size(); ++i) {
+        if (saves[i].error != 0) {
+            continue;
+        }
+        const int folder = folderAt[i]->fd.get();
+        saves[i].error = renameEntry(folder, asideName(i), folder, names[i]);
+        if (saves[i].error != 0) {
+            unlinkat(folder, asideName(i).c_str(), 0);
+        } else {
+            folderAt[i]->isChanged = true;
+        }
+    }
+    for (auto& [path, folder] : folders) {
+        folder.error = folder.isChanged ? syncFolder(folder.fd.get()) : 0;
+    }
+    for (std::size_t i = 0; i < saves.size(); ++i) {
+        if (saves[i].error == 0) {
+            saves[i].error = folderAt[i]->error;
+        }
+    }
+}
+
 int Disk::saveObject(const std::string& path, const Record& record) {
-    const std::string file = treePath(path);
-    return replaceFile(file, folderOf(file) + "/" + kNewFile, encodeRecord(record));
+    std::vector<Save> saves{{path, false, record, 0}};
+    saveAll(saves);
+    return saves.front().error;
 }
 
 int Disk::saveDirectory(const std::string& path, const Metadata& metadata) {
-    const std::string folder = treePath(path);
-    return replaceFile(folder + "/" + kDirectoryRecord, folder + "/" + kNewFile,
-                       encodeRecord({metadata, {}}));
+    std::vector<Save> saves{{path, true, {metadata, {}}, 0}};
+    saveAll(saves);
+    return saves.front().error;
 }
 
 int Disk::makeDirectory(const std::string& path, const Metadata& metadata) {
-    const std::string folder = treePath(path);
-    const std::string parent = folderOf(folder);
-    const std::string fresh = parent + "/" + kNewFolder;
-    removeLeftovers(parent);
-    if (mkdir(fresh.c_str(), 0700) != 0) {
-        return errno;
-    }
-    int error = replaceFile(fresh + "/" + kDirectoryRecord, fresh + "/" + kNewFile,
-                            encodeRecord({metadata, {}}));
-    if (error == 0 && ::rename(fresh.c_str(), folder.c_str()) != 0) {
-        error = errno;
-    }
+    UniqueFd parent;
+    std::string name;
+    int error = openFolderOf(path, parent, name);
     if (error != 0) {
-        removeLeftovers(parent);
         return error;
     }
-    return syncFolder(parent);
+    removeLeftovers(parent.get(),
+                    path.substr(0, path.size() - std::min(path.size(), name.size() + 1)));
+    if (mkdirat(parent.get(), kNewFolder, 0700) != 0) {
+        return errno;
+    }
+    UniqueFd fresh;
+    error = openFolder(parent.get(), kNewFolder, fresh);
+    if (error == 0) {
+        error = writeSynced(fresh.get(), kNewFile, encodeRecord({metadata, {}}));
+    }
+    if (error == 0) {
+        error = renameEntry(fresh.get(), kNewFile, fresh.get(), kDirectoryRecord);
+    }
+    if (error == 0) {
+        error = syncFolder(fresh.get());
+    }
+    if (error == 0) {
+        error = renameEntry(parent.get(), kNewFolder, parent.get(), name);
+    }
+    if (error != 0) {
+        removeFlatFolder(parent.get(), kNewFolder);
+        return error;
+    }
+    return syncFolder(parent.get());
 }
 
 int Disk::removeObject(const std::string& path) {
-    const std::string file = treePath(path);
-    return unlink(file.c_str()) == 0 ? syncFolder(folderOf(file)) : errno;
-}
-
-int Disk::removeDirectory(const std::string& path) {
-    const std::string folder = treePath(path);
-    std::vector<std::string> names;
-    const int error = listFolder(folder, names);
+    UniqueFd folder;
+    std::string name;
+    const int error = openFolderOf(path, folder, name);
     if (error != 0) {
         return error;
     }
-    for (const std::string& name : names) {
-        if (name.front() != '?') {
-            return ENOTEMPTY;  // something that could not be loaded and was left where it is
-        }
+    return unlinkat(folder.get(), name.c_str(), 0) == 0 ? syncFolder(folder.get()) : errno;
+}
+
+int Disk::removeDirectory(const std::string& path) {
+    UniqueFd parent;
+    std::string name;
+    int error = openFolderOf(path, parent, name);
+    UniqueFd removed;
+    if (error == 0) {
+        error = openFolder(parent.get(), name, removed);
     }
-    const std::string parent = folderOf(folder);
-    removeLeftovers(parent);
-    if (::rename(folder.c_str(), (parent + "/" + kOldFolder).c_str()) != 0) {
-        return errno;
+    std::vector<std::string> names;
+    if (error == 0) {
+        error = listFolder(removed.get(), names);
     }
-    const int syncError = syncFolder(parent);
-    removeLeftovers(parent);
-    return syncError;
+    if (error != 0) {
+        return error;
+    }
+    if (std::any_of(names.begin(), names.end(),
+                    [](const std::string& entry) { return entry.front() != '?'; })) {
+        return ENOTEMPTY;  // something that could not be loaded and was left where it is
+    }
+    removeFlatFolder(parent.get(), kOldFolder);
+    error = renameEntry(parent.get(), name, parent.get(), kOldFolder);
+    if (error != 0) {
+        return error;
+    }
+    error = syncFolder(parent.get());
+    removeFlatFolder(parent.get(), kOldFolder);
+    return error;
 }
 
 int Disk::rename(const std::string& from, const std::string& to) {
-    const std::string source = treePath(from);
-    const std::string target = treePath(to);
-    if (::rename(source.c_str(), target.c_str()) != 0) {
-        return errno;
+    UniqueFd source;
+    UniqueFd target;
+    std::string sourceName;
+    std::string targetName;
+    int error = openFolderOf(from, source, sourceName);
+    if (error == 0) {
+        error = openFolderOf(to, target, targetName);
     }
-    const int error = syncFolder(folderOf(target));
-    return error != 0 ? error : syncFolder(folderOf(source));
+    if (error == 0) {
+        error = renameEntry(source.get(), sourceName, target.get(), targetName);
+    }
+    if (error == 0) {
+        error = syncFolder(target.get());
+    }
+    return error == 0 ? syncFolder(source.get()) : error;
 }

@@ -4,8 +4,8 @@
 // Paths given here are relative to the root of the tree, "" for the root itself. Results of type
 // int are 0 or an errno value. After anything but 0 the tree on disk is as before, unless it was
 // the last step that failed, the sync of a folder: then the change may or may not survive a power
-// cut. Every change is on the medium when its call returns 0. Not thread-safe: one thread, the
-// owner of the Store, uses it.
+// cut. Every change is on the medium when its call returns 0. Not thread-safe: one thread at a time
+// uses it.
 
 #pragma once
 
@@ -27,11 +27,19 @@ class Disk {
         Record record;  // of a folder only the metadata
     };
 
+    // One object, or the metadata of one folder, that is to be kept.
+    struct Save {
+        std::string path;
+        bool isDirectory = false;
+        Record record;
+        int error = 0;  // how it ended
+    };
+
     // `folder` is made when it is missing, with its parents. Nothing is opened before open().
     Disk(std::string folder, Report report);
 
     // Makes or opens the folder and locks it against a second user. EWOULDBLOCK when another
-    // process has it.
+    // process has it. A folder that cannot be written to is served from, and every change fails.
     int open();
 
     // The metadata of the root, or `fallback`, which is then stored.
@@ -41,6 +49,9 @@ class Disk {
     // an object or folder is reported and moved to the folder "damaged" of the store.
     std::vector<Entry> load(const std::string& path);
 
+    // Several at once, of different paths: each is kept or not by itself, and a folder is synced
+    // once for all that lie in it.
+    void saveAll(std::vector<Save>& saves);
     int saveObject(const std::string& path, const Record& record);
     int saveDirectory(const std::string& path, const Metadata& metadata);
     int makeDirectory(const std::string& path, const Metadata& metadata);
@@ -48,13 +59,19 @@ class Disk {
     int removeDirectory(const std::string& path);  // which must hold no objects and folders
     int rename(const std::string& from, const std::string& to);
 
+    // Any descriptor on the disk below, for what it says of itself.
+    int descriptor() const { return m_tree.get(); }
+
   private:
-    std::string treePath(const std::string& path) const;
-    bool loadEntry(const std::string& path, Entry& entry, std::string& error);
-    void removeLeftovers(const std::string& folder);
+    int lock();
+    int openFolderOf(const std::string& path, UniqueFd& folder, std::string& name) const;
+    int openPath(const std::string& path, UniqueFd& folder) const;
+    bool loadEntry(int folder, const std::string& name, Entry& entry, std::string& error) const;
+    void removeLeftovers(int folder, const std::string& path);
     void keepAside(const std::string& path, const std::string& error);
 
     std::string m_folder;
     Report m_report;
     UniqueFd m_lock;
+    UniqueFd m_tree;
 };

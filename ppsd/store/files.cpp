@@ -3,13 +3,12 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <memory>
-
-#include "ppsd/store/unique_fd.hpp"
 
 namespace {
 
@@ -27,24 +26,18 @@ int writeAll(int fd, std::string_view content) {
     return 0;
 }
 
-int writeAside(const std::string& aside, std::string_view content) {
-    const UniqueFd file(
-        open(aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file) {
-        return errno;
-    }
-    const int error = writeAll(file.get(), content);
-    if (error != 0) {
-        return error;
-    }
-    return fsync(file.get()) == 0 ? 0 : errno;
-}
-
 }  // namespace
 
-int readFile(const std::string& path, std::string& content) {
+int openFolder(int folder, const std::string& name, UniqueFd& opened) {
+    opened =
+        UniqueFd(openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    return opened ? 0 : errno;
+}
+
+int readFile(int folder, const std::string& name, std::string& content) {
     // Non-blocking, so that a FIFO that somebody put into the store cannot hang the service.
-    const UniqueFd file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const UniqueFd file(
+        openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status {};
     if (!file || fstat(file.get(), &status) != 0) {
         return errno;
@@ -67,31 +60,43 @@ int readFile(const std::string& path, std::string& content) {
     }
 }
 
-int replaceFile(const std::string& path, const std::string& aside, std::string_view content) {
-    int error = writeAside(aside, content);
-    if (error == 0 && rename(aside.c_str(), path.c_str()) != 0) {
+int writeSynced(int folder, const std::string& name, std::string_view content) {
+    const UniqueFd file(
+        openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!file) {
+        return errno;
+    }
+    int error = writeAll(file.get(), content);
+    if (error == 0 && fsync(file.get()) != 0) {
         error = errno;
     }
     if (error != 0) {
-        unlink(aside.c_str());
-        return error;
+        unlinkat(folder, name.c_str(), 0);
     }
-    return syncFolder(folderOf(path));
+    return error;
+}
+
+int syncFolder(int folder) {
+    return fsync(folder) == 0 ? 0 : errno;
 }
 
 int syncFolder(const std::string& path) {
     const UniqueFd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return folder && fsync(folder.get()) == 0 ? 0 : errno;
+    return folder ? syncFolder(folder.get()) : errno;
 }
 
-int listFolder(const std::string& path, std::vector<std::string>& names) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(path.c_str()), closedir);
-    if (!folder) {
+int listFolder(int folder, std::vector<std::string>& names) {
+    // A descriptor of its own, as a listing moves the position.
+    UniqueFd own(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing(own ? fdopendir(own.get()) : nullptr,
+                                                      closedir);
+    if (!listing) {
         return errno;
     }
+    own.release();
     names.clear();
     errno = 0;
-    while (const dirent* entry = readdir(folder.get())) {
+    while (const dirent* entry = readdir(listing.get())) {
         const std::string name = entry->d_name;
         if (name != "." && name != "..") {
             names.push_back(name);
@@ -121,18 +126,22 @@ int makeFolders(const std::string& path, mode_t mode) {
     return S_ISDIR(status.st_mode) ? 0 : ENOTDIR;
 }
 
-int removeFlatFolder(const std::string& path) {
+int removeFlatFolder(int folder, const std::string& name) {
+    UniqueFd removed;
     std::vector<std::string> names;
-    const int error = listFolder(path, names);
+    int error = openFolder(folder, name, removed);
+    if (error == 0) {
+        error = listFolder(removed.get(), names);
+    }
     if (error != 0) {
         return error;
     }
-    for (const std::string& name : names) {
-        if (unlink((path + "/" + name).c_str()) != 0) {
+    for (const std::string& entry : names) {
+        if (unlinkat(removed.get(), entry.c_str(), 0) != 0) {
             return errno;
         }
     }
-    return rmdir(path.c_str()) == 0 ? 0 : errno;
+    return unlinkat(folder, name.c_str(), AT_REMOVEDIR) == 0 ? 0 : errno;
 }
 
 std::string folderOf(const std::string& path) {

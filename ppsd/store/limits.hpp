@@ -25,13 +25,21 @@ inline constexpr std::size_t kClientQueueMaxBytes = 1024 * 1024;
 // Messages of one connected client that wait for the server.
 inline constexpr std::size_t kServerQueuePerClientMaxBytes = 1024 * 1024;
 
-// Messages of clients of one user that closed before the server read them, all of them together.
-// Keeps a client that writes, closes and opens again in a circle from passing the bound above.
-inline constexpr std::size_t kServerQueueDepartedMaxBytes = 64 * 1024 * 1024;
+// What a client counts for in its user's share of memory, beside its messages: its place among
+// those who have a turn, its opening and its closing. Held until the server has read that it
+// closed, so that opening and closing in a circle leads to the end of the share and not of the
+// memory.
+inline constexpr std::size_t kClientBytes = 512;
 
-// What such a client counts for beside its messages, which can be small: its place among those who
-// have a turn, and its closing.
-inline constexpr std::size_t kDepartedClientBytes = 512;
+// The shares of each user, unless the command line says otherwise. Memory: sixteen full queues, or
+// thirty thousand silent clients. Files: what a program may open by default, sixteen times over.
+inline constexpr std::size_t kUserMemoryBytes = 16 * 1024 * 1024;
+inline constexpr std::size_t kUserFiles = 16 * 1024;
+inline constexpr std::size_t kUserObjects = 8 * 1024;
+inline constexpr std::size_t kUserStoredBytes = 32 * 1024 * 1024;
+
+// The most levels of folders: the tree must come back after a restart.
+inline constexpr int kFolderLevelsMax = 64;
 
 // What st_blksize says: programs that size their buffer by it take any message whole.
 inline constexpr std::size_t kPreferredBlockBytes = 512 * 1024;

@@ -12,8 +12,11 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include "ppsd/store/attributes.hpp"
+#include "ppsd/store/accounts.hpp"
+#include "ppsd/store/content.hpp"
 #include "ppsd/store/record.hpp"
 
 class Channel;
@@ -35,6 +38,14 @@ class Node {
     std::string name;            // without options; empty for the root
     Metadata metadata;
     DirectoryNode* parent = nullptr;  // null for the root and for what was removed
+    Charge place;                     // among the objects of whoever made it
+
+    // Changes that are on their way to the disk, and what they will have made of the metadata:
+    // others that come meanwhile start from there. Nobody else sees it.
+    int changesComing = 0;
+    Metadata metadataComing;
+
+    const Metadata& latestMetadata() const { return changesComing > 0 ? metadataComing : metadata; }
 };
 
 class ServedNode : public Node {
@@ -50,10 +61,35 @@ class ObjectNode : public Node {
     ObjectNode(std::uint64_t nodeNumber, std::string nodeName, Metadata nodeMetadata)
         : Node(NodeKind::kObject, nodeNumber, std::move(nodeName), nodeMetadata) {}
 
-    // Never changed in place: a new list takes the place of the old one, so that an open file can
-    // remember what it has seen by keeping the pointer.
-    std::shared_ptr<const AttributeList> attributes = std::make_shared<const AttributeList>();
+    const std::shared_ptr<Content>& latestContent() const {
+        return contentComing ? contentComing : content;
+    }
+
+    std::shared_ptr<Content> content;  // never null once the node is in the tree
+    std::shared_ptr<Content> contentComing;
     std::set<ObjectFile*> openFiles;
+};
+
+// What a folder holds at one time. Made when somebody lists the folder, and kept by those who do.
+struct Listing : public Shared {
+    struct Entry {
+        std::string name;
+        std::uint64_t number;
+        bool isDirectory;
+    };
+
+    explicit Listing(std::vector<Entry> list) : Shared(bytesOf(list)), entries(std::move(list)) {}
+
+    const std::vector<Entry> entries;
+
+  private:
+    static std::size_t bytesOf(const std::vector<Entry>& list) {
+        std::size_t bytes = 0;
+        for (const Entry& entry : list) {
+            bytes += sizeof entry + entry.name.size();
+        }
+        return bytes;
+    }
 };
 
 class DirectoryNode : public Node {
@@ -61,8 +97,12 @@ class DirectoryNode : public Node {
     DirectoryNode(std::uint64_t nodeNumber, std::string nodeName, Metadata nodeMetadata)
         : Node(NodeKind::kDirectory, nodeNumber, std::move(nodeName), nodeMetadata) {}
 
+    using Stored = std::map<std::string, std::shared_ptr<Node>, std::less<>>;
+
     bool isEmpty() const { return stored.empty() && served.empty(); }
 
-    std::map<std::string, std::shared_ptr<Node>, std::less<>> stored;
+    Stored stored;
     std::map<std::string, std::shared_ptr<ServedNode>, std::less<>> served;
+    std::weak_ptr<Listing> listing;  // of what is there now; forgotten with every change
+    bool isLeaving = false;          // its removal is on its way to the disk
 };

@@ -1,11 +1,29 @@
-// What a descriptor has seen is the attribute list that it read last. Lists are never changed in
-// place, so one pointer says both whether there is something new and, for "?delta", what it is.
+// Contents are never changed, so a number says whether there is something new. Only two kinds of
+// descriptors keep a content alive: one that is in the middle of it, and one that reads
+// differences. All that keep the same share it, and their users pay for it once each.
+//
 // Nothing has to be remembered per change, however many there are between two reads.
 
 #include "ppsd/store/object_file.hpp"
 
-ObjectFile::ObjectFile(std::shared_ptr<ObjectNode> node, OpenOptions options, Writer writer)
-    : OpenFile(options), m_node(std::move(node)), m_writer(std::move(writer)) {
+#include <algorithm>
+#include <utility>
+
+#include "ppsd/store/attributes.hpp"
+
+namespace {
+
+constexpr std::uint64_t kNothingSeen = 0;
+
+}  // namespace
+
+ObjectFile::ObjectFile(std::shared_ptr<ObjectNode> node, OpenOptions options, Charge place,
+                       Accounts& accounts, Writer writer)
+    : OpenFile(options, std::move(place)),
+      m_node(std::move(node)),
+      m_accounts(accounts),
+      m_writer(std::move(writer)),
+      m_seenNumber(kNothingSeen) {
     m_node->openFiles.insert(this);
 }
 
@@ -13,38 +31,107 @@ ObjectFile::~ObjectFile() {
     m_node->openFiles.erase(this);
 }
 
-std::string ObjectFile::unreadText() const {
-    if (m_seen == m_node->attributes) {
-        return {};
+std::string ObjectFile::Rest::take(std::size_t size) {
+    std::string taken;
+    taken.reserve(std::min(size, this->size()));
+    if (read < head.size()) {
+        taken.assign(head, read, size);
     }
-    if (!m_options.delta) {
-        return renderObject(m_node->name, *m_node->attributes);
+    if (lines && taken.size() < size) {
+        const std::size_t at = read + taken.size() - head.size();
+        taken.append(lines->lines, at, size - taken.size());
     }
-    static const AttributeList kNone;
-    return renderDelta(m_node->name, m_seen ? *m_seen : kNone, *m_node->attributes);
+    read += taken.size();
+    return taken;
 }
 
-ReadOutcome ObjectFile::read(std::size_t size, std::string& bytes) {
-    if (m_rest.empty()) {
-        m_rest = unreadText();
-        m_seen = m_node->attributes;
+void ObjectFile::readRest(std::size_t size, std::string& bytes) {
+    bytes = m_rest.take(size);
+    if (m_rest.size() == 0) {
+        m_rest = {};
     }
-    if (m_rest.empty()) {
+}
+
+ReadOutcome ObjectFile::read(uid_t reader, std::size_t size, std::string& bytes) {
+    if (m_rest.size() != 0) {
+        readRest(size, bytes);
+        return ReadOutcome::kBytes;
+    }
+    if (!isNew()) {
         return ReadOutcome::kNothing;
     }
-    bytes.assign(m_rest, m_restRead, size);
-    m_restRead += bytes.size();
-    if (m_restRead == m_rest.size()) {
-        m_rest.clear();
-        m_restRead = 0;
+    return m_options.delta ? readDelta(reader, size, bytes) : readText(reader, size, bytes);
+}
+
+ReadOutcome ObjectFile::readText(uid_t reader, std::size_t size, std::string& bytes) {
+    const std::shared_ptr<Content> content = m_node->content;
+    if (content->lines.empty()) {
+        m_seenNumber = content->number;
+        return ReadOutcome::kNothing;
+    }
+    Rest text{objectLine(m_node->name), content, 0, nullptr};
+    if (text.size() > size) {
+        text.charge = content->pin(m_accounts, reader);
+        if (text.charge == nullptr) {
+            return ReadOutcome::kRefused;
+        }
+    }
+    bytes = text.take(size);
+    m_seenNumber = content->number;
+    if (text.size() != 0) {
+        m_rest = std::move(text);
     }
     return ReadOutcome::kBytes;
 }
 
-int ObjectFile::write(std::string_view text) {
-    return m_writer(*m_node, text);
+ReadOutcome ObjectFile::readDelta(uid_t reader, std::size_t size, std::string& bytes) {
+    const std::shared_ptr<Content> content = m_node->content;
+    std::shared_ptr<Charge> charge = content->pin(m_accounts, reader);
+    if (charge == nullptr) {
+        return ReadOutcome::kRefused;
+    }
+    Rest text{delta(), nullptr, 0, nullptr};
+    if (text.size() > size) {
+        text.charge = std::make_shared<Charge>(m_accounts, reader, Holding::kMemory);
+        if (!text.charge->grow(text.size())) {
+            return ReadOutcome::kRefused;
+        }
+    }
+    bytes = text.take(size);
+    m_seen = content;
+    m_seenCharge = std::move(charge);
+    m_seenNumber = content->number;
+    if (text.size() != 0) {
+        m_rest = std::move(text);
+    }
+    return bytes.empty() ? ReadOutcome::kNothing : ReadOutcome::kBytes;
+}
+
+void ObjectFile::write(uid_t writer, std::string_view text, const Done& done) {
+    m_writer(m_node, writer, text, done);
+}
+
+std::string ObjectFile::delta() const {
+    const std::string_view seen = m_seen ? std::string_view(m_seen->lines) : std::string_view();
+    return renderDelta(m_node->name, seen, m_node->content->lines);
+}
+
+// Worked out once for each content, however often somebody polls: an attribute that changed and
+// changed back is no difference.
+bool ObjectFile::hasDelta() const {
+    if (m_comparedNumber != m_node->content->number) {
+        m_isDifferent = !delta().empty();
+        m_comparedNumber = m_node->content->number;
+    }
+    return m_isDifferent;
 }
 
 Readiness ObjectFile::readiness() const {
-    return {!m_rest.empty() || !unreadText().empty(), false};
+    if (m_rest.size() != 0) {
+        return {true, false};
+    }
+    if (!isNew()) {
+        return {false, false};
+    }
+    return {m_options.delta ? hasDelta() : !m_node->content->lines.empty(), false};
 }

@@ -2,32 +2,57 @@
 
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "ppsd/store/node.hpp"
 #include "ppsd/store/open_file.hpp"
 
 class ObjectFile : public OpenFile {
   public:
-    // `writer` merges a write into the object: the store's part of the work.
-    using Writer = std::function<int(ObjectNode&, std::string_view)>;
+    // Merges a write into the object: the store's part of the work.
+    using Writer = std::function<void(const std::shared_ptr<ObjectNode>&, uid_t, std::string_view,
+                                      const Done&)>;
 
-    ObjectFile(std::shared_ptr<ObjectNode> node, OpenOptions options, Writer writer);
+    ObjectFile(std::shared_ptr<ObjectNode> node, OpenOptions options, Charge place,
+               Accounts& accounts, Writer writer);
     ~ObjectFile() override;
 
-    ReadOutcome read(std::size_t size, std::string& bytes) override;
-    int write(std::string_view text) override;
+    ReadOutcome read(uid_t reader, std::size_t size, std::string& bytes) override;
+    void write(uid_t writer, std::string_view text, const Done& done) override;
     Readiness readiness() const override;
     bool isStream() const override { return false; }
 
   private:
-    std::string unreadText() const;
+    // A text that a small buffer has begun: what comes first, and perhaps lines behind it.
+    struct Rest {
+        std::string head;
+        std::shared_ptr<Content> lines;  // null for none
+        std::size_t read = 0;
+        std::shared_ptr<Charge> charge;  // for what it keeps
+
+        std::size_t size() const { return head.size() + (lines ? lines->lines.size() : 0) - read; }
+        std::string take(std::size_t size);
+    };
+
+    bool isNew() const { return m_seenNumber != m_node->content->number; }
+    std::string delta() const;
+    bool hasDelta() const;
+    ReadOutcome readText(uid_t reader, std::size_t size, std::string& bytes);
+    ReadOutcome readDelta(uid_t reader, std::size_t size, std::string& bytes);
+    void readRest(std::size_t size, std::string& bytes);
 
     std::shared_ptr<ObjectNode> m_node;
+    Accounts& m_accounts;
     Writer m_writer;
-    std::shared_ptr<const AttributeList> m_seen;  // null before the first read
-    std::string m_rest;                           // of a text that a small buffer has begun
-    std::size_t m_restRead = 0;                   // bytes of m_rest that were read
+    std::uint64_t m_seenNumber;       // of the content that was read last
+    std::shared_ptr<Content> m_seen;  // for "?delta" only: the content itself, null for none
+    std::shared_ptr<Charge> m_seenCharge;
+    Rest m_rest;
+    // Whether there is a difference to this content, as far as it was worked out.
+    mutable std::uint64_t m_comparedNumber = 0;
+    mutable bool m_isDifferent = false;
 };

@@ -19,6 +19,8 @@ bool addOption(std::string_view option, OpenOptions& options) {
         options.delta = true;
     } else if (option == "server") {
         options.server = true;
+    } else if (option == "clients") {
+        options.clients = true;
     } else {
         return false;
     }

@@ -6,9 +6,12 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
 
+#include "ppsd/store/accounts.hpp"
 #include "ppsd/store/object_name.hpp"
 
 class OpenFile;
@@ -26,13 +29,18 @@ struct Opener {
 class ReadinessListener {
   public:
     virtual ~ReadinessListener() = default;
-    virtual void readinessChanged(OpenFile& file) = 0;
+    virtual void readinessChanged(OpenFile& file) noexcept = 0;
 };
+
+// Hears how something ended that may take its time: 0 or an errno value. Called once, perhaps
+// before the call returns that it was given to.
+using Done = std::function<void(int error)>;
 
 enum class ReadOutcome {
     kBytes,    // at least one
     kNothing,  // nothing now, perhaps later
-    kEnd       // nothing ever again
+    kEnd,      // nothing ever again
+    kRefused   // the rest would have to be kept for later, past the reader's share of memory
 };
 
 struct Readiness {
@@ -44,16 +52,24 @@ struct Readiness {
 // it.
 class OpenFile {
   public:
-    explicit OpenFile(OpenOptions options) : m_options(options) {}
+    // `place` is what the file counts for among the open files of its user.
+    explicit OpenFile(OpenOptions options, Charge place)
+        : m_options(options), m_place(std::move(place)) {}
     virtual ~OpenFile() = default;
     OpenFile(const OpenFile&) = delete;
     OpenFile& operator=(const OpenFile&) = delete;
 
-    // Replaces `bytes` by at most `size` (not 0) bytes.
-    virtual ReadOutcome read(std::size_t size, std::string& bytes) = 0;
+    // Replaces `bytes` by at most `size` (not 0) bytes, for a process of `reader`.
+    virtual ReadOutcome read(uid_t reader, std::size_t size, std::string& bytes) = 0;
 
-    // Applies all of `text`, or nothing of it: 0 or an errno value.
-    virtual int write(std::string_view text) = 0;
+    // Applies all of `text`, or nothing of it, for a process of `writer`. The text is not looked at
+    // after the call returns, although the writer may hear later how it ended.
+    virtual void write(uid_t writer, std::string_view text, const Done& done) = 0;
+
+    // The write before this call was the beginning of a longer one, whose rest comes in another
+    // piece. A message that was cut in two must not stand: it is taken back, and whoever has read
+    // of it already is hung up on. Only called for streams.
+    virtual void takeBackCutWrite() {}
 
     virtual Readiness readiness() const = 0;
 
@@ -65,4 +81,7 @@ class OpenFile {
 
   protected:
     OpenOptions m_options;
+
+  private:
+    Charge m_place;
 };

@@ -3,9 +3,12 @@
 
 #include "ppsd/store/record.hpp"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
+#include <unordered_set>
+#include <vector>
 
 namespace {
 
@@ -62,18 +65,15 @@ bool takeMetadata(std::string_view& text, Metadata& metadata) {
            metadata.modified.tv_nsec >= 0 && metadata.modified.tv_nsec < kNanosecondsPerSecond;
 }
 
-bool takeAttributes(std::string_view text, AttributeList& attributes) {
+bool areAttributes(std::string_view text) {
     std::vector<AttributeChange> changes;
     if (parseChanges(text, ObjectLines::kRefused, changes) != 0) {
         return false;
     }
-    for (const AttributeChange& change : changes) {
-        if (change.removes) {
-            return false;
-        }
-    }
-    attributes = mergeChanges({}, changes);
-    return attributes.size() == changes.size();
+    std::unordered_set<std::string_view> names;
+    return std::all_of(changes.begin(), changes.end(), [&](const AttributeChange& change) {
+        return !change.removes && names.insert(change.name).second;
+    });
 }
 
 }  // namespace
@@ -87,7 +87,7 @@ std::string encodeRecord(const Record& record) {
                   static_cast<unsigned long>(metadata.owner),
                   static_cast<unsigned long>(metadata.group), metadata.mode & 07777U,
                   static_cast<long long>(metadata.modified.tv_sec), metadata.modified.tv_nsec);
-    const std::string body = head + renderAttributes(record.attributes);
+    const std::string body = head + record.lines;
     return std::string(kMagic).append(checksum(body)).append(1, '\n').append(body);
 }
 
@@ -106,9 +106,10 @@ bool decodeRecord(std::string_view text, Record& record, std::string& error) {
         error = "owner, group, mode or time is missing or wrong";
         return false;
     }
-    if (!takeAttributes(text, record.attributes)) {
+    if (!areAttributes(text)) {
         error = "an attribute line is malformed or occurs twice";
         return false;
     }
+    record.lines = text;
     return true;
 }

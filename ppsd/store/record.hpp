@@ -27,7 +27,7 @@ struct Metadata {
 // What one file holds. A folder's record has no attributes.
 struct Record {
     Metadata metadata;
-    AttributeList attributes;
+    std::string lines;  // of the attributes
 };
 
 std::string encodeRecord(const Record& record);

@@ -1,15 +1,23 @@
 // Every change takes the same way: work out the new state, bring it to the disk, and only then let
-// it be seen. A failing disk therefore costs the writer an error and nobody a surprise. Served
+// it be seen. A failing disk therefore costs the writer an error and nobody a surprise. What has to
+// be allocated is allocated before the disk is asked, so that nothing can fail behind it. Served
 // objects never touch the disk.
+//
+// The kernel lets one change at a time at the entries of a folder, so that two that are on their
+// way to the disk together are never about the same name.
 
 #include "ppsd/store/store.hpp"
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <new>
 #include <utility>
+#include <vector>
 
+#include "ppsd/store/attributes.hpp"
 #include "ppsd/store/channel.hpp"
 #include "ppsd/store/limits.hpp"
 #include "ppsd/store/object_file.hpp"
@@ -34,20 +42,52 @@ std::string pathOf(const Node& node) {
     return folder.empty() ? node.name : folder + "/" + node.name;
 }
 
-// A server reads what clients write and writes what they read: one that cannot do both is none.
-bool mayServe(const Store::Access& access) {
-    return access.reads && access.writes;
-}
-
 std::string pathOf(const DirectoryNode& folder, std::string_view name) {
     const std::string path = pathOf(folder);
     return path.empty() ? std::string(name) : path + "/" + std::string(name);
 }
 
+// Folders above this one, and itself: 0 for the root.
+int levelOf(const DirectoryNode& folder) {
+    int level = 0;
+    for (const DirectoryNode* at = &folder; at->parent != nullptr; at = at->parent) {
+        ++level;
+    }
+    return level;
+}
+
+// Levels of folders that a node brings along: 0 for an object.
+int heightOf(const Node& node) {
+    if (node.kind != NodeKind::kDirectory) {
+        return 0;
+    }
+    int highest = 0;
+    for (const auto& [name, child] : static_cast<const DirectoryNode&>(node).stored) {
+        highest = std::max(highest, heightOf(*child));
+    }
+    return highest + 1;
+}
+
+// A server reads what clients write and writes what they read: one that cannot do both is none.
+bool mayServe(const Store::Access& access) {
+    return access.reads && access.writes;
+}
+
+Metadata changed(Metadata metadata, const Store::MetadataChange& change) {
+    metadata.mode = change.mode.value_or(metadata.mode);
+    metadata.owner = change.owner.value_or(metadata.owner);
+    metadata.group = change.group.value_or(metadata.group);
+    metadata.modified = change.modified.value_or(metadata.modified);
+    return metadata;
+}
+
 }  // namespace
 
-Store::Store(std::string folder, ReadinessListener& listener, Report report)
-    : m_listener(listener), m_disk(std::move(folder), std::move(report)) {}
+Store::Store(std::string folder, ReadinessListener& listener, Report report, Accounts& accounts)
+    : m_listener(listener),
+      m_accounts(accounts),
+      m_disk(std::move(folder), std::move(report)),
+      m_changes(m_disk) {}
 
 int Store::load() {
     const int error = m_disk.open();
@@ -60,20 +100,32 @@ int Store::load() {
     return 0;
 }
 
+std::shared_ptr<Content> Store::makeContent(std::string lines, Charge stored) {
+    return std::make_shared<Content>(m_nextContent++, std::move(lines), std::move(stored));
+}
+
+// What is there already counts, share or not.
 void Store::loadFolder(const std::shared_ptr<DirectoryNode>& folder) {
     for (Disk::Entry& entry : m_disk.load(pathOf(*folder))) {
+        const uid_t owner = entry.record.metadata.owner;
+        std::shared_ptr<Node> child;
         if (entry.isDirectory) {
-            auto child = std::make_shared<DirectoryNode>(m_nextNumber++, std::move(entry.name),
-                                                         entry.record.metadata);
-            add(*folder, child);
-            loadFolder(child);
-            continue;
+            child = std::make_shared<DirectoryNode>(m_nextNumber++, std::move(entry.name),
+                                                    entry.record.metadata);
+        } else {
+            auto object = std::make_shared<ObjectNode>(m_nextNumber++, std::move(entry.name),
+                                                       entry.record.metadata);
+            Charge stored(m_accounts, owner, Holding::kStored);
+            stored.growAnyway(entry.record.lines.size());
+            object->content = makeContent(std::move(entry.record.lines), std::move(stored));
+            child = std::move(object);
         }
-        auto child = std::make_shared<ObjectNode>(m_nextNumber++, std::move(entry.name),
-                                                  entry.record.metadata);
-        child->attributes =
-            std::make_shared<const AttributeList>(std::move(entry.record.attributes));
+        child->place = Charge(m_accounts, owner, Holding::kObjects);
+        child->place.growAnyway(1);
         add(*folder, child);
+        if (child->kind == NodeKind::kDirectory) {
+            loadFolder(std::static_pointer_cast<DirectoryNode>(child));
+        }
     }
 }
 
@@ -83,14 +135,20 @@ void Store::add(DirectoryNode& folder, const std::shared_ptr<Node>& node) {
 }
 
 bool Store::isRemoved(const DirectoryNode& folder) const {
-    return folder.parent == nullptr && &folder != m_root.get();
+    return folder.isLeaving || (folder.parent == nullptr && &folder != m_root.get());
+}
+
+bool Store::isStored(const Node& node) const {
+    return node.kind != NodeKind::kServed && (node.parent != nullptr || &node == m_root.get());
 }
 
 // Takes a stored node out of the tree; those who hold it keep it.
-void Store::take(DirectoryNode& folder, std::string_view name) {
+void Store::take(DirectoryNode& folder, std::string_view name) noexcept {
     const auto found = folder.stored.find(name);
+    m_leaving(folder, *found->second);
     found->second->parent = nullptr;
     folder.stored.erase(found);
+    folder.listing.reset();
 }
 
 std::shared_ptr<Node> Store::find(const DirectoryNode& folder, std::string_view name) const {
@@ -102,170 +160,386 @@ std::shared_ptr<Node> Store::find(const DirectoryNode& folder, std::string_view 
     return stored == folder.stored.end() ? nullptr : stored->second;
 }
 
-std::vector<Store::ListEntry> Store::list(const DirectoryNode& folder) const {
-    std::vector<ListEntry> entries;
-    for (const auto& [name, node] : folder.served) {
-        entries.push_back({name, node->number, false});
-    }
-    for (const auto& [name, node] : folder.stored) {
-        if (!folder.served.contains(name)) {
-            entries.push_back({name, node->number, node->kind == NodeKind::kDirectory});
+std::shared_ptr<Listing> Store::list(DirectoryNode& folder, uid_t reader,
+                                     std::shared_ptr<Charge>& charge) {
+    std::shared_ptr<Listing> listing = folder.listing.lock();
+    if (listing == nullptr) {
+        const std::uint64_t parent =
+            folder.parent == nullptr ? folder.number : folder.parent->number;
+        std::vector<Listing::Entry> entries{{".", folder.number, true}, {"..", parent, true}};
+        for (const auto& [name, node] : folder.served) {
+            entries.push_back({name, node->number, false});
         }
+        for (const auto& [name, node] : folder.stored) {
+            if (!folder.served.contains(name)) {
+                entries.push_back({name, node->number, node->kind == NodeKind::kDirectory});
+            }
+        }
+        listing = std::make_shared<Listing>(std::move(entries));
+        folder.listing = listing;
     }
-    return entries;
+    charge = listing->pin(m_accounts, reader);
+    return charge == nullptr ? nullptr : listing;
 }
 
-int Store::open(std::shared_ptr<Node>& node, OpenOptions options, Access access,
-                std::unique_ptr<OpenFile>& file) {
-    if (node->kind == NodeKind::kDirectory) {
-        return EISDIR;
-    }
-    if (node->kind == NodeKind::kServed) {
-        if (options.server) {
-            return EBUSY;
-        }
-        if (node->parent == nullptr) {
-            return ENOENT;
-        }
-        const auto served = std::static_pointer_cast<ServedNode>(node);
-        file = std::make_unique<ClientFile>(served->channel, options, m_nextClient++, access.opener,
-                                            access.reads);
-        return 0;
-    }
-    if (!options.server) {
-        return openStored(std::static_pointer_cast<ObjectNode>(node), options, access, file);
-    }
-    if (node->parent == nullptr) {
-        return ESTALE;
-    }
-    // Whoever serves a name answers for it: reading right, which is enough to open it as a client
-    // or to watch it, must not be enough to take it over.
+int Store::takePlace(uid_t user, Charge& place) {
+    place = Charge(m_accounts, user, Holding::kFiles);
+    return place.grow(1) ? 0 : ENFILE;
+}
+
+void Store::open(const std::shared_ptr<Node>& node, OpenOptions options, Access access,
+                 const Opened& opened) {
     const uid_t user = access.opener.user;
-    if (!mayServe(access) || (user != 0 && user != node->metadata.owner)) {
-        return EACCES;
+    std::unique_ptr<OpenFile> file;
+    std::shared_ptr<Node> result = node;
+    int error = 0;
+    if (node->kind == NodeKind::kDirectory) {
+        error = EISDIR;
+    } else if (node->kind == NodeKind::kServed) {
+        error = openServed(std::static_pointer_cast<ServedNode>(node), options, access, file);
+    } else if (options.clients) {
+        error = ENOENT;  // nobody serves it
+    } else if (options.server) {
+        // Whoever serves a name answers for it: reading right, which is enough to open it as a
+        // client or to watch it, must not be enough to take it over.
+        if (node->parent == nullptr) {
+            error = ESTALE;
+        } else if (!mayServe(access) || (user != 0 && user != node->metadata.owner)) {
+            error = EACCES;
+        } else if (node->parent->served.contains(node->name)) {
+            error = EBUSY;
+        } else {
+            error = serve(*node->parent, node->name, node->metadata, options, user, result, file);
+        }
+    } else {
+        const auto object = std::static_pointer_cast<ObjectNode>(node);
+        error = openStored(object, options, user, file);
+        if (error == 0 && access.truncates) {
+            const auto kept = std::make_shared<std::unique_ptr<OpenFile>>(std::move(file));
+            truncate(user, node, [opened, node, kept](int truncateError) {
+                if (truncateError == 0) {
+                    opened(0, node, std::move(*kept));
+                } else {
+                    opened(truncateError, nullptr, nullptr);
+                }
+            });
+            return;
+        }
     }
-    if (node->parent->served.contains(node->name)) {
+    opened(error, error == 0 ? result : nullptr, std::move(file));
+}
+
+int Store::openServed(const std::shared_ptr<ServedNode>& node, OpenOptions options, Access access,
+                      std::unique_ptr<OpenFile>& file) {
+    if (options.server) {
         return EBUSY;
     }
-    serve(*node->parent, node->name, node->metadata, options, node, file);
+    if (node->parent == nullptr) {
+        return ENOENT;
+    }
+    Charge place;
+    int error = takePlace(access.opener.user, place);
+    if (error == 0 && options.clients) {
+        const uid_t user = access.opener.user;
+        if (access.writes ||
+            (user != 0 && user != node->metadata.owner && user != node->channel->serverUser())) {
+            return EACCES;
+        }
+        file = std::make_unique<ClientListFile>(node->channel, options, std::move(place));
+        return 0;
+    }
+    const std::uint64_t id = m_nextClient++;
+    if (error == 0) {
+        error = node->channel->admit(id, access.opener);
+    }
+    if (error != 0) {
+        return error;
+    }
+    try {
+        file = std::make_unique<ClientFile>(node->channel, options, std::move(place), id,
+                                            access.opener, access.reads);
+    } catch (...) {
+        node->channel->dismiss(id, access.opener);
+        throw;
+    }
     return 0;
 }
 
-int Store::openStored(const std::shared_ptr<ObjectNode>& node, OpenOptions options, Access access,
+int Store::openStored(const std::shared_ptr<ObjectNode>& node, OpenOptions options, uid_t user,
                       std::unique_ptr<OpenFile>& file) {
     if (node->parent != nullptr && node->parent->served.contains(node->name)) {
         return ESTALE;  // a server came between the look-up and this
     }
-    const int error = access.truncates ? truncate(*node) : 0;
+    Charge place;
+    const int error = takePlace(user, place);
     if (error == 0) {
         file = std::make_unique<ObjectFile>(
-            node, options,
-            [this](ObjectNode& object, std::string_view text) { return write(object, text); });
+            node, options, std::move(place), m_accounts,
+            [this](const std::shared_ptr<ObjectNode>& object, uid_t writer, std::string_view text,
+                   const Done& done) { write(object, writer, text, done); });
     }
     return error;
 }
 
-int Store::create(DirectoryNode& folder, const ObjectName& name, Owner owner, mode_t mode,
-                  Access access, std::shared_ptr<Node>& node, std::unique_ptr<OpenFile>& file) {
-    node = find(folder, name.name);
-    if (node != nullptr) {
-        return name.options.server && node->kind == NodeKind::kServed ? EBUSY : EEXIST;
+// What a new entry of that name would meet.
+int Store::checkNew(const DirectoryNode& folder, std::string_view name) const {
+    if (find(folder, name) != nullptr) {
+        return EEXIST;
     }
+    return isRemoved(folder) ? ENOENT : 0;
+}
+
+void Store::create(const std::shared_ptr<DirectoryNode>& folder, const ObjectName& name,
+                   Owner owner, mode_t mode, Access access, const Opened& opened) {
+    const OpenOptions options = name.options;
+    const std::shared_ptr<Node> present = find(*folder, name.name);
+    int error = options.clients ? ENOENT : checkNew(*folder, name.name);
+    if (error == EEXIST && options.server && present->kind == NodeKind::kServed) {
+        error = EBUSY;
+    }
+    if (error == 0 && options.server) {
+        std::shared_ptr<Node> node;
+        std::unique_ptr<OpenFile> file;
+        error = mayServe(access) ? serve(*folder, name.name, metadataFor(*folder, owner, mode),
+                                         options, owner.user, node, file)
+                                 : EACCES;
+        opened(error, node, std::move(file));
+        return;
+    }
+    if (error != 0) {
+        opened(error, nullptr, nullptr);
+        return;
+    }
+    m_changes.add(
+        owner.user, true,
+        [this, folder, owner, mode, options, opened, text = std::string(name.name)](Batch& batch,
+                                                                                    const Done&) {
+            beginCreate(folder, text, owner, mode, opened, options, batch);
+        },
+        [opened](int failure) { opened(failure, nullptr, nullptr); });
+}
+
+void Store::beginCreate(const std::shared_ptr<DirectoryNode>& folder, const std::string& name,
+                        Owner owner, mode_t mode, const Opened& opened, OpenOptions options,
+                        Batch& batch) {
+    Charge place(m_accounts, owner.user, Holding::kObjects);
+    int error = checkNew(*folder, name);
+    if (error == 0 && !place.grow(1)) {
+        error = EDQUOT;
+    }
+    if (error != 0) {
+        opened(error, nullptr, nullptr);
+        return;
+    }
+    const Metadata metadata = metadataFor(*folder, owner, mode);
+    const auto object = std::make_shared<ObjectNode>(m_nextNumber++, name, metadata);
+    object->place = std::move(place);
+    object->content = makeContent({}, {});
+    // The folder's own way of keeping it, made beforehand.
+    const auto entry = std::make_shared<DirectoryNode::Stored>();
+    entry->emplace(name, object);
+    batch.save(pathOf(*folder, name), false, {metadata, {}},
+               [this, folder, object, entry, options, opened, owner](int failure) {
+                   std::unique_ptr<OpenFile> file;
+                   if (failure == 0) {
+                       object->parent = folder.get();
+                       folder->stored.merge(*entry);
+                       folder->listing.reset();
+                       folder->metadata.modified = object->metadata.modified;
+                       try {
+                           failure = openStored(object, options, owner.user, file);
+                       } catch (const std::bad_alloc&) {
+                           failure = ENOMEM;
+                       }
+                   }
+                   opened(failure, failure == 0 ? object : nullptr, std::move(file));
+               });
+}
+
+int Store::serve(DirectoryNode& folder, std::string_view name, const Metadata& metadata,
+                 OpenOptions options, uid_t user, std::shared_ptr<Node>& node,
+                 std::unique_ptr<OpenFile>& file) {
     if (isRemoved(folder)) {
         return ENOENT;
     }
-    const Metadata metadata = metadataFor(folder, owner, mode);
-    if (name.options.server) {
-        if (!mayServe(access)) {
-            return EACCES;
-        }
-        serve(folder, name.name, metadata, name.options, node, file);
-        return 0;
-    }
-    const int error = m_disk.saveObject(pathOf(folder, name.name), {metadata, {}});
+    Charge place;
+    const int error = takePlace(user, place);
     if (error != 0) {
         return error;
     }
-    auto object = std::make_shared<ObjectNode>(m_nextNumber++, std::string(name.name), metadata);
-    add(folder, object);
-    folder.metadata.modified = metadata.modified;
-    node = object;
-    return openStored(object, name.options, {access.reads, access.writes, false}, file);
-}
-
-void Store::serve(DirectoryNode& folder, std::string_view name, const Metadata& metadata,
-                  OpenOptions options, std::shared_ptr<Node>& node,
-                  std::unique_ptr<OpenFile>& file) {
     auto served = std::make_shared<ServedNode>(m_nextNumber++, std::string(name), metadata);
-    served->channel = std::make_shared<Channel>(served->name, m_listener);
-    served->parent = &folder;
+    served->channel = std::make_shared<Channel>(served->name, m_listener, m_accounts);
+    auto server = std::make_unique<ServerFile>(served->channel, options, std::move(place), user,
+                                               [this, served] {
+                                                   if (served->parent != nullptr) {
+                                                       DirectoryNode& parent = *served->parent;
+                                                       m_leaving(parent, *served);
+                                                       served->parent = nullptr;
+                                                       parent.served.erase(served->name);
+                                                       parent.listing.reset();
+                                                   }
+                                               });
     folder.served[served->name] = served;
-    node = served;
-    file = std::make_unique<ServerFile>(served->channel, options, [served] {
-        DirectoryNode* parent = std::exchange(served->parent, nullptr);
-        parent->served.erase(served->name);
-    });
-}
-
-int Store::write(ObjectNode& node, std::string_view text) {
-    if (text.size() > kObjectWriteMaxBytes) {
-        return EMSGSIZE;
-    }
-    std::vector<AttributeChange> changes;
-    const int error = parseChanges(text, ObjectLines::kLeadingIgnored, changes);
-    if (error != 0) {
-        return error;
-    }
-    return replaceAttributes(node, mergeChanges(*node.attributes, changes));
-}
-
-int Store::replaceAttributes(ObjectNode& node, AttributeList attributes) {
-    if (attributes == *node.attributes) {
-        return 0;
-    }
-    Record record{node.metadata, std::move(attributes)};
-    record.metadata.modified = now();
-    if (renderObject(node.name, record.attributes).size() > kObjectTextMaxBytes) {
-        return ENOSPC;
-    }
-    const int error = node.parent == nullptr ? 0 : m_disk.saveObject(pathOf(node), record);
-    if (error != 0) {
-        return error;
-    }
-    node.metadata = record.metadata;
-    node.attributes = std::make_shared<const AttributeList>(std::move(record.attributes));
-    for (ObjectFile* file : node.openFiles) {
-        m_listener.readinessChanged(*file);
-    }
+    served->parent = &folder;
+    folder.listing.reset();
+    node = std::move(served);
+    file = std::move(server);
     return 0;
 }
 
-int Store::truncate(Node& node) {
-    switch (node.kind) {
-        case NodeKind::kDirectory:
-            return EISDIR;
-        case NodeKind::kServed:
-            return 0;
-        case NodeKind::kObject:
-            return replaceAttributes(static_cast<ObjectNode&>(node), {});
+void Store::write(const std::shared_ptr<ObjectNode>& node, uid_t user, std::string_view text,
+                  const Done& done) {
+    std::vector<AttributeChange> changes;
+    int error = text.size() > kObjectWriteMaxBytes ? EMSGSIZE : 0;
+    if (error == 0) {
+        error = parseChanges(text, ObjectLines::kLeadingIgnored, changes);
     }
-    return EINVAL;
+    // Kept until its turn has come.
+    const auto charge = std::make_shared<Charge>(m_accounts, user, Holding::kMemory);
+    if (error == 0 && !charge->grow(text.size())) {
+        error = ENOBUFS;
+    }
+    if (error != 0) {
+        done(error);
+        return;
+    }
+    edit(
+        node, user,
+        [charge, kept = std::string(text)](std::string_view lines) {
+            std::vector<AttributeChange> parsed;
+            parseChanges(kept, ObjectLines::kLeadingIgnored, parsed);
+            return mergeChanges(lines, parsed);
+        },
+        done);
 }
 
-int Store::setMetadata(Node& node, const Metadata& metadata) {
-    const bool stored =
-        node.kind != NodeKind::kServed && (node.parent != nullptr || &node == m_root.get());
-    int error = 0;
-    if (stored && node.kind == NodeKind::kDirectory) {
-        error = m_disk.saveDirectory(pathOf(node), metadata);
-    } else if (stored) {
-        const auto& object = static_cast<const ObjectNode&>(node);
-        error = m_disk.saveObject(pathOf(node), {metadata, *object.attributes});
+void Store::edit(const std::shared_ptr<ObjectNode>& node, uid_t user, Edit edit, const Done& done) {
+    m_changes.add(
+        user, true,
+        [this, node, user, edit = std::move(edit)](Batch& batch, const Done& end) {
+            beginEdit(node, user, edit, batch, end);
+        },
+        done);
+}
+
+void Store::beginEdit(const std::shared_ptr<ObjectNode>& node, uid_t user, const Edit& edit,
+                      Batch& batch, const Done& done) {
+    const std::shared_ptr<Content> before = node->latestContent();
+    std::string lines = edit(before->lines);
+    if (lines == before->lines && node->changesComing == 0) {
+        done(0);
+        return;
     }
-    if (error == 0) {
-        node.metadata = metadata;
+    if (textBytes(node->name, lines) > kObjectTextMaxBytes) {
+        done(ENOSPC);
+        return;
     }
-    return error;
+    // The new content counts when it is there, the old one until then: only what it grows by has to
+    // be within the share, and whoever makes less of an object may always do so.
+    Charge stored(m_accounts, user, Holding::kStored);
+    const std::size_t freed = before->stored.amountOf(user);
+    if (lines.size() > freed && lines.size() > before->lines.size() &&
+        !m_accounts.hasRoom(user, Holding::kStored, lines.size() - freed)) {
+        done(EDQUOT);
+        return;
+    }
+    stored.growAnyway(lines.size());
+    Metadata metadata = node->latestMetadata();
+    metadata.modified = now();
+    const std::shared_ptr<Content> content = makeContent(std::move(lines), std::move(stored));
+    if (node->parent == nullptr) {
+        show(*node, metadata, content, m_listener);
+        done(0);
+        return;
+    }
+    batch.save(pathOf(*node), false, {metadata, content->lines},
+               [this, node, metadata, content, done](int error) {
+                   if (--node->changesComing == 0) {
+                       node->contentComing = nullptr;
+                   }
+                   if (error == 0) {
+                       show(*node, metadata, content, m_listener);
+                   }
+                   done(error);
+               });
+    ++node->changesComing;
+    node->metadataComing = metadata;
+    node->contentComing = content;
+}
+
+void Store::show(ObjectNode& node, const Metadata& metadata,
+                 const std::shared_ptr<Content>& content, ReadinessListener& listener) {
+    node.metadata = metadata;
+    if (node.content == content) {
+        return;
+    }
+    node.content = content;
+    for (ObjectFile* file : node.openFiles) {
+        listener.readinessChanged(*file);
+    }
+}
+
+void Store::truncate(uid_t user, const std::shared_ptr<Node>& node, const Done& done) {
+    if (node->kind == NodeKind::kObject) {
+        edit(
+            std::static_pointer_cast<ObjectNode>(node), user,
+            [](std::string_view) { return std::string(); }, done);
+        return;
+    }
+    done(node->kind == NodeKind::kDirectory ? EISDIR : 0);
+}
+
+void Store::setMetadata(uid_t user, const std::shared_ptr<Node>& node, const MetadataChange& change,
+                        const Done& done) {
+    if (!isStored(*node)) {
+        node->metadata = changed(node->metadata, change);
+        done(0);
+        return;
+    }
+    m_changes.add(
+        user, true,
+        [this, node, change](Batch& batch, const Done& end) {
+            beginMetadata(node, change, batch, end);
+        },
+        done);
+}
+
+void Store::beginMetadata(const std::shared_ptr<Node>& node, const MetadataChange& change,
+                          Batch& batch, const Done& done) {
+    const Metadata metadata = changed(node->latestMetadata(), change);
+    if (metadata == node->latestMetadata() && node->changesComing == 0) {
+        done(0);
+        return;
+    }
+    if (!isStored(*node)) {
+        node->metadata = metadata;
+        done(0);
+        return;
+    }
+    const bool isFolder = node->kind == NodeKind::kDirectory;
+    std::shared_ptr<ObjectNode> object;
+    std::shared_ptr<Content> content;
+    if (!isFolder) {
+        object = std::static_pointer_cast<ObjectNode>(node);
+        content = object->latestContent();
+    }
+    batch.save(pathOf(*node), isFolder, {metadata, isFolder ? std::string() : content->lines},
+               [this, node, object, content, metadata, done](int error) {
+                   if (--node->changesComing == 0 && object != nullptr) {
+                       object->contentComing = nullptr;
+                   }
+                   if (error == 0 && object != nullptr) {
+                       show(*object, metadata, content, m_listener);
+                   } else if (error == 0) {
+                       node->metadata = metadata;
+                   }
+                   done(error);
+               });
+    ++node->changesComing;
+    node->metadataComing = metadata;
+    if (object != nullptr) {
+        object->contentComing = content;
+    }
 }
 
 // What is made in a folder with the set-group-ID bit belongs to the folder's group, as anywhere.
@@ -275,64 +549,105 @@ Metadata Store::metadataFor(const DirectoryNode& folder, Owner owner, mode_t mod
             now()};
 }
 
-int Store::makeDirectory(DirectoryNode& folder, std::string_view name, Owner owner, mode_t mode,
-                         std::shared_ptr<Node>& node) {
-    if (find(folder, name) != nullptr) {
-        return EEXIST;
-    }
-    if (isRemoved(folder)) {
-        return ENOENT;
-    }
-    Metadata metadata = metadataFor(folder, owner, mode);
-    metadata.mode |= folder.metadata.mode & S_ISGID;
-    const int error = m_disk.makeDirectory(pathOf(folder, name), metadata);
-    if (error == 0) {
-        node = std::make_shared<DirectoryNode>(m_nextNumber++, std::string(name), metadata);
-        add(folder, node);
-        folder.metadata.modified = metadata.modified;
-    }
-    return error;
+void Store::makeDirectory(const std::shared_ptr<DirectoryNode>& folder, std::string_view name,
+                          Owner owner, mode_t mode, const Made& made) {
+    m_changes.add(
+        owner.user, false,
+        [this, folder, owner, mode, made, text = std::string(name)](Batch& batch, const Done&) {
+            beginMakeDirectory(folder, text, owner, mode, made, batch);
+        },
+        [made](int error) { made(error, nullptr); });
 }
 
-int Store::removeDirectory(DirectoryNode& folder, std::string_view name) {
-    const std::shared_ptr<Node> node = find(folder, name);
-    if (node == nullptr) {
-        return ENOENT;
+void Store::beginMakeDirectory(const std::shared_ptr<DirectoryNode>& folder,
+                               const std::string& name, Owner owner, mode_t mode, const Made& made,
+                               Batch& batch) {
+    Charge place(m_accounts, owner.user, Holding::kObjects);
+    int error = checkNew(*folder, name);
+    if (error == 0 && levelOf(*folder) >= kFolderLevelsMax) {
+        error = ENAMETOOLONG;
     }
-    if (node->kind != NodeKind::kDirectory) {
-        return ENOTDIR;
+    if (error == 0 && !place.grow(1)) {
+        error = EDQUOT;
     }
-    if (!static_cast<const DirectoryNode&>(*node).isEmpty()) {
-        return ENOTEMPTY;
+    if (error != 0) {
+        made(error, nullptr);
+        return;
     }
-    const int error = m_disk.removeDirectory(pathOf(*node));
-    if (error == 0) {
-        take(folder, name);
-        folder.metadata.modified = now();
-    }
-    return error;
+    Metadata metadata = metadataFor(*folder, owner, mode);
+    metadata.mode |= folder->metadata.mode & S_ISGID;
+    const auto node = std::make_shared<DirectoryNode>(m_nextNumber++, name, metadata);
+    node->place = std::move(place);
+    const auto entry = std::make_shared<DirectoryNode::Stored>();
+    entry->emplace(name, node);
+    batch.run([this, path = pathOf(*folder, name),
+               metadata] { return m_disk.makeDirectory(path, metadata); },
+              [folder, node, entry, made](int failure) {
+                  if (failure == 0) {
+                      node->parent = folder.get();
+                      folder->stored.merge(*entry);
+                      folder->listing.reset();
+                      folder->metadata.modified = node->metadata.modified;
+                  }
+                  made(failure, failure == 0 ? node : nullptr);
+              });
 }
 
-int Store::removeObject(DirectoryNode& folder, std::string_view name) {
-    const std::shared_ptr<Node> node = find(folder, name);
-    if (node == nullptr) {
-        return ENOENT;
-    }
-    if (node->kind != NodeKind::kObject) {
-        return node->kind == NodeKind::kDirectory ? EISDIR : EBUSY;
-    }
-    const int error = m_disk.removeObject(pathOf(*node));
-    if (error == 0) {
-        take(folder, name);
-        folder.metadata.modified = now();
-    }
-    return error;
+void Store::removeDirectory(uid_t user, const std::shared_ptr<DirectoryNode>& folder,
+                            std::string_view name, const Done& done) {
+    m_changes.add(
+        user, false,
+        [this, folder, text = std::string(name)](Batch& batch, const Done& end) {
+            const std::shared_ptr<Node> node = find(*folder, text);
+            if (node == nullptr || node->kind != NodeKind::kDirectory) {
+                end(node == nullptr ? ENOENT : ENOTDIR);
+                return;
+            }
+            const auto removed = std::static_pointer_cast<DirectoryNode>(node);
+            if (!removed->isEmpty()) {
+                end(ENOTEMPTY);
+                return;
+            }
+            batch.run([this, path = pathOf(*node)] { return m_disk.removeDirectory(path); },
+                      [this, folder, removed, end](int error) {
+                          removed->isLeaving = false;
+                          if (error == 0) {
+                              take(*folder, removed->name);
+                              folder->metadata.modified = now();
+                          }
+                          end(error);
+                      });
+            removed->isLeaving = true;
+        },
+        done);
 }
 
-// Whether `moved` may take the place of what stands there; an empty folder is cleared away, an
-// object is left for the disk's rename to replace.
-int Store::replaceTarget(DirectoryNode& newFolder, std::string_view newName, const Node& moved,
-                         bool mayReplace) {
+void Store::removeObject(uid_t user, const std::shared_ptr<DirectoryNode>& folder,
+                         std::string_view name, const Done& done) {
+    m_changes.add(
+        user, false,
+        [this, folder, text = std::string(name)](Batch& batch, const Done& end) {
+            const std::shared_ptr<Node> node = find(*folder, text);
+            if (node == nullptr || node->kind != NodeKind::kObject) {
+                end(node == nullptr ? ENOENT : node->kind == NodeKind::kDirectory ? EISDIR : EBUSY);
+                return;
+            }
+            batch.run([this, path = pathOf(*node)] { return m_disk.removeObject(path); },
+                      [this, folder, node, end](int error) {
+                          if (error == 0) {
+                              take(*folder, node->name);
+                              folder->metadata.modified = now();
+                          }
+                          end(error);
+                      });
+        },
+        done);
+}
+
+// Whether `moved` may take the place of what stands there: an object of another object, a folder of
+// an empty folder.
+int Store::checkTarget(const DirectoryNode& newFolder, std::string_view newName, const Node& moved,
+                       bool mayReplace) const {
     const std::shared_ptr<Node> target = find(newFolder, newName);
     if (target == nullptr) {
         return 0;
@@ -343,37 +658,81 @@ int Store::replaceTarget(DirectoryNode& newFolder, std::string_view newName, con
     if (target->kind == NodeKind::kServed) {
         return EBUSY;
     }
-    if (target->kind == NodeKind::kDirectory) {
-        return moved.kind == NodeKind::kDirectory ? removeDirectory(newFolder, newName) : EISDIR;
+    if (target->kind == NodeKind::kObject) {
+        return moved.kind == NodeKind::kDirectory ? ENOTDIR : 0;
     }
-    return moved.kind == NodeKind::kDirectory ? ENOTDIR : 0;
+    if (moved.kind != NodeKind::kDirectory) {
+        return EISDIR;
+    }
+    return static_cast<const DirectoryNode&>(*target).isEmpty() ? 0 : ENOTEMPTY;
 }
 
-int Store::rename(DirectoryNode& folder, std::string_view name, DirectoryNode& newFolder,
-                  std::string_view newName, bool mayReplace) {
-    const std::shared_ptr<Node> node = find(folder, name);
-    if (node == nullptr || isRemoved(newFolder)) {
-        return ENOENT;
+void Store::rename(uid_t user, const std::shared_ptr<DirectoryNode>& folder, std::string_view name,
+                   const std::shared_ptr<DirectoryNode>& newFolder, std::string_view newName,
+                   bool mayReplace, const Done& done) {
+    m_changes.add(
+        user, false,
+        [this, folder, newFolder, mayReplace, from = std::string(name), to = std::string(newName)](
+            Batch& batch, const Done& end) {
+            beginRename(folder, from, newFolder, to, mayReplace, batch, end);
+        },
+        done);
+}
+
+void Store::beginRename(const std::shared_ptr<DirectoryNode>& folder, const std::string& name,
+                        const std::shared_ptr<DirectoryNode>& newFolder, const std::string& newName,
+                        bool mayReplace, Batch& batch, const Done& done) {
+    const std::shared_ptr<Node> node = find(*folder, name);
+    int error = node == nullptr || isRemoved(*newFolder) ? ENOENT : 0;
+    if (error == 0 && node->kind == NodeKind::kServed) {
+        error = EBUSY;
     }
-    if (node->kind == NodeKind::kServed) {
-        return EBUSY;
+    const bool isSame = folder == newFolder && name == newName;
+    if (error == 0 && isSame) {
+        done(mayReplace ? 0 : EEXIST);
+        return;
     }
-    if (&folder == &newFolder && name == newName) {
-        return mayReplace ? 0 : EEXIST;
-    }
-    int error = replaceTarget(newFolder, newName, *node, mayReplace);
     if (error == 0) {
-        error = m_disk.rename(pathOf(*node), pathOf(newFolder, newName));
+        error = checkTarget(*newFolder, newName, *node, mayReplace);
+    }
+    if (error == 0 && levelOf(*newFolder) + heightOf(*node) > kFolderLevelsMax) {
+        error = ENAMETOOLONG;
     }
     if (error != 0) {
-        return error;
+        done(error);
+        return;
     }
-    if (newFolder.stored.contains(newName)) {
-        take(newFolder, newName);
+    const std::shared_ptr<Node> replaced = find(*newFolder, newName);
+    const bool clearsFolder = replaced != nullptr && replaced->kind == NodeKind::kDirectory;
+    if (clearsFolder) {
+        static_cast<DirectoryNode&>(*replaced).isLeaving = true;
     }
-    take(folder, name);
-    node->name = newName;
-    add(newFolder, node);
-    folder.metadata.modified = newFolder.metadata.modified = now();
-    return 0;
+    // Empty once the folder that stood there is gone, even if the rest fails.
+    const auto cleared = std::make_shared<bool>(false);
+    const auto entry = std::make_shared<DirectoryNode::Stored>();
+    entry->emplace(newName, node);
+    batch.run(
+        [this, cleared, clearsFolder, from = pathOf(*node), to = pathOf(*newFolder, newName)] {
+            int failure = clearsFolder ? m_disk.removeDirectory(to) : 0;
+            *cleared = clearsFolder && failure == 0;
+            return failure == 0 ? m_disk.rename(from, to) : failure;
+        },
+        [this, folder, newFolder, node, replaced, entry, cleared, clearsFolder, done,
+         ownName = std::string(newName)](int failure) mutable {
+            if (clearsFolder) {
+                static_cast<DirectoryNode&>(*replaced).isLeaving = false;
+            }
+            if (replaced != nullptr && (failure == 0 || *cleared)) {
+                take(*newFolder, replaced->name);
+            }
+            if (failure == 0) {
+                take(*folder, node->name);
+                node->name.swap(ownName);
+                node->parent = newFolder.get();
+                newFolder->stored.merge(*entry);
+                newFolder->listing.reset();
+                folder->metadata.modified = newFolder->metadata.modified = now();
+            }
+            done(failure);
+        });
 }

@@ -21,6 +21,8 @@ class UniqueFd {
 
     int get() const { return m_fd; }
     explicit operator bool() const { return m_fd >= 0; }
+    // Gives the descriptor away: somebody else closes it.
+    int release() { return std::exchange(m_fd, -1); }
     void reset() {
         if (m_fd >= 0) {
             close(std::exchange(m_fd, -1));

@@ -1,45 +1,26 @@
 // Owner, group and mode as another user meets them. The other user is a child of this process, so
 // the tests need root; elsewhere they are skipped, except for the ordinary user's own mount.
 
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <cstdlib>
 #include <functional>
 #include <string>
 #include <thread>
 
+#include "tests/integration/other_user.hpp"
 #include "tests/integration/pps_files.hpp"
 #include "tests/support/ppsd_mount.hpp"
 
 namespace {
 
 constexpr int kCreate = O_RDWR | O_CREAT;
-constexpr uid_t kOther = 65534;
-
-// Runs `action` as another user and gives its result, which must fit an exit status.
-int asOther(const std::function<int()>& action) {
-    const pid_t child = fork();
-    if (child == 0) {
-        if (setgroups(0, nullptr) != 0 || setgid(kOther) != 0 || setuid(kOther) != 0) {
-            _exit(255);
-        }
-        _exit(action());
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 class PpsdPermission : public ::testing::Test {
   protected:
     void SetUp() override {
         QUIL_SKIP_WITHOUT_FUSE();
-        if (geteuid() != 0) {
-            GTEST_SKIP() << "NOT TESTED: only root can act as another user";
-        }
+        QUIL_SKIP_UNLESS_ROOT();
         ASSERT_TRUE(m_ppsd.start()) << m_ppsd.output();
     }
 

@@ -118,14 +118,14 @@ TEST_F(PpsdService, EndsWithStatus0WhileItIsInUse) {
     EXPECT_EQ(PpsFile(path("/obj"), O_RDWR).error(), 0);
 }
 
-TEST_F(PpsdService, WaitingReadIsAnsweredWithEnodevWhenTheServiceEnds) {
+TEST_F(PpsdService, WaitingReadIsAnsweredWithEnotconnWhenTheServiceEnds) {
     ASSERT_TRUE(m_ppsd.start());
     PpsFile reader(path("/obj?wait"), kCreate);
     auto waiting = std::async(std::launch::async, [&] { return reader.read(); });
     EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(kQuietMilliseconds)),
               std::future_status::timeout);
     EXPECT_EQ(m_ppsd.stop(), 0);
-    EXPECT_EQ(waiting.get(), std::string("errno: ") + std::strerror(ENODEV));
+    EXPECT_EQ(waiting.get(), std::string("errno: ") + std::strerror(ENOTCONN));
 }
 
 TEST_F(PpsdService, TreeWithModesOwnersAndTimesComesBackAfterARestart) {

@@ -106,6 +106,23 @@ TEST_P(Completion, OfZshNamesEveryVerbAndOption) {
     }
 }
 
+// Verbs within a verb, and their options.
+TEST(QuilctlCompletion, OffersThePartsOfRulesAndTheirOptions) {
+    const std::regex part("^  ([a-z-]+) ");
+    Names parts = listed(helpOf("quilctl", {"rules", "--help"}), "Subcommands:", part);
+    EXPECT_EQ(parts.size(), 2U);
+    std::ostringstream zsh;
+    zsh << std::ifstream(completionFile("_quilctl")).rdbuf();
+    for (const std::string& name : parts) {
+        const Names options = listed(helpOf("quilctl", {"rules", name, "--help"}),
+                                     "Options:", std::regex("^  (?:-h,)?(--[a-z]+)"));
+        EXPECT_EQ(offered("quilctl", {"rules", name, "--"}), options) << name;
+        EXPECT_NE(zsh.str().find("'" + name + ":"), std::string::npos) << name;
+    }
+    parts.insert("--help");
+    EXPECT_EQ(offered("quilctl", {"rules", ""}), parts);
+}
+
 INSTANTIATE_TEST_SUITE_P(OfPrograms, Completion, ::testing::Values("quilctl", "ppsctl"),
                          [](const auto& program) { return std::string(program.param); });
 

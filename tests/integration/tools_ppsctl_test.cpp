@@ -149,6 +149,30 @@ TEST_F(Ppsctl, WriteSpeaksToAServer) {
     EXPECT_EQ(agent.take("createSession").id, "7");
 }
 
+TEST_F(Ppsctl, ClientsShowsWhoHasAServedObjectOpen) {
+    const ServedAgent agent(m_ppsd);
+    EXPECT_EQ(run({"clients", "services/push/ipc"}).output, "");
+    const int client = open(m_ppsd.path("/services/push/ipc").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(client, 0);
+    const ToolRun result = run({"clients", "services/push/ipc"});
+    EXPECT_EQ(result.status, 0) << result.error;
+    EXPECT_TRUE(contains(result.output, "  user " + std::to_string(getuid()))) << result.output;
+    EXPECT_TRUE(contains(result.output, ", process " + std::to_string(getpid()) + ", "))
+        << result.output;
+    const auto object =
+        nlohmann::json::parse(run({"clients", "services/push/ipc", "--json"}).output);
+    EXPECT_EQ(object["pid"], getpid());
+    EXPECT_EQ(object["uid"], getuid());
+    close(client);
+    EXPECT_EQ(run({"clients", "services/push/ipc"}).output, "");
+}
+
+TEST_F(Ppsctl, ClientsOfAnObjectThatNobodyServesIsStatus3) {
+    EXPECT_EQ(run({"clients", "test/object"}).status, 3);
+    EXPECT_EQ(run({"clients", "test/missing"}).status, 3);
+    EXPECT_EQ(run({"clients", "test/object?wait"}).status, 2);
+}
+
 TEST_F(Ppsctl, MissingObjectIsStatus3) {
     for (const char* verb : {"ls", "cat", "watch", "rm"}) {
         const ToolRun result = run({verb, "test/none"});

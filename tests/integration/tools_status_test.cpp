@@ -170,6 +170,23 @@ TEST_F(Status, ShowsWhatThereIs) {
     EXPECT_EQ(object["sessions"][0]["app"], "com.app");
 }
 
+TEST_F(Status, ShowsWhichApplicationsAreConnected) {
+    startAgent();
+    EXPECT_TRUE(contains(runTool(m_root.path(), "quilctl", {"status"}).output,
+                         "applications     0 connected\n"));
+    const ClientConnection application(m_ppsd.path("/services/push/ipc"));
+    ASSERT_TRUE(application.isOpen());
+    const ToolRun result = runTool(m_root.path(), "quilctl", {"status"});
+    const std::string own =
+        "process " + std::to_string(getpid()) + ", user " + std::to_string(getuid()) + " (";
+    EXPECT_TRUE(contains(result.output, "applications     1 connected\n")) << result.output;
+    EXPECT_TRUE(contains(result.output, own)) << result.output;
+    const auto object =
+        nlohmann::json::parse(runTool(m_root.path(), "quilctl", {"status", "--json"}).output);
+    ASSERT_EQ(object["clients"].size(), 1U);
+    EXPECT_EQ(object["clients"][0]["pid"], getpid());
+}
+
 TEST_F(Status, OfNothingIsStatus3) {
     EXPECT_EQ(runTool(m_root.path(), "quilctl", {"status"}).status, 3);
     m_ppsd.stop();
@@ -284,6 +301,22 @@ TEST_F(Status, NamesOddLinesOfTheConfiguration) {
               std::string(300, 'x') + "\nuser 0\n");
     startAgent();
     EXPECT_EQ(check(), "configuration configuration configuration configuration configuration 1");
+}
+
+TEST_F(Status, NamesRulesThatLeaveRootAlone) {
+    configure("proxy-port 0\nhttp-timeout 20\nrules /etc/quilagent.rules\n");
+    startAgent();
+    EXPECT_EQ(check(), "rules 1");
+    std::ofstream(m_root.path("/etc/quilagent.rules")) << "allow\nallow user * %u.*\ndeny\n";
+    EXPECT_EQ(check(), "rules rules 1");
+    std::ofstream(m_root.path("/etc/quilagent.rules")) << "allow user * %u.*\n";
+    EXPECT_EQ(check(), "0");
+}
+
+TEST_F(Status, LaterEmptyValueIsTheDefaultAgain) {
+    configure("proxy-port 0\nhttp-timeout 20\nrules /etc/none\nrules \n");
+    startAgent();
+    EXPECT_EQ(check(), "0");
 }
 
 TEST_F(Status, WarnsOfAMissingConfiguration) {

@@ -22,6 +22,8 @@ struct Reply {
 class ClientConnection {
   public:
     explicit ClientConnection(const std::string& objectPath);
+    // Takes an object over that is open already, or was not to be had (-1).
+    explicit ClientConnection(int descriptor) : m_descriptor(descriptor) {}
     ~ClientConnection();
     ClientConnection(const ClientConnection&) = delete;
     ClientConnection& operator=(const ClientConnection&) = delete;

@@ -40,6 +40,11 @@ std::string logPath(const ScratchRoot& root) {
     _exit(127);
 }
 
+std::string textOf(const char* variable) {
+    const char* text = std::getenv(variable);
+    return text == nullptr ? "" : text;
+}
+
 void unmountLazily(const std::string& path) {
     if (umount2(path.c_str(), MNT_DETACH) == 0 || errno == EINVAL || errno == ENOENT) {
         return;
@@ -108,9 +113,19 @@ bool PpsdMount::start(const std::vector<std::string>& arguments) {
     const std::string log = logPath(m_root);
     const std::size_t outputBefore = output().size();
     const pid_t parent = getpid();
+    const std::string sanitizer = textOf("ASAN_OPTIONS");
+    if (!m_preloaded.empty()) {
+        const std::string library = builtProgram("../lib/quil_preload_" + m_preloaded + ".so");
+        setenv("LD_PRELOAD", library.c_str(), 1);
+        setenv("ASAN_OPTIONS", (sanitizer + ":verify_asan_link_order=0").c_str(), 1);
+    }
     m_pid = fork();
     if (m_pid == 0) {
         execute(log.c_str(), pointers, parent);
+    }
+    if (!m_preloaded.empty()) {
+        unsetenv("LD_PRELOAD");
+        setenv("ASAN_OPTIONS", sanitizer.c_str(), 1);
     }
     return m_pid > 0 && waitUntilLive(outputBefore);
 }

@@ -33,6 +33,9 @@ class PpsdMount {
     // Why there can be no mount here, or an empty string.
     static std::string unavailableReason();
 
+    // From the next start on ppsd runs with this library of tests/support/preload.
+    void preload(std::string_view name) { m_preloaded = name; }
+
     // True when the mount is live. Arguments are passed to ppsd.
     bool start(const std::vector<std::string>& arguments = {});
 
@@ -58,6 +61,7 @@ class PpsdMount {
     int waitForEnd();
 
     const ScratchRoot& m_root;
+    std::string m_preloaded;
     pid_t m_pid = -1;
 };
 

@@ -36,6 +36,12 @@ void addReading(CLI::App& app, Typed& typed) {
     show->callback(
         [&typed] { typed.run = [&typed] { return showObject(typed.path, typed.json); }; });
 
+    CLI::App* clients = app.add_subcommand("clients", "Show who has a served object open");
+    clients->add_option("PATH", typed.path, "Object")->required()->check(validators::notEmpty());
+    clients->add_flag("--json", typed.json, "One JSON object per line");
+    clients->callback(
+        [&typed] { typed.run = [&typed] { return showClients(typed.path, typed.json); }; });
+
     CLI::App* watch = app.add_subcommand("watch", "Show an object and each change as it comes");
     watch->add_option("PATH", typed.watch.path, "Object")
         ->required()

@@ -17,6 +17,7 @@
 #include <memory>
 
 #include "platform/root/root.hpp"
+#include "tools/common/connected_clients.hpp"
 #include "tools/common/object_service.hpp"
 #include "tools/common/terminal.hpp"
 #include "tools/ppsctl/object_text.hpp"
@@ -79,8 +80,16 @@ Problem problemOf(int error, const std::string& path) {
         case ENOTCONN:
             return {kNotThere, "the object's server went away", "start it again"};
         case ENOBUFS:
-            return {kRefused, "the object's server does not read: its queue is full",
-                    "look whether the server hangs"};
+            return {kRefused,
+                    "the object's server does not read, or your share of the service's memory is "
+                    "spent",
+                    "look whether the server hangs, and what of yours does not read"};
+        case ENFILE:
+            return {kRefused, "you have as many objects open as your share allows",
+                    "close some, or raise ppsd's --user-files"};
+        case EDQUOT:
+            return {kRefused, "you have as many objects, or as large ones, as your share allows",
+                    "remove some, or raise ppsd's --user-objects or --user-store"};
         default:
             return {kRefused, std::strerror(error), "see the object service's messages"};
     }
@@ -229,6 +238,40 @@ ExitStatus listObjects(const std::string& typed, bool json) {
         const int failure = listOne(path + "/" + name, name, json);
         if (failure != 0 && failure != ENOENT) {  // ENOENT: it went while we looked
             return report(typed, problemOf(failure, path));
+        }
+    }
+    return kDone;
+}
+
+ExitStatus showClients(const std::string& typed, bool json) {
+    const std::string path = absolutePath(typed);
+    const Problem problem = checkPath(path);
+    if (problem.status != kDone) {
+        return report(typed, problem);
+    }
+    std::vector<ConnectedClient> clients;
+    const int error = readConnectedClients(path, &clients);
+    if (error == EACCES) {
+        return report(typed,
+                      {kRefused, "only root, the object's owner and its server's user may see this",
+                       "ask as one of them"});
+    }
+    if (error != 0) {
+        return report(typed, problemOf(error, path));
+    }
+    for (const ConnectedClient& client : clients) {
+        if (json) {
+            printJson({{"id", client.id},
+                       {"uid", client.user},
+                       {"gid", client.group},
+                       {"pid", client.process},
+                       {"program", client.program}});
+        } else {
+            const std::string program = client.program.empty() ? "?" : client.program;
+            std::printf("%llu  user %s, process %d, %s\n",
+                        static_cast<unsigned long long>(client.id),
+                        visible(userWithName(client.user)).c_str(),
+                        static_cast<int>(client.process), visible(program).c_str());
         }
     }
     return kDone;

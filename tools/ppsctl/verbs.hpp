@@ -37,5 +37,8 @@ ExitStatus watchObject(const WatchOptions& options);
 ExitStatus writeObject(const std::string& path, const std::vector<std::string>& attributes,
                        bool isCreating, bool json);
 
+// Who has a served object open: a line each.
+ExitStatus showClients(const std::string& path, bool json);
+
 // Removes objects and empty folders. Goes on after a failure; the first one gives the status.
 ExitStatus removeObjects(const std::vector<std::string>& paths, bool json);

@@ -23,6 +23,7 @@ constexpr Key kKeys[] = {{"name", "Push Agent", false},
                          {"proxy-port", "287", true},
                          {"listen-address", "", false},  // that of proxy-host, filled in below
                          {"allowed-senders", "", false},
+                         {"rules", "", false},
                          {"push-timeout", "30", true},
                          {"http-timeout", "0", true},
                          {"guid", "", false},
@@ -31,6 +32,7 @@ constexpr Key kKeys[] = {{"name", "Push Agent", false},
                          {"prname", "personal", false},
                          {"connection-handler", "defaulthandler", false}};
 
+constexpr const char* kDefault = "default";  // where a value comes from
 constexpr std::size_t kMaxLine = 255;
 
 bool isNumber(const std::string& value) {
@@ -80,9 +82,10 @@ class FileReader {
             problem("sets '" + key + "' to '" + value + "', which is no number");
         }
         for (Setting& setting : m_configuration.settings) {
-            if (setting.key == key && !value.empty()) {
-                setting.value = value;
-                setting.source = "line " + std::to_string(m_number);
+            if (setting.key == key) {
+                // An empty value is the default, also behind another line of the key.
+                setting.value = value.empty() ? known->fallback : value;
+                setting.source = value.empty() ? kDefault : "line " + std::to_string(m_number);
             }
         }
     }
@@ -100,7 +103,7 @@ class FileReader {
 Configuration readConfiguration() {
     Configuration configuration;
     for (const Key& key : kKeys) {
-        configuration.settings.push_back({key.name, key.fallback, "default"});
+        configuration.settings.push_back({key.name, key.fallback, kDefault});
     }
     std::ifstream file(platformPath("/etc/quilagent.conf"));
     configuration.isFileRead = file.is_open();

@@ -132,6 +132,20 @@ void judgeConfiguration(const StatusFacts& facts, Findings& findings) {
     }
 }
 
+void judgeRules(const StatusFacts& facts, Findings& findings) {
+    const std::string path = settingOf(facts.configuration, "rules");
+    const std::string effect = ": the agent lets root alone act for applications";
+    if (!facts.rules.problem.empty()) {
+        add(findings, "rules", path + " cannot be read (" + facts.rules.problem + ")" + effect,
+            "mend the key 'rules' or the file, then restart the agent");
+    }
+    for (const RuleError& error : facts.rules.rules.errors()) {
+        add(findings, "rules",
+            path + " line " + std::to_string(error.line) + " " + error.reason + effect,
+            "mend the line, look again with quilctl rules check, then restart the agent");
+    }
+}
+
 void judgeSaved(const StatusFacts& facts, Findings& findings) {
     const SavedObject& saved = facts.saved;
     if (!saved.exists) {
@@ -225,6 +239,7 @@ std::vector<Finding> findProblems(const StatusFacts& facts) {
     judgePushObject(facts, found);
     judgeIdentity(facts, found);
     judgeConfiguration(facts, found);
+    judgeRules(facts, found);
     judgeSaved(facts, found);
     judgeSharedPorts(facts, found);
     judgePorts(facts, found);

@@ -6,6 +6,7 @@
 
 #include "tools/common/validators.hpp"
 #include "tools/quilctl/listen.hpp"
+#include "tools/quilctl/rules.hpp"
 #include "tools/quilctl/status.hpp"
 #include "tools/quilctl/trace.hpp"
 #include "tools/quilctl/verbs.hpp"
@@ -37,6 +38,8 @@ struct Typed {
     std::string logFile = "-";
     double slowSeconds = 1;
     bool isChecking = false;
+    std::string user;
+    std::string rulesFile;  // "" for that of the configuration
     std::function<ExitStatus()> run;
 };
 
@@ -164,6 +167,35 @@ void addTrace(CLI::App& app, Typed& typed) {
     });
 }
 
+void addRules(CLI::App& app, Typed& typed) {
+    CLI::App* verb = app.add_subcommand("rules", "Check the rules of who may act for what");
+    verb->require_subcommand(1);
+    CLI::App* check =
+        verb->add_subcommand("check", "Name each bad line; exit status 1 when there is one");
+    check->add_option("FILE", typed.rulesFile, "Rules file (that of the configuration)")
+        ->check(validators::notEmpty());
+    check->add_flag("--json", typed.json, "One JSON object per line");
+    check->callback(
+        [&typed] { typed.run = [&typed] { return checkRules(typed.rulesFile, typed.json); }; });
+    CLI::App* explain =
+        verb->add_subcommand("explain", "Say which line lets a user act for an application");
+    explain->add_option("USER", typed.user, "User name or number")
+        ->required()
+        ->check(validators::notEmpty());
+    explain->add_option("APP", typed.request.appId, "Provider application id")
+        ->required()
+        ->check(validators::notEmpty());
+    explain->add_option("--file", typed.rulesFile, "Rules file (that of the configuration)")
+        ->type_name("FILE")
+        ->check(validators::notEmpty());
+    explain->add_flag("--json", typed.json, "One JSON object per line");
+    explain->callback([&typed] {
+        typed.run = [&typed] {
+            return explainRules(typed.user, typed.request.appId, typed.rulesFile, typed.json);
+        };
+    });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -175,6 +207,7 @@ int main(int argc, char** argv) {
     addRequests(app, typed);
     addStatus(app, typed);
     addTrace(app, typed);
+    addRules(app, typed);
     addCodes(app, typed);
     try {
         app.parse(argc, argv);

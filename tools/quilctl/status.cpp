@@ -1,7 +1,5 @@
 #include "tools/quilctl/status.hpp"
 
-#include <pwd.h>
-
 #include <algorithm>
 #include <cstdio>
 
@@ -13,11 +11,6 @@
 namespace {
 
 constexpr std::size_t kIndent = 17;
-
-std::string userName(uid_t id) {
-    const passwd* entry = getpwuid(id);
-    return std::to_string(id) + (entry == nullptr ? "" : std::string(" (") + entry->pw_name + ")");
-}
 
 // "title            text", with the text broken into lines.
 void row(const Style& style, const std::string& title, const std::string& text, bool isGood) {
@@ -33,7 +26,7 @@ void showAgent(const Style& style, const StatusFacts& facts) {
     }
     for (const AgentProcess& agent : facts.agents) {
         row(style, "agent",
-            "process " + std::to_string(agent.pid) + ", user " + userName(agent.user) + ", " +
+            "process " + std::to_string(agent.pid) + ", user " + userWithName(agent.user) + ", " +
                 (facts.isObjectServed ? "serves" : "does not serve") + " /pps/services/push/ipc",
             facts.isObjectServed);
     }
@@ -72,6 +65,21 @@ void showSessions(const Style& style, const StatusFacts& facts) {
     }
 }
 
+// Only root and the agent's user can see them; for others the row would say nothing.
+void showClients(const Style& style, const StatusFacts& facts) {
+    if (!facts.mayListClients) {
+        return;
+    }
+    row(style, "applications", std::to_string(facts.clients.size()) + " connected", true);
+    for (const ConnectedClient& client : facts.clients) {
+        row(style, "",
+            (client.program.empty() ? "?" : client.program) + ", process " +
+                std::to_string(client.process) + ", user " + userWithName(client.user) + ", @ipc." +
+                std::to_string(client.id),
+            true);
+    }
+}
+
 void showForPeople(const StatusFacts& facts) {
     const Style style(stdout);
     const bool isMounted = facts.service == ServiceState::Mounted;
@@ -93,6 +101,7 @@ void showForPeople(const StatusFacts& facts) {
                     style.faint("(" + setting.source + ")").c_str());
     }
     if (isMounted) {
+        showClients(style, facts);
         showSessions(style, facts);
     }
 }
@@ -110,6 +119,15 @@ nlohmann::ordered_json asJson(const StatusFacts& facts) {
     for (const Setting& setting : facts.configuration.settings) {
         object["configuration"][setting.key] = {{"value", setting.value},
                                                 {"source", setting.source}};
+    }
+    if (facts.mayListClients) {
+        object["clients"] = nlohmann::ordered_json::array();
+        for (const ConnectedClient& client : facts.clients) {
+            object["clients"].push_back({{"id", client.id},
+                                         {"user", client.user},
+                                         {"pid", client.process},
+                                         {"program", client.program}});
+        }
     }
     object["savedBytes"] = facts.saved.bytes;
     object["loadableBytes"] = kLoadableBytes;

@@ -219,6 +219,14 @@ void lookAtAddresses(StatusFacts* facts) {
     facts->isListenAddressOurs = isOurAddress(settingOf(facts->configuration, "listen-address"));
 }
 
+// The agent reads them as root. Where nobody else may, nothing can be said of them.
+RulesFile readRules(const Configuration& configuration) {
+    const std::string path = settingOf(configuration, "rules");
+    const bool isClosed =
+        access(platformPath(path).c_str(), R_OK) != 0 && errno == EACCES && geteuid() != 0;
+    return path.empty() || isClosed ? RulesFile{} : readConfiguredRules(path);
+}
+
 }  // namespace
 
 StatusFacts collectFacts() {
@@ -226,6 +234,7 @@ StatusFacts collectFacts() {
     facts.service = objectServiceState();
     facts.agents = findAgents();
     facts.configuration = readConfiguration();
+    facts.rules = readRules(facts.configuration);
     lookAtAddresses(&facts);
     if (facts.service == ServiceState::Mounted) {
         lookAtPushObject(&facts);
@@ -233,6 +242,8 @@ StatusFacts collectFacts() {
                           readIdentity("model", kDeviceInfo, "HardwareID", facts.agents),
                           readIdentity("OS version", kProperties, "scmbundle", facts.agents),
                           readIdentity("IMSI", kSim, "imsi", facts.agents)};
+        facts.mayListClients =
+            facts.isObjectServed && readConnectedClients(kPushObject, &facts.clients) == 0;
         facts.saved = readSaved(facts.agents);
     }
     facts.agentPorts = findAgentPorts(facts);

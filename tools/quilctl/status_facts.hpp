@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/rules/rules_file.hpp"
+#include "tools/common/connected_clients.hpp"
 #include "tools/common/object_service.hpp"
 #include "tools/quilctl/configuration.hpp"
 #include "tools/quilctl/proc.hpp"
@@ -58,11 +60,14 @@ struct StatusFacts {
     bool isObjectOrdinary = false;     // an ordinary object with attributes is in its place
     std::string objectProblem;         // why this user cannot use it, in words
     Configuration configuration;
+    RulesFile rules;  // of the key "rules"; empty and sound without it, or where only root may read
     std::vector<IdentityValue> identity;
     SavedObject saved;
-    std::vector<AgentPort> agentPorts;  // none when only root can see them
-    bool isProxyLocal = false;          // proxy-host is a loopback address
-    bool isProxyListening = false;      // and something listens on its port
+    std::vector<ConnectedClient> clients;  // applications that have the push object open
+    bool mayListClients = false;           // else there are none above
+    std::vector<AgentPort> agentPorts;     // none when only root can see them
+    bool isProxyLocal = false;             // proxy-host is a loopback address
+    bool isProxyListening = false;         // and something listens on its port
     bool isListenAddressOurs = true;
 };
 

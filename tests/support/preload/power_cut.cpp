@@ -82,9 +82,23 @@ void note(const char* kind, std::string_view first, std::string_view second) {
     errno = error;
 }
 
-void noteIfOurs(bool isDone, const char* kind, const char* path) {
+// The path of an entry of a folder, which is a descriptor or AT_FDCWD; false for any that is not
+// below the folder.
+bool entryOf(int parent, const char* name, std::string* relative) {
+    if (name[0] == '/' || parent == AT_FDCWD) {
+        return isOurs(name, relative);
+    }
+    std::string above;
+    if (!pathOf(parent, &above)) {
+        return false;
+    }
+    *relative = above == "." ? name : above + "/" + name;
+    return true;
+}
+
+void noteIfOurs(bool isDone, const char* kind, int parent, const char* name) {
     std::string relative;
-    if (isDone && isOurs(path, &relative)) {
+    if (isDone && entryOf(parent, name, &relative)) {
         note(kind, relative, "");
     }
 }
@@ -92,6 +106,22 @@ void noteIfOurs(bool isDone, const char* kind, const char* path) {
 }  // namespace
 
 extern "C" {
+
+int openat(int parent, const char* path, int flags, ...) {
+    mode_t mode = 0;
+    if ((flags & O_CREAT) != 0) {
+        va_list arguments;
+        va_start(arguments, flags);
+        mode = va_arg(arguments, mode_t);
+        va_end(arguments);
+    }
+    const int descriptor =
+        next<int(int, const char*, int, ...)>("openat")(parent, path, flags, mode);
+    if ((flags & O_CREAT) != 0) {
+        noteIfOurs(descriptor >= 0, (flags & O_TRUNC) != 0 ? "truncate" : "create", parent, path);
+    }
+    return descriptor;
+}
 
 int open(const char* path, int flags, ...) {
     mode_t mode = 0;
@@ -101,11 +131,7 @@ int open(const char* path, int flags, ...) {
         mode = va_arg(arguments, mode_t);
         va_end(arguments);
     }
-    const int descriptor = next<int(const char*, int, ...)>("open")(path, flags, mode);
-    if ((flags & O_CREAT) != 0) {
-        noteIfOurs(descriptor >= 0, (flags & O_TRUNC) != 0 ? "truncate" : "create", path);
-    }
-    return descriptor;
+    return openat(AT_FDCWD, path, flags, mode);
 }
 
 // Files are written from front to end, or emptied first; nothing else needs to be told apart.
@@ -138,32 +164,43 @@ int fdatasync(int descriptor) {
     return result;
 }
 
-int rename(const char* from, const char* to) {
-    const int result = next<int(const char*, const char*)>("rename")(from, to);
+int renameat(int fromParent, const char* from, int toParent, const char* to) {
+    const int result =
+        next<int(int, const char*, int, const char*)>("renameat")(fromParent, from, toParent, to);
     std::string source;
     std::string target;
-    if (result == 0 && isOurs(from, &source) && isOurs(to, &target)) {
+    if (result == 0 && entryOf(fromParent, from, &source) && entryOf(toParent, to, &target)) {
         note("rename", source, target);
     }
     return result;
 }
 
+int rename(const char* from, const char* to) {
+    return renameat(AT_FDCWD, from, AT_FDCWD, to);
+}
+
+int mkdirat(int parent, const char* path, mode_t mode) {
+    const int result = next<int(int, const char*, mode_t)>("mkdirat")(parent, path, mode);
+    noteIfOurs(result == 0, "mkdir", parent, path);
+    return result;
+}
+
 int mkdir(const char* path, mode_t mode) {
-    const int result = next<int(const char*, mode_t)>("mkdir")(path, mode);
-    noteIfOurs(result == 0, "mkdir", path);
+    return mkdirat(AT_FDCWD, path, mode);
+}
+
+int unlinkat(int parent, const char* path, int flags) {
+    const int result = next<int(int, const char*, int)>("unlinkat")(parent, path, flags);
+    noteIfOurs(result == 0, (flags & AT_REMOVEDIR) != 0 ? "rmdir" : "unlink", parent, path);
     return result;
 }
 
 int unlink(const char* path) {
-    const int result = next<int(const char*)>("unlink")(path);
-    noteIfOurs(result == 0, "unlink", path);
-    return result;
+    return unlinkat(AT_FDCWD, path, 0);
 }
 
 int rmdir(const char* path) {
-    const int result = next<int(const char*)>("rmdir")(path);
-    noteIfOurs(result == 0, "rmdir", path);
-    return result;
+    return unlinkat(AT_FDCWD, path, AT_REMOVEDIR);
 }
 
 }  // extern "C"

@@ -8,16 +8,10 @@
 
 namespace {
 
-AttributeList listOf(const std::string& text) {
-    std::vector<AttributeChange> changes;
-    EXPECT_EQ(parseChanges(text, ObjectLines::kRefused, changes), 0) << text;
-    return mergeChanges({}, changes);
-}
-
 std::string merged(const std::string& before, const std::string& text) {
     std::vector<AttributeChange> changes;
     EXPECT_EQ(parseChanges(text, ObjectLines::kRefused, changes), 0) << text;
-    return renderAttributes(mergeChanges(listOf(before), changes));
+    return mergeChanges(before, changes);
 }
 
 int parse(const std::string& text, ObjectLines objectLines) {
@@ -65,21 +59,16 @@ TEST(Attributes, EmptyTextChangesNothing) {
     EXPECT_EQ(merged("a::1\n", ""), "a::1\n");
 }
 
-TEST(Attributes, EmptyListRendersAsNothing) {
-    EXPECT_EQ(renderObject("x", {}), "");
-}
-
 TEST(Attributes, DeltaNamesChangedNewAndRemovedAttributesOnly) {
-    EXPECT_EQ(renderDelta("x", listOf("a::1\nb::2\nc::3\n"), listOf("b::9\nc::3\nd::4\n")),
-              "@x\nb::9\nd::4\n-a\n");
+    EXPECT_EQ(renderDelta("x", "a::1\nb::2\nc::3\n", "b::9\nc::3\nd::4\n"), "@x\nb::9\nd::4\n-a\n");
 }
 
 TEST(Attributes, ChangedEncodingIsADifference) {
-    EXPECT_EQ(renderDelta("x", listOf("a::1\n"), listOf("a:n:1\n")), "@x\na:n:1\n");
+    EXPECT_EQ(renderDelta("x", "a::1\n", "a:n:1\n"), "@x\na:n:1\n");
 }
 
 TEST(Attributes, DeltaOfEqualListsIsNothing) {
-    EXPECT_EQ(renderDelta("x", listOf("a::1\n"), listOf("a::1\n")), "");
+    EXPECT_EQ(renderDelta("x", "a::1\n", "a::1\n"), "");
 }
 
 TEST(Attributes, AppendedLinesParseToTheSameChanges) {

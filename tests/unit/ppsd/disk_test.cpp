@@ -30,13 +30,12 @@ class DiskTest : public ::testing::Test {
         reports.clear();
         std::string seen;
         for (const Disk::Entry& entry : disk.load(folder)) {
-            seen += entry.name + (entry.isDirectory ? "/" : "=") +
-                    renderAttributes(entry.record.attributes) + " ";
+            seen += entry.name + (entry.isDirectory ? "/" : "=") + entry.record.lines + " ";
         }
         return seen;
     }
 
-    static Record record(const std::string& value) { return {kMetadata, {{"a", "", value}}}; }
+    static Record record(const std::string& value) { return {kMetadata, "a::" + value + "\n"}; }
 
     ScratchRoot root;
     std::vector<std::string> reports;

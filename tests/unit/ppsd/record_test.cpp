@@ -6,8 +6,7 @@
 
 namespace {
 
-const Record kRecord{{1000, 100, 0640, {1700000000, 123456789}},
-                     {{"a", "", "1"}, {"b", "json", "{\"x\":1}"}}};
+const Record kRecord{{1000, 100, 0640, {1700000000, 123456789}}, "a::1\nb:json:{\"x\":1}\n"};
 
 const std::string kBody =
     "owner 1000\ngroup 100\nmode 0640\nmodified-seconds 1700000000\n"
@@ -32,7 +31,7 @@ TEST(Record, ComesBackAsItWas) {
     std::string error;
     ASSERT_TRUE(decodeRecord(encodeRecord(kRecord), record, error)) << error;
     EXPECT_EQ(record.metadata, kRecord.metadata);
-    EXPECT_EQ(record.attributes, kRecord.attributes);
+    EXPECT_EQ(record.lines, kRecord.lines);
 }
 
 TEST(Record, EveryShortenedFileIsDetected) {

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <string>
+#include <vector>
 
 #include "tests/support/scratch_root.hpp"
 
@@ -15,24 +17,82 @@ namespace {
 
 class Recorder : public ReadinessListener {
   public:
-    void readinessChanged(OpenFile& file) override { told.push_back(&file); }
+    void readinessChanged(OpenFile& file) noexcept override { told.push_back(&file); }
     std::vector<OpenFile*> told;
 };
+
+const std::string kLongName(255, 'n');
 
 class StoreTest : public ::testing::Test {
   protected:
     StoreTest() { EXPECT_EQ(store->load(), 0); }
 
     std::unique_ptr<Store> makeStore() {
-        return std::make_unique<Store>(root.path("/store"), listener, [](const std::string&) {});
+        return std::make_unique<Store>(
+            root.path("/store"), listener, [](const std::string&) {}, accounts);
     }
 
     std::unique_ptr<OpenFile> create(const std::string& text) {
         ObjectName name;
         EXPECT_EQ(parseObjectName(text, name), 0);
         std::unique_ptr<OpenFile> file;
-        error = store->create(*store->root(), name, {1, 2}, 0644, {}, node, file);
+        error = create(store->root(), name, file);
         return file;
+    }
+    int create(const std::shared_ptr<DirectoryNode>& folder, const ObjectName& name,
+               std::unique_ptr<OpenFile>& file) {
+        return ended([&](const Done& done) {
+            store->create(folder, name, {1, 2}, 0644, {}, kept(file, done));
+        });
+    }
+
+    // How something ended that is over when its call returns: 0 or an errno value.
+    template <typename Action>
+    static int ended(Action action) {
+        int end = -1;
+        action(Done([&](int result) { end = result; }));
+        return end;
+    }
+    int put(OpenFile& file, std::string_view text, uid_t writer = 0) {
+        return ended([&](const Done& done) { file.write(writer, text, done); });
+    }
+    int open(const std::shared_ptr<Node>& opened, OpenOptions options,
+             std::unique_ptr<OpenFile>& file, Store::Access access = {}) {
+        return ended(
+            [&](const Done& done) { store->open(opened, options, access, kept(file, done)); });
+    }
+    int makeDirectory(const std::shared_ptr<Node>& folder, const std::string& name) {
+        return ended([&](const Done& done) {
+            store->makeDirectory(std::static_pointer_cast<DirectoryNode>(folder), name, {1, 2},
+                                 0755, [&, done](int result, const std::shared_ptr<Node>& made) {
+                                     node = made;
+                                     done(result);
+                                 });
+        });
+    }
+    int removeDirectory(const std::string& name) {
+        return ended(
+            [&](const Done& done) { store->removeDirectory(1, store->root(), name, done); });
+    }
+    int removeObject(const std::string& name) {
+        return ended([&](const Done& done) { store->removeObject(1, store->root(), name, done); });
+    }
+    int rename(const std::string& from, const std::string& to, bool mayReplace) {
+        return ended([&](const Done& done) {
+            store->rename(1, store->root(), from, store->root(), to, mayReplace, done);
+        });
+    }
+    int setMetadata(const Store::MetadataChange& change) {
+        return ended([&](const Done& done) { store->setMetadata(1, node, change, done); });
+    }
+    // Keeps what was opened, and the node in `node`.
+    Store::Opened kept(std::unique_ptr<OpenFile>& file, const Done& done) {
+        return [&, done](int result, const std::shared_ptr<Node>& opened,
+                         std::unique_ptr<OpenFile> made) {
+            node = opened;
+            file = std::move(made);
+            done(result);
+        };
     }
 
     // A failing disk: nothing can be written aside in the root folder any more.
@@ -40,10 +100,11 @@ class StoreTest : public ::testing::Test {
 
     static std::string read(OpenFile& file) {
         std::string bytes;
-        return file.read(1U << 20, bytes) == ReadOutcome::kBytes ? bytes : "nothing";
+        return file.read(0, 1U << 20, bytes) == ReadOutcome::kBytes ? bytes : "nothing";
     }
 
     ScratchRoot root;
+    Accounts accounts{{1000000, 100, 100, 1000000}};
     Recorder listener;
     std::unique_ptr<Store> store = makeStore();
     std::shared_ptr<Node> node;
@@ -54,10 +115,10 @@ class StoreTest : public ::testing::Test {
 
 TEST_F(StoreTest, WriteThatDoesNotReachTheDiskChangesNothingAndTellsNobody) {
     const auto file = create("obj");
-    ASSERT_EQ(file->write("a::1\n"), 0);
+    ASSERT_EQ(put(*file, "a::1\n"), 0);
     listener.told.clear();
     breakDisk();
-    EXPECT_EQ(file->write("a::2\n"), EISDIR);
+    EXPECT_EQ(put(*file, "a::2\n"), EISDIR);
     EXPECT_TRUE(listener.told.empty());
     EXPECT_EQ(read(*file), "@obj\na::1\n");
 }
@@ -65,9 +126,7 @@ TEST_F(StoreTest, WriteThatDoesNotReachTheDiskChangesNothingAndTellsNobody) {
 TEST_F(StoreTest, MetadataThatDoesNotReachTheDiskIsNotShown) {
     const auto file = create("obj");
     breakDisk();
-    Metadata metadata = node->metadata;
-    metadata.mode = 0600;
-    EXPECT_EQ(store->setMetadata(*node, metadata), EISDIR);
+    EXPECT_EQ(setMetadata({0600, {}, {}, {}}), EISDIR);
     EXPECT_EQ(node->metadata.mode, 0644U);
 }
 
@@ -80,11 +139,11 @@ TEST_F(StoreTest, ObjectThatDoesNotReachTheDiskIsNotThere) {
 
 TEST_F(StoreTest, UnchangedValueIsNoChange) {
     const auto file = create("obj");
-    file->write("a::1\n");
+    put(*file, "a::1\n");
     read(*file);
     listener.told.clear();
     breakDisk();
-    EXPECT_EQ(file->write("a::1\n"), 0) << "nothing has to be written";
+    EXPECT_EQ(put(*file, "a::1\n"), 0) << "nothing has to be written";
     EXPECT_TRUE(listener.told.empty());
     EXPECT_EQ(read(*file), "nothing");
 }
@@ -92,34 +151,32 @@ TEST_F(StoreTest, UnchangedValueIsNoChange) {
 TEST_F(StoreTest, ClosedFileIsToldNothing) {
     const auto kept = create("obj");
     std::unique_ptr<OpenFile> closed;
-    ASSERT_EQ(store->open(node, {}, {}, closed), 0);
+    ASSERT_EQ(open(node, {}, closed), 0);
     closed.reset();
     listener.told.clear();
-    EXPECT_EQ(kept->write("a::1\n"), 0);
+    EXPECT_EQ(put(*kept, "a::1\n"), 0);
     EXPECT_EQ(listener.told, std::vector<OpenFile*>{kept.get()});
 }
 
 TEST_F(StoreTest, WriteRenewsTheTime) {
     const auto file = create("obj");
-    Metadata metadata = node->metadata;
-    metadata.modified = {1000, 0};
-    ASSERT_EQ(store->setMetadata(*node, metadata), 0);
-    ASSERT_EQ(file->write("a::1\n"), 0);
+    ASSERT_EQ(setMetadata({{}, {}, {}, timespec{1000, 0}}), 0);
+    ASSERT_EQ(put(*file, "a::1\n"), 0);
     EXPECT_GT(node->metadata.modified.tv_sec, 1000);
 }
 
 TEST_F(StoreTest, ReplacedObjectLivesOnForItsDescriptorsAndTouchesItsSuccessorNoMore) {
     const auto replaced = create("b");
-    ASSERT_EQ(create("a")->write("a::1\n"), 0);
-    ASSERT_EQ(store->rename(*store->root(), "a", *store->root(), "b", true), 0);
-    EXPECT_EQ(replaced->write("b::2\n"), 0);
+    ASSERT_EQ(put(*create("a"), "a::1\n"), 0);
+    ASSERT_EQ(rename("a", "b", true), 0);
+    EXPECT_EQ(put(*replaced, "b::2\n"), 0);
     EXPECT_EQ(read(*replaced), "@b\nb::2\n");
     store = nullptr;
     store = makeStore();
     ASSERT_EQ(store->load(), 0);
     std::shared_ptr<Node> kept = store->find(*store->root(), "b");
     std::unique_ptr<OpenFile> file;
-    ASSERT_EQ(store->open(kept, {}, {}, file), 0);
+    ASSERT_EQ(open(kept, {}, file), 0);
     EXPECT_EQ(read(*file), "@b\na::1\n");
 }
 
@@ -129,27 +186,25 @@ TEST_F(StoreTest, ServerThatWasOvertakenByAnotherGetsEbusy) {
     std::shared_ptr<Node> second = node;
     std::unique_ptr<OpenFile> server;
     std::unique_ptr<OpenFile> late;
-    ASSERT_EQ(store->open(first, OpenOptions::fromBits(4), {}, server), 0);
-    EXPECT_EQ(store->open(second, OpenOptions::fromBits(4), {}, late), EBUSY);
+    ASSERT_EQ(open(first, OpenOptions::fromBits(4), server), 0);
+    EXPECT_EQ(open(second, OpenOptions::fromBits(4), late), EBUSY);
 }
 
 TEST_F(StoreTest, NumbersOfNodesAreNeverUsedTwice) {
     create("a");
     const std::uint64_t first = node->number;
-    ASSERT_EQ(store->removeObject(*store->root(), "a"), 0);
+    ASSERT_EQ(removeObject("a"), 0);
     create("a");
     EXPECT_GT(node->number, first);
 }
 
 TEST_F(StoreTest, NothingIsMadeInARemovedFolder) {
-    std::shared_ptr<Node> folder;
-    ASSERT_EQ(store->makeDirectory(*store->root(), "folder", {1, 2}, 0755, folder), 0);
-    ASSERT_EQ(store->removeDirectory(*store->root(), "folder"), 0);
-    auto& removed = static_cast<DirectoryNode&>(*folder);
+    ASSERT_EQ(makeDirectory(store->root(), "folder"), 0);
+    const auto folder = std::static_pointer_cast<DirectoryNode>(node);
+    ASSERT_EQ(removeDirectory("folder"), 0);
     std::unique_ptr<OpenFile> file;
-    ObjectName name{"obj", {}};
-    EXPECT_EQ(store->create(removed, name, {1, 2}, 0644, {}, node, file), ENOENT);
-    EXPECT_EQ(store->makeDirectory(removed, "inner", {1, 2}, 0755, node), ENOENT);
+    EXPECT_EQ(create(folder, {"obj", {}}, file), ENOENT);
+    EXPECT_EQ(makeDirectory(folder, "inner"), ENOENT);
 }
 
 TEST_F(StoreTest, ClientOfAServerThatJustEndedGetsEnoent) {
@@ -157,7 +212,7 @@ TEST_F(StoreTest, ClientOfAServerThatJustEndedGetsEnoent) {
     std::shared_ptr<Node> served = node;
     server.reset();
     std::unique_ptr<OpenFile> file;
-    EXPECT_EQ(store->open(served, {}, {}, file), ENOENT);
+    EXPECT_EQ(open(served, {}, file), ENOENT);
 }
 
 TEST_F(StoreTest, OpenThatWasOvertakenByAServerIsSentBackToTheLookUp) {
@@ -165,49 +220,161 @@ TEST_F(StoreTest, OpenThatWasOvertakenByAServerIsSentBackToTheLookUp) {
     std::shared_ptr<Node> object = node;
     std::shared_ptr<Node> served = node;
     std::unique_ptr<OpenFile> server;
-    ASSERT_EQ(store->open(served, OpenOptions::fromBits(4), {}, server), 0);
-    EXPECT_EQ(served->kind, NodeKind::kServed);
+    ASSERT_EQ(open(served, OpenOptions::fromBits(4), server), 0);
+    EXPECT_EQ(node->kind, NodeKind::kServed);
     std::unique_ptr<OpenFile> file;
-    EXPECT_EQ(store->open(object, {}, {}, file), ESTALE);
+    EXPECT_EQ(open(object, {}, file), ESTALE);
 }
 
 TEST_F(StoreTest, FolderThatHoldsAServedObjectIsNotEmpty) {
-    std::shared_ptr<Node> folder;
-    ASSERT_EQ(store->makeDirectory(*store->root(), "folder", {1, 2}, 0755, folder), 0);
-    auto& made = static_cast<DirectoryNode&>(*folder);
+    ASSERT_EQ(makeDirectory(store->root(), "folder"), 0);
+    const auto folder = std::static_pointer_cast<DirectoryNode>(node);
     std::unique_ptr<OpenFile> server;
-    ObjectName name{"ipc", OpenOptions::fromBits(4)};
-    ASSERT_EQ(store->create(made, name, {1, 2}, 0644, {}, node, server), 0);
-    EXPECT_EQ(store->removeDirectory(*store->root(), "folder"), ENOTEMPTY);
+    ASSERT_EQ(create(folder, {"ipc", OpenOptions::fromBits(4)}, server), 0);
+    EXPECT_EQ(removeDirectory("folder"), ENOTEMPTY);
     server.reset();
-    EXPECT_EQ(store->removeDirectory(*store->root(), "folder"), 0);
+    EXPECT_EQ(removeDirectory("folder"), 0);
 }
 
 TEST_F(StoreTest, RenameRefusesWhatItWasToldNotToReplace) {
     create("a");
     create("b");
-    DirectoryNode& top = *store->root();
-    EXPECT_EQ(store->rename(top, "a", top, "b", false), EEXIST);
-    EXPECT_EQ(store->rename(top, "missing", top, "b", true), ENOENT);
-    EXPECT_EQ(store->rename(top, "a", top, "a", true), 0);
-    EXPECT_EQ(store->rename(top, "a", top, "a", false), EEXIST);
-    EXPECT_EQ(store->rename(top, "a", top, "b", true), 0);
-    EXPECT_EQ(store->list(top).size(), 1U);
+    EXPECT_EQ(rename("a", "b", false), EEXIST);
+    EXPECT_EQ(rename("missing", "b", true), ENOENT);
+    EXPECT_EQ(rename("a", "a", true), 0);
+    EXPECT_EQ(rename("a", "a", false), EEXIST);
+    EXPECT_EQ(rename("a", "b", true), 0);
+    std::shared_ptr<Charge> charge;
+    EXPECT_EQ(store->list(*store->root(), 1, charge)->entries.size(), 3U) << "with . and ..";
 }
 
-TEST_F(StoreTest, DeepTreeComesBackWithItsNames) {
-    DirectoryNode* folder = store->root().get();
-    std::shared_ptr<Node> made;
-    for (int depth = 0; depth < 60; ++depth) {
-        ASSERT_EQ(store->makeDirectory(*folder, "d", {1, 2}, 0755, made), 0);
-        folder = static_cast<DirectoryNode*>(made.get());
+TEST_F(StoreTest, DeepestTreeWithTheLongestNamesComesBack) {
+    node = store->root();
+    for (int depth = 0; depth < 64; ++depth) {
+        ASSERT_EQ(makeDirectory(node, kLongName), 0) << depth;
     }
+    const std::shared_ptr<Node> deepest = node;
+    EXPECT_EQ(makeDirectory(deepest, kLongName), ENAMETOOLONG);
+    std::unique_ptr<OpenFile> file;
+    ASSERT_EQ(create(std::static_pointer_cast<DirectoryNode>(deepest), {kLongName, {}}, file), 0);
+    ASSERT_EQ(put(*file, "a::1\n"), 0);
+    file.reset();
+    node.reset();
     store.reset();
     store = makeStore();
     ASSERT_EQ(store->load(), 0);
     int depth = 0;
     for (std::shared_ptr<Node> at = store->root(); at != nullptr; ++depth) {
-        at = store->find(static_cast<const DirectoryNode&>(*at), "d");
+        at = at->kind == NodeKind::kObject
+                 ? nullptr
+                 : store->find(static_cast<const DirectoryNode&>(*at), kLongName);
     }
-    EXPECT_EQ(depth, 61);
+    EXPECT_EQ(depth, 66) << "the root, its folders and the object";
+}
+
+TEST_F(StoreTest, RenameThatWouldMakeATooDeepTreeIsRefused) {
+    node = store->root();
+    for (int depth = 0; depth < 63; ++depth) {
+        ASSERT_EQ(makeDirectory(node, "d"), 0);
+    }
+    const auto deep = std::static_pointer_cast<DirectoryNode>(node);
+    ASSERT_EQ(makeDirectory(store->root(), "one"), 0);
+    const std::shared_ptr<Node> one = node;
+    ASSERT_EQ(makeDirectory(store->root(), "two"), 0);
+    ASSERT_EQ(makeDirectory(node, "inner"), 0);
+    const auto moveDeep = [&](const std::string& name) {
+        return ended([&](const Done& done) {
+            store->rename(1, store->root(), name, deep, name, true, done);
+        });
+    };
+    EXPECT_EQ(moveDeep("two"), ENAMETOOLONG);
+    EXPECT_EQ(moveDeep("one"), 0);
+    EXPECT_EQ(makeDirectory(one, "x"), ENAMETOOLONG);
+}
+
+TEST_F(StoreTest, ObjectsOfAUserAreBounded) {
+    std::unique_ptr<OpenFile> file;
+    int made = 0;
+    while (made < 1000 && create(store->root(), {"o" + std::to_string(made), {}}, file) == 0) {
+        ++made;
+    }
+    EXPECT_EQ(made, 100);
+    EXPECT_EQ(create(store->root(), {"one more", {}}, file), EDQUOT);
+    EXPECT_EQ(makeDirectory(store->root(), "folder"), EDQUOT);
+    node.reset();
+    ASSERT_EQ(removeObject("o1"), 0);
+    EXPECT_EQ(makeDirectory(store->root(), "folder"), 0) << "room again";
+}
+
+TEST_F(StoreTest, OpenFilesOfAUserAreBounded) {
+    create("obj");
+    const std::shared_ptr<Node> object = node;
+    std::vector<std::unique_ptr<OpenFile>> files(1);
+    error = 0;
+    while (files.size() < 1000) {
+        error = open(object, {}, files.back(), {true, true, false, {1, 1, 1}});
+        if (error != 0) {
+            break;
+        }
+        files.emplace_back();
+    }
+    EXPECT_EQ(error, ENFILE);
+    EXPECT_EQ(files.size(), 101U);
+    EXPECT_EQ(open(object, {}, files.back(), {true, true, false, {2, 2, 2}}), 0) << "another user";
+}
+
+TEST_F(StoreTest, BytesOfAUserAreBoundedAndCountForWhoWroteThem) {
+    const std::string large = "a::" + std::string(60000, 'x') + "\n";
+    std::vector<std::unique_ptr<OpenFile>> files;
+    error = 0;
+    for (int i = 0; error == 0 && i < 100; ++i) {
+        files.push_back(create("o" + std::to_string(i)));
+        error = put(*files.back(), large, 5);
+    }
+    EXPECT_EQ(error, EDQUOT);
+    EXPECT_EQ(files.size(), 1000000 / large.size() + 1);
+    EXPECT_EQ(put(*files.back(), large, 6), 0) << "another user writes to the same object";
+    EXPECT_EQ(put(*files[0], "a::" + std::string(60000, 'y') + "\n", 5), 0)
+        << "no more than before";
+    EXPECT_EQ(put(*files[0], "-a\n", 5), 0);
+    EXPECT_EQ(put(*files[0], large, 5), 0) << "room again";
+}
+
+TEST_F(StoreTest, HalfReadTextIsSharedAndCountsOnceForItsUser) {
+    const auto file = create("obj");
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_EQ(put(*file, "a" + std::to_string(i) + "::" + std::string(50000, 'x') + "\n"), 0);
+    }
+    const std::shared_ptr<Node> object = node;
+    std::vector<std::unique_ptr<OpenFile>> readers;
+    std::string bytes;
+    for (int i = 0; i < 50; ++i) {
+        readers.emplace_back();
+        ASSERT_EQ(open(object, {}, readers.back()), 0);
+        ASSERT_EQ(readers.back()->read(7, 100, bytes), ReadOutcome::kBytes);
+    }
+    EXPECT_LT(accounts.held(7, Holding::kMemory), 260000U);
+    // Other versions are other texts.
+    int versions = 1;
+    for (ReadOutcome last = ReadOutcome::kBytes; last == ReadOutcome::kBytes && versions < 50;
+         ++versions) {
+        ASSERT_EQ(put(*file, "b::" + std::to_string(versions) + "\n"), 0);
+        last = readers[static_cast<std::size_t>(versions)]->read(7, 1U << 20, bytes);
+        ASSERT_EQ(last, ReadOutcome::kBytes) << "the rest of the first version";
+        last = readers[static_cast<std::size_t>(versions)]->read(7, 100, bytes);
+    }
+    EXPECT_EQ(versions, 4) << "two texts of 250,000 bytes fit beside the first";
+    readers.clear();
+    EXPECT_EQ(accounts.held(7, Holding::kMemory), 0U);
+}
+
+TEST_F(StoreTest, ListingIsSharedUntilTheFolderChanges) {
+    create("a");
+    std::shared_ptr<Charge> charge;
+    const auto first = store->list(*store->root(), 1, charge);
+    EXPECT_EQ(store->list(*store->root(), 2, charge), first);
+    const auto server = create("ipc?server");
+    const auto second = store->list(*store->root(), 1, charge);
+    EXPECT_NE(second, first);
+    EXPECT_EQ(second->entries.size(), first->entries.size() + 1);
 }

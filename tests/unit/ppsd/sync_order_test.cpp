@@ -29,28 +29,40 @@ std::string inTree(const std::string& path) {
     return path.starts_with(treeFolder + "/") ? path.substr(treeFolder.size() + 1) : path;
 }
 
+std::string pathOf(int fd) {
+    char path[PATH_MAX];
+    const ssize_t length =
+        readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
+    return length > 0 ? inTree(std::string(path, static_cast<std::size_t>(length))) : "nothing";
+}
+
+std::string entryOf(int folder, const char* name) {
+    const std::string path = pathOf(folder);
+    return path == "." ? name : path + "/" + name;
+}
+
+std::string bytes(off_t size) {
+    return " " + std::to_string(size) + " bytes";
+}
+
 std::string bytes(const std::string& text) {
-    return " " + std::to_string(text.size()) + " bytes";
+    return bytes(static_cast<off_t>(text.size()));
 }
 
 }  // namespace
 
 extern "C" int fsync(int fd) {
-    char path[PATH_MAX];
-    const ssize_t length =
-        readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
     struct stat status {};
-    if (length > 0 && fstat(fd, &status) == 0) {
-        steps.push_back(
-            "sync " + inTree(std::string(path, static_cast<std::size_t>(length))) +
-            (S_ISREG(status.st_mode) ? " " + std::to_string(status.st_size) + " bytes" : ""));
+    if (fstat(fd, &status) == 0) {
+        steps.push_back("sync " + pathOf(fd) +
+                        (S_ISREG(status.st_mode) ? bytes(status.st_size) : ""));
     }
     return static_cast<int>(syscall(SYS_fsync, fd));
 }
 
-extern "C" int rename(const char* from, const char* to) noexcept {
-    steps.push_back("rename " + inTree(from) + " to " + inTree(to));
-    return static_cast<int>(syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0));
+extern "C" int renameat(int fromFolder, const char* from, int toFolder, const char* to) noexcept {
+    steps.push_back("rename " + entryOf(fromFolder, from) + " to " + entryOf(toFolder, to));
+    return static_cast<int>(syscall(SYS_renameat2, fromFolder, from, toFolder, to, 0));
 }
 
 namespace {
@@ -64,7 +76,7 @@ class SyncOrder : public ::testing::Test {
     }
 
     const Metadata metadata{1, 2, 0640, {3, 4}};
-    const Record record{metadata, {{"a", "", "1"}}};
+    const Record record{metadata, "a::1\n"};
     ScratchRoot root;
     Disk disk{root.path("/store"), [](const std::string&) {}};
 };
@@ -111,4 +123,22 @@ TEST_F(SyncOrder, MovedObjectReachesItsNewFolderBeforeItLeavesTheOldOne) {
     steps.clear();
     ASSERT_EQ(disk.rename("one/obj", "two/obj"), 0);
     EXPECT_EQ(steps, (Steps{"rename one/obj to two/obj", "sync two", "sync one"}));
+}
+
+TEST_F(SyncOrder, ObjectsThatAreSavedTogetherShareTheSyncOfTheirFolder) {
+    ASSERT_EQ(disk.makeDirectory("folder", metadata), 0);
+    steps.clear();
+    std::vector<Disk::Save> saves{{"a", false, record, -1},
+                                  {"folder/b", false, record, -1},
+                                  {"c", false, record, -1},
+                                  {"folder", true, record, -1}};
+    disk.saveAll(saves);
+    for (const Disk::Save& save : saves) {
+        EXPECT_EQ(save.error, 0) << save.path;
+    }
+    const std::string size = bytes(encodeRecord(record));
+    EXPECT_EQ(steps, (Steps{"sync ?new" + size, "sync folder/?new1" + size, "sync ?new2" + size,
+                            "sync folder/?new3" + size, "rename ?new to a",
+                            "rename folder/?new1 to folder/b", "rename ?new2 to c",
+                            "rename folder/?new3 to folder/?dir", "sync .", "sync folder"}));
 }

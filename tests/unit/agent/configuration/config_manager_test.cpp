@@ -57,6 +57,16 @@ TEST_F(Config, WithoutAFileEveryKeyHasItsDefault) {
     EXPECT_EQ(config.getListenAddress(), "127.0.0.1");
     EXPECT_EQ(config.getPushTimeout(), 30);
     EXPECT_EQ(config.getHttpTimeout(), 0);
+    EXPECT_FALSE(config.isRulesSet());
+}
+
+TEST_F(Config, RulesAreSetByAValueAndTheLastLineCounts) {
+    EXPECT_TRUE(with("rules \nrules /etc/quilagent.rules\n").isRulesSet());
+    EXPECT_EQ(QuilConfigManager::getInstance()->getValue("rules"), "/etc/quilagent.rules");
+}
+
+TEST_F(Config, EmptyRulesAreNone) {
+    EXPECT_FALSE(with("rules /etc/quilagent.rules\nrules \n").isRulesSet());
 }
 
 TEST_F(Config, EveryKeyIsReadFromTheFile) {

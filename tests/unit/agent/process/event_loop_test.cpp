@@ -17,6 +17,7 @@
 #include "agent/clients/client_object.hpp"
 #include "agent/messages/message_queue.hpp"
 #include "agent/messages/reply_messages.hpp"
+#include "agent/requests/permissions.hpp"
 #include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/sessions/states/session_states.hpp"
@@ -45,6 +46,7 @@ class EventLoop : public ClientsTest {
         // As the served object: a read without a message does not wait.
         fcntl(clientDescriptor(), F_SETFL, O_RDWR | O_NONBLOCK);
         QuilDataManager::getInstance();
+        QuilPermissions::getInstance();
         clearRecordedLines();
         std::thread loop(quilAgentLoop);
         m_thread = loop.native_handle();
@@ -411,9 +413,10 @@ TEST_F(EventLoop, LostObjectServiceIsToldOnceAndAwaitedQuietly) {
     ASSERT_TRUE(waitForLogged(4, "quilAgentLoop: object service is back")) << recordedText();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1000));
     replaceDescriptor();
-    EXPECT_TRUE(waitForLogged(
-        5, "Save: Wrote " + std::to_string(readFile(kSaved).size()) + " bytes to pps."))
-        << recordedText();
+    EXPECT_TRUE(waitUntil([this] {
+        const std::string size = std::to_string(readFile(kSaved).size());
+        return wasLogged(5, "Save: Wrote " + size + " bytes to pps.");
+    })) << recordedText();
     EXPECT_EQ(countRecorded(3, lost), 1);
     // The application is back, and gets what waited for it.
     sendRequest(

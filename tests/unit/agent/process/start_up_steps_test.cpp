@@ -12,6 +12,7 @@
 
 #include "agent/configuration/config_manager.hpp"
 #include "agent/process/start_up.hpp"
+#include "agent/requests/permissions.hpp"
 #include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/support/log.hpp"
@@ -20,7 +21,7 @@
 
 namespace {
 
-enum class Missing { Nothing, Config, Data, Sessions };
+enum class Missing { Nothing, Config, Permissions, Data, Sessions };
 Missing g_missing = Missing::Nothing;
 int g_report = -1;
 
@@ -106,6 +107,8 @@ class Main : public ::testing::Test {
 extern "C" {
 QuilConfigManager* __real__ZN17QuilConfigManager11getInstanceEv();
 QuilConfigManager* __wrap__ZN17QuilConfigManager11getInstanceEv();
+QuilPermissions* __real__ZN15QuilPermissions11getInstanceEv();
+QuilPermissions* __wrap__ZN15QuilPermissions11getInstanceEv();
 QuilDataManager* __real__ZN15QuilDataManager11getInstanceEv();
 QuilDataManager* __wrap__ZN15QuilDataManager11getInstanceEv();
 QuilSessionManager* __real__ZN18QuilSessionManager11getInstanceEv();
@@ -115,6 +118,10 @@ void __wrap__Z14httpSetTimeouti(int seconds);
 
 QuilConfigManager* __wrap__ZN17QuilConfigManager11getInstanceEv() {
     return g_missing == Missing::Config ? nullptr : __real__ZN17QuilConfigManager11getInstanceEv();
+}
+QuilPermissions* __wrap__ZN15QuilPermissions11getInstanceEv() {
+    return g_missing == Missing::Permissions ? nullptr
+                                             : __real__ZN15QuilPermissions11getInstanceEv();
 }
 QuilDataManager* __wrap__ZN15QuilDataManager11getInstanceEv() {
     return g_missing == Missing::Data ? nullptr : __real__ZN15QuilDataManager11getInstanceEv();
@@ -193,6 +200,18 @@ TEST_F(Main, NoConfigurationManagerIsAnError) {
     const Outcome outcome = run({"-vv"}, Missing::Config);
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.log, "2 Init Configuration Manager failed.\n");
+}
+
+// Without them everybody might act for everything.
+TEST_F(Main, NoPermissionsAreAnErrorBeforeTheChangeOfUser) {
+    m_root.makeQuietPlatform();
+    const Outcome outcome = run({"-vv", "-U", "no-such-user"}, Missing::Permissions);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(stepsOf(outcome.log),
+              "5 looking for [imsi]\n"
+              "5 Initialize Configuration Manager - done.\n"
+              "6 Push Agent 5.0.0\n"
+              "2 Init Permissions failed.\n");
 }
 
 TEST_F(Main, NoDataManagerIsAnError) {

@@ -1,0 +1,443 @@
+// What one user does to the object service and what another notices of it. The attacker and the
+// innocent are children that become those users.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/integration/other_user.hpp"
+#include "tests/integration/pps_files.hpp"
+#include "tests/support/ppsd_mount.hpp"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Milliseconds = std::chrono::duration<double, std::milli>;
+
+constexpr int kCreate = O_RDWR | O_CREAT;
+constexpr std::size_t kMebibyte = 1024 * 1024;
+constexpr uid_t kAttacker = kOther;
+constexpr uid_t kInnocent = kThird;
+
+// Instrumented programs take their own memory and time.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kIsInstrumented = true;
+#else
+constexpr bool kIsInstrumented = false;
+#endif
+
+std::string line(std::size_t size) {
+    return "a::" + std::string(size - 4, 'x') + "\n";
+}
+
+// A served object that echoes, and a child that is its server until it is ended.
+class PpsdAttack : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        QUIL_SKIP_WITHOUT_FUSE();
+        QUIL_SKIP_UNLESS_ROOT();
+    }
+    void TearDown() override {
+        for (const pid_t child : m_children) {
+            kill(child, SIGKILL);
+            waitpid(child, nullptr, 0);
+        }
+    }
+
+    void startService(const std::vector<std::string>& arguments = {}) {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+        ASSERT_TRUE(m_ppsd.start(arguments)) << m_ppsd.output();
+        ASSERT_EQ(chmod(path("").c_str(), 0755), 0);
+        for (const uid_t user : {kAttacker, kInnocent}) {
+            const std::string folder = path("/" + std::to_string(user));
+            ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
+            ASSERT_EQ(chown(folder.c_str(), user, user), 0);
+        }
+    }
+    void startEcho() {
+        m_server = PpsFile(path("/ipc?server"), kCreate);
+        ASSERT_EQ(m_server.error(), 0);
+        ASSERT_EQ(chmod(path("/ipc").c_str(), 0666), 0);
+        start(0, [this] { return echo(); });
+    }
+    int echo() {
+        pollfd source{m_server.fd(), POLLIN, 0};
+        for (;;) {
+            poll(&source, 1, -1);
+            const std::string message = m_server.read();
+            if (message.starts_with("@")) {
+                m_server.write(message.substr(0, message.find('\n') + 1) + "echo::1\n");
+            }
+        }
+    }
+    void start(uid_t user, const std::function<int()>& action) {
+        m_children.push_back(startAs(user, action));
+    }
+
+    std::string path(const std::string& name) const { return m_ppsd.path(name); }
+    std::string own(uid_t user, const std::string& name) const {
+        return path("/" + std::to_string(user) + name);
+    }
+
+    // The longest of so many requests of the innocent, 10 ms apart, in milliseconds; 250 for more
+    // than that or for none at all.
+    int slowestRequest(int requests = 100) const {
+        return asOther(
+            [&] {
+                const PpsFile client(path("/ipc"), O_RDWR);
+                double slowest = client.error() == 0 ? 0 : 250;
+                for (int i = 0; i < requests && slowest < 250; ++i) {
+                    const auto begin = Clock::now();
+                    pollfd source{client.fd(), POLLIN, 0};
+                    if (client.write("ask::1\n") != 0 || poll(&source, 1, 5000) != 1 ||
+                        client.read().empty()) {
+                        return 250;
+                    }
+                    slowest = std::max(slowest, Milliseconds(Clock::now() - begin).count());
+                    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                }
+                return static_cast<int>(std::min(slowest, 250.0));
+            },
+            kInnocent);
+    }
+
+    // What the service has in memory now.
+    std::size_t residentBytes() const {
+        std::ifstream status("/proc/" + std::to_string(m_ppsd.pid()) + "/statm");
+        std::size_t pages = 0;
+        status >> pages >> pages;
+        return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    }
+
+    ScratchRoot m_root;
+    PpsdMount m_ppsd{m_root};
+    PpsFile m_server{"", O_RDWR};
+    std::vector<pid_t> m_children;
+};
+
+// Bounds that an idle machine keeps ten times over, and an unfair service misses by as much.
+constexpr int kFairMilliseconds = kIsInstrumented ? 245 : 150;
+
+}  // namespace
+
+TEST_F(PpsdAttack, TwoThousandHalfReadDescriptorsShareOneText) {
+    startService();
+    PpsFile object(path("/large"), kCreate);
+    for (int i = 0; i < 16; ++i) {
+        ASSERT_EQ(object.write("a" + std::to_string(i) + "::" + std::string(64000, 'x') + "\n"), 0);
+    }
+    ASSERT_EQ(chmod(path("/large").c_str(), 0644), 0);
+    const std::size_t before = residentBytes();
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    start(kAttacker, [&] {
+        std::vector<PpsFile> readers;
+        char opened = 'y';
+        for (int i = 0; i < 2000; ++i) {
+            readers.emplace_back(path("/large"), O_RDONLY);
+            opened = readers.back().read(100).size() == 100 ? opened : 'n';
+        }
+        return write(ends[1], &opened, 1) == 1 ? pause() : 1;
+    });
+    char opened = 0;
+    ASSERT_EQ(read(ends[0], &opened, 1), 1);
+    EXPECT_EQ(opened, 'y');
+    if (!kIsInstrumented) {
+        EXPECT_LT(residentBytes(), before + 10 * kMebibyte);
+    }
+}
+
+TEST_F(PpsdAttack, QueuesOfAThousandClientsAreHeldToTheShareOfTheirUser) {
+    startService();
+    PpsFile server(path("/ipc?server"), kCreate);
+    ASSERT_EQ(chmod(path("/ipc").c_str(), 0666), 0);
+    const std::size_t before = residentBytes();
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    start(kAttacker, [&] {
+        std::vector<PpsFile> clients;
+        for (int i = 0; i < 1000; ++i) {
+            clients.emplace_back(path("/ipc"), O_RDWR);
+        }
+        return write(ends[1], "y", 1) == 1 ? pause() : 1;
+    });
+    char byte = 0;
+    ASSERT_EQ(read(ends[0], &byte, 1), 1);
+    const std::string text = line(64 * 1024);
+    int taken = 0;
+    for (std::string notice = server.read(); !notice.empty(); notice = server.read()) {
+        const std::string tag = notice.substr(1, notice.find('\n'));
+        for (int i = 0; i < 16; ++i) {
+            taken += server.write(tag + text) == 0 ? 1 : 0;
+        }
+    }
+    EXPECT_LE(static_cast<std::size_t>(taken) * text.size(), 16 * kMebibyte);
+    EXPECT_GE(static_cast<std::size_t>(taken) * text.size(), 14 * kMebibyte);
+    if (!kIsInstrumented) {
+        EXPECT_LT(residentBytes(), before + 24 * kMebibyte);
+    }
+    PpsFile present(path("/ipc"), O_RDWR);
+    const std::string notice = server.read();
+    EXPECT_EQ(server.write(notice.substr(1, notice.find('\n')) + text), 0) << "another user";
+}
+
+TEST_F(PpsdAttack, ThreeStormsOfOpeningDelayNobodyElse) {
+    startService();
+    startEcho();
+    for (int i = 0; i < 3; ++i) {
+        start(kAttacker, [this] {
+            for (;;) {
+                PpsFile(path("/ipc"), O_RDWR).write("storm::1\n");
+            }
+            return 0;
+        });
+    }
+    EXPECT_LT(slowestRequest(), kFairMilliseconds);
+}
+
+TEST_F(PpsdAttack, WritersOnASlowDiskDelayNoServedObject) {
+    m_ppsd.preload("slow_sync");
+    setenv("QUIL_SYNC_MILLISECONDS", "30", 1);
+    startService();
+    startEcho();
+    for (int i = 0; i < 10; ++i) {
+        start(kAttacker, [this, i] {
+            PpsFile object(own(kAttacker, "/o" + std::to_string(i)), kCreate);
+            for (int n = 0;; ++n) {
+                object.write("n:n:" + std::to_string(n) + "\n");
+            }
+            return 0;
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_LT(slowestRequest(), kFairMilliseconds);
+}
+
+TEST_F(PpsdAttack, WritersOnASlowDiskLeaveAnotherUserItsTurns) {
+    m_ppsd.preload("slow_sync");
+    setenv("QUIL_SYNC_MILLISECONDS", "10", 1);
+    startService();
+    for (int i = 0; i < 20; ++i) {
+        start(kAttacker, [this, i] {
+            PpsFile object(own(kAttacker, "/o" + std::to_string(i)), kCreate);
+            for (int n = 0;; ++n) {
+                object.write("n:n:" + std::to_string(n) + "\n");
+                mkdir(own(kAttacker, "/d" + std::to_string(i)).c_str(), 0755);
+                rmdir(own(kAttacker, "/d" + std::to_string(i)).c_str());
+            }
+            return 0;
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const int slowest = asOther(
+        [this] {
+            PpsFile object(own(kInnocent, "/mine"), kCreate);
+            double longest = 0;
+            for (int n = 0; n < 5; ++n) {
+                const auto begin = Clock::now();
+                if (object.write("n:n:" + std::to_string(n) + "\n") != 0) {
+                    return 250;
+                }
+                longest = std::max(longest, Milliseconds(Clock::now() - begin).count());
+            }
+            return static_cast<int>(std::min(longest / 10, 250.0));
+        },
+        kInnocent);
+    EXPECT_LT(slowest, 100) << "hundredths of a second; its own writes take two syncs each";
+}
+
+TEST_F(PpsdAttack, TenThousandPolledDescriptorsOfAnObjectThatChangesDelayNobodyElse) {
+    startService();
+    startEcho();
+    start(kAttacker, [this] {
+        PpsFile object(own(kAttacker, "/watched"), kCreate);
+        std::vector<PpsFile> watchers;
+        const int set = epoll_create1(EPOLL_CLOEXEC);
+        for (int i = 0; i < 10000; ++i) {
+            watchers.emplace_back(own(kAttacker, "/watched"), O_RDONLY);
+            epoll_event event{EPOLLIN | EPOLLET, {nullptr}};
+            epoll_ctl(set, EPOLL_CTL_ADD, watchers.back().fd(), &event);
+        }
+        std::vector<epoll_event> events(10000);
+        for (int n = 0;; ++n) {
+            object.write("n:n:" + std::to_string(n) + "\n");
+            epoll_wait(set, events.data(), static_cast<int>(events.size()), 0);
+        }
+        return 0;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_LT(slowestRequest(), kFairMilliseconds);
+}
+
+TEST_F(PpsdAttack, WriterWithManyThreadsWaitingForTheDiskIsHeldToItsShareOfMemory) {
+    m_ppsd.preload("slow_sync");
+    setenv("QUIL_SYNC_MILLISECONDS", "30", 1);
+    startService({"--user-memory", "300000"});
+    const int result = asOther([this] {
+        std::vector<std::thread> writers;
+        std::atomic<int> refused = 0;
+        std::atomic<int> taken = 0;
+        for (int i = 0; i < 20; ++i) {
+            writers.emplace_back([&, i] {
+                PpsFile object(own(kAttacker, "/o" + std::to_string(i)), kCreate);
+                const int error = object.write(line(60000));
+                refused += error == ENOBUFS ? 1 : 0;
+                taken += error == 0 ? 1 : 0;
+            });
+        }
+        for (std::thread& writer : writers) {
+            writer.join();
+        }
+        return refused + taken == 20 && taken > 0 ? 0 : 1;
+    });
+    EXPECT_EQ(result, 0);
+}
+
+TEST_F(PpsdAttack, FilesObjectsAndBytesOfOneUserEndWithItsShares) {
+    startService({"--user-files", "50", "--user-objects", "20", "--user-store", "100000"});
+    const auto openMany = [this](uid_t user) {
+        return asOther(
+            [&] {
+                std::vector<PpsFile> files;
+                PpsFile(own(user, "/obj"), kCreate);
+                for (int i = 0; i < 100; ++i) {
+                    files.emplace_back(own(user, "/obj"), O_RDONLY);
+                    if (files.back().error() != 0) {
+                        return files.back().error() == ENFILE ? i : 200;
+                    }
+                }
+                return 100;
+            },
+            user);
+    };
+    EXPECT_EQ(openMany(kAttacker), 50);
+    EXPECT_EQ(openMany(kInnocent), 50);
+    const auto makeMany = [this](uid_t user) {
+        return asOther(
+            [&] {
+                for (int i = 0; i < 100; ++i) {
+                    const int error =
+                        PpsFile(own(user, "/new" + std::to_string(i)), kCreate).error();
+                    if (error != 0) {
+                        return error == EDQUOT ? i : 200;
+                    }
+                }
+                return 100;
+            },
+            user);
+    };
+    EXPECT_EQ(makeMany(kAttacker), 19) << "one is there already";
+    EXPECT_EQ(makeMany(kInnocent), 19);
+    const auto fill = [this](uid_t user) {
+        return asOther(
+            [&] {
+                PpsFile object(own(user, "/obj"), O_RDWR);
+                const int first = object.write(line(60000));
+                return first == 0 ? object.write("b::" + std::string(60000, 'y') + "\n") : 200;
+            },
+            user);
+    };
+    EXPECT_EQ(fill(kAttacker), EDQUOT);
+    EXPECT_EQ(fill(kInnocent), EDQUOT);
+    EXPECT_EQ(PpsFile(path("/roots"), kCreate).write(line(60000)), 0);
+}
+
+// Root has no share that would stop it.
+TEST_F(PpsdAttack, WantOfMemoryIsTheErrorOfWhoeverAskedAndTheServiceLives) {
+    if (kIsInstrumented) {
+        GTEST_SKIP() << "NOT TESTED: a sanitizer has its own ends of memory";
+    }
+    startService();
+    PpsFile server(path("/ipc?server"), kCreate);
+    ASSERT_EQ(chmod(path("/ipc").c_str(), 0666), 0);
+    std::ifstream statm("/proc/" + std::to_string(m_ppsd.pid()) + "/statm");
+    rlim_t pages = 0;
+    statm >> pages;
+    const rlim_t most = pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + 64 * kMebibyte;
+    const rlimit limit{most, most};
+    ASSERT_EQ(prlimit(m_ppsd.pid(), RLIMIT_AS, &limit, nullptr), 0);
+    std::vector<PpsFile> clients;
+    int error = 0;
+    for (int i = 0; i < 500 && error != ENOMEM; ++i) {
+        clients.emplace_back(path("/ipc"), O_RDWR);
+        error = clients.back().error();
+        for (int n = 0; n < 4 && error == 0; ++n) {
+            error = clients.back().write(line(200 * 1024));
+        }
+    }
+    EXPECT_EQ(error, ENOMEM);
+    clients.clear();
+    int messages = 0;
+    for (std::string message = server.read(); !message.empty(); message = server.read()) {
+        messages += message.front() == '@' ? 1 : 0;
+    }
+    EXPECT_GT(messages, 50);
+    EXPECT_EQ(PpsFile(path("/ipc"), O_RDWR).write(line(200 * 1024)), 0) << "room again";
+    EXPECT_EQ(PpsFile(path("/obj"), kCreate).write("a::1\n"), 0);
+}
+
+TEST_F(PpsdAttack, NamesThatAreServedOnceAndNeverAgainLeaveNothing) {
+    startService();
+    const auto serveMany = [this](int first) {
+        return asOther([&] {
+            for (int i = first; i < first + 5000; ++i) {
+                const std::string name = own(kAttacker, "/n" + std::to_string(i));
+                PpsFile server(name + "?server", kCreate);
+                PpsFile client(name + "?wait,delta", O_RDWR);
+                if (server.error() != 0 || client.error() != 0) {
+                    return 1;
+                }
+            }
+            return 0;
+        });
+    };
+    ASSERT_EQ(serveMany(0), 0);
+    const std::size_t before = residentBytes();
+    ASSERT_EQ(serveMany(5000), 0);
+    ASSERT_EQ(serveMany(10000), 0);
+    if (!kIsInstrumented) {
+        EXPECT_LT(residentBytes(), before + kMebibyte) << "ten thousand names";
+    }
+}
+
+TEST_F(PpsdAttack, ManyFoldersThatAreListedAtOnceShareTheirListing) {
+    startService();
+    ASSERT_EQ(asOther([this] {
+                  for (int i = 0; i < 300; ++i) {
+                      PpsFile(own(kAttacker, "/object" + std::to_string(i)), kCreate);
+                  }
+                  return 0;
+              }),
+              0);
+    const std::size_t before = residentBytes();
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    start(kAttacker, [&] {
+        std::vector<int> folders;
+        for (int i = 0; i < 2000; ++i) {
+            folders.push_back(open(own(kAttacker, "").c_str(), O_RDONLY | O_DIRECTORY));
+        }
+        return write(ends[1], "y", 1) == 1 ? pause() : 1;
+    });
+    char byte = 0;
+    ASSERT_EQ(read(ends[0], &byte, 1), 1);
+    if (!kIsInstrumented) {
+        EXPECT_LT(residentBytes(), before + 4 * kMebibyte);
+    }
+}
