@@ -641,6 +641,7 @@ TEST_F(EventLoop, TimeInWhichPushesCouldNotBeSeenToIsAddedOnce) {
     writeFile("/pps/services/push/ipc?server", "");
     ASSERT_TRUE(waitForLogged(4, "quilAgentLoop: object service is back"));
     replaceDescriptor();
+    sendRequest(golden("requests_client_connected.txt"));  // it may be reading already
     gate.reset();
     const double held = seconds();
     EXPECT_TRUE(waitForLogged(
