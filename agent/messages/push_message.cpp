@@ -30,6 +30,11 @@ int shown(std::size_t position) {
     return position == std::string_view::npos ? -1 : static_cast<int>(position);
 }
 
+void logIgnored(const std::string& token) {
+    QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: colon_pos %d\n", -1);
+    QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: Ignoring %s since : not found", token.c_str());
+}
+
 // Part of the id of a push that came without one. Seeded anew only in another second, so that two
 // pushes within one second have two ids. Called on the main thread alone.
 int nextRandomNumber() {
@@ -99,7 +104,19 @@ void QuilPushMessage::setPayload(const char* bytes, int n) {
 bool QuilPushMessage::hasMoreData() const {
     QUIL_LOG(LOG_LEVEL_DEBUG, "hasMoreData: m_contentLength[%d] m_dataLength[%d]", m_contentLength,
              m_dataLength);
+    return isShort();
+}
+
+// Whether its data part has begun and is shorter than announced.
+bool QuilPushMessage::isShort() const {
     return m_contentLength >= 1 && m_dataLength >= 1 && m_dataLength < m_contentLength;
+}
+
+// A push that broke off is handed on as it is, unless it did because no more can be held: that one
+// is too large.
+bool QuilPushMessage::isDataHeld() const {
+    return m_dataPosition >= 0 && m_dataLength >= 0 &&
+           m_dataLength <= getPayloadLength() - m_dataPosition && !(isPayloadFull() && isShort());
 }
 
 void QuilPushMessage::parsePayload() {
@@ -117,8 +134,12 @@ void QuilPushMessage::parsePayload() {
                  static_cast<int>(token.size()));
         if (lineEnd == std::string_view::npos) {
             // Without its line end the rest is no line yet, neither a header nor the end of the
-            // header block.
-            QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: Ignoring %s since : not found", token.c_str());
+            // header block: it is passed over as a line without a colon.
+            QUIL_LOG(LOG_LEVEL_DEBUG, "header done [%d]\n", 0);
+            logIgnored(token);
+            current = static_cast<std::size_t>(getPayloadLength());
+            QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: cur_pos %d newline_pos %d done = %d\n",
+                     static_cast<int>(current), shown(lineEnd), 1);
             break;
         }
         const bool isEmptyLine = token.size() == 1;
@@ -160,11 +181,11 @@ void QuilPushMessage::endHeaderBlock(int position) {
 
 void QuilPushMessage::parseHeader(const std::string& token) {
     const std::size_t colon = token.find(':');
-    QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: colon_pos %d\n", shown(colon));
     if (colon == std::string::npos) {
-        QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: Ignoring %s since : not found", token.c_str());
+        logIgnored(token);
         return;
     }
+    QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: colon_pos %d\n", shown(colon));
     const std::string name = colon == 0 ? "" : token.substr(1, colon - 1);
     const std::string value = token.substr(colon + 1);
     QUIL_LOG(LOG_LEVEL_DEBUG, "parsePayload: name is [%s]\n", name.c_str());
@@ -181,9 +202,7 @@ void QuilPushMessage::parseHeader(const std::string& token) {
 void QuilPushMessage::createData() {
     char text[kBase64Bytes] = {};
     int length = -1;
-    const bool isHeld = m_dataPosition >= 0 && m_dataLength >= 0 &&
-                        m_dataLength <= getPayloadLength() - m_dataPosition;
-    if (isHeld) {
+    if (isDataHeld()) {
         const auto* data = reinterpret_cast<const unsigned char*>(m_payload.data());
         length = b64_ntop(data + m_dataPosition, static_cast<std::size_t>(m_dataLength), text,
                           sizeof text);

@@ -28,7 +28,8 @@ class QuilPushMessage : public QuilBaseMessage {
     bool hasMoreData() const;
     bool isPayloadFull() const { return getPayloadLength() == PUSH_PAYLOAD_BYTES; }
     // Turns the data part into base64. A push without a data part, or with one that is not held
-    // completely or that does not fit, gets RESULT_PUSH_NOT_ENCODABLE.
+    // completely, that does not fit, or that goes on beyond a full payload, gets
+    // RESULT_PUSH_NOT_ENCODABLE.
     void createData();
     bool addData(pps_encoder_t* encoder) const override;
 
@@ -50,6 +51,8 @@ class QuilPushMessage : public QuilBaseMessage {
     void parsePayload();
     void parseHeader(const std::string& token);
     void endHeaderBlock(int position);
+    bool isShort() const;
+    bool isDataHeld() const;
     void copyPayload(const char* bytes, int n);
     void copyHttpHeaders(const QuilPushMessage& other);
     void freeHttpHeaders();

@@ -12,6 +12,8 @@
 #include "agent/messages/message_queue.hpp"
 #include "agent/messages/push_message.hpp"
 #include "agent/messages/reply_messages.hpp"
+#include "agent/pushes/dead_senders.hpp"
+#include "agent/pushes/parked_pushes.hpp"
 #include "agent/pushes/push_delivery.hpp"
 #include "agent/registration/server_registration.hpp"
 #include "agent/requests/request_completion.hpp"
@@ -33,6 +35,11 @@ QuilMutex& handlerLock() {
 // make the agent hold memory for ever.
 constexpr std::size_t kUndispatchedNodesKept = 32;
 
+enum class NodeOutcome {
+    Done,         // the node has been dealt with
+    AwaitsClient  // a push that its application is to be told of when it is back; the node stays
+};
+
 void retain(std::unique_ptr<QuilMessageNode> node) {
     using Nodes = std::array<std::unique_ptr<QuilMessageNode>, kUndispatchedNodesKept>;
     static auto* const retained = new Nodes();
@@ -48,7 +55,7 @@ void handleRegistration(QuilBaseMessage* message, bool isRegister) {
         return;
     }
     // It needs descriptors of its own, which those who are gone may hold.
-    QuilSessionManager::getInstance()->lookForDeadPushSockets();
+    lookForDeadSenders();
     if (isRegister) {
         processServerRegister(*request);
         addCreateChannelCompletedMessage(*request);
@@ -126,9 +133,8 @@ NodeOutcome handle(std::unique_ptr<QuilMessageNode>* node) {
     return dispatch(**node, std::move(copy));
 }
 
-}  // namespace
-
-NodeOutcome handleNode(std::unique_ptr<QuilMessageNode>* node) {
+// Handles the node; destroys it unless it awaits its application's client.
+NodeOutcome handleAlone(std::unique_ptr<QuilMessageNode>* node) {
     const int type = (*node)->getType();
     NodeOutcome outcome = NodeOutcome::Done;
     try {
@@ -142,4 +148,57 @@ NodeOutcome handleNode(std::unique_ptr<QuilMessageNode>* node) {
         node->reset();
     }
     return outcome;
+}
+
+// Whether it is time, after a message of that type, for the application's parked pushes: it has
+// been told that it has a session again, or has no channel any more, and they are closed.
+bool arePushesDue(int type, const std::string& appId) {
+    if (type == MESSAGE_CREATE_SESSION_COMPLETE) {
+        return true;
+    }
+    if (type != MESSAGE_DESTROY_CHANNEL_COMPLETE || !ParkedPushes::getInstance()->hasAny(appId)) {
+        return false;
+    }
+    const QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId(appId);
+    return session == nullptr || !session->isRegistered();
+}
+
+}  // namespace
+
+void handleNode(std::unique_ptr<QuilMessageNode>* node) {
+    ParkedPushes* parked = ParkedPushes::getInstance();
+    const int type = (*node)->getType();
+    std::string appId;
+    bool isParked = false;
+    try {
+        appId = (*node)->getMessage() == nullptr ? "" : (*node)->getMessage()->getName();
+        isParked = type == MESSAGE_PUSH && parked->hasAny(appId);
+    } catch (...) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]",
+                 type);
+        closeConnectionOf(**node);
+        node->reset();
+        return;
+    }
+    // Behind those that came before it, or because its application is away.
+    if (isParked || handleAlone(node) == NodeOutcome::AwaitsClient) {
+        parked->park(std::move(*node));
+    } else if (arePushesDue(type, appId)) {
+        deliverParkedPushes(appId);
+    }
+}
+
+void handleOutOfTurn(std::unique_ptr<QuilMessageNode>* node) {
+    handleAlone(node);
+}
+
+void deliverParkedPushes(const std::string& appId) {
+    ParkedPushes* parked = ParkedPushes::getInstance();
+    for (ParkedPushes::Parked next = parked->takeFirst(appId); next.node != nullptr;
+         next = parked->takeFirst(appId)) {
+        if (handleAlone(&next.node) == NodeOutcome::AwaitsClient) {
+            parked->putBack(std::move(next));
+            return;
+        }
+    }
 }

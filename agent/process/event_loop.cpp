@@ -45,6 +45,7 @@ int g_clientDescriptor = -1;
 QuilSessionManager* g_sessions = nullptr;
 int g_pipeReadEnd = -1;  // of the wake-up
 int g_intake = -1;       // of set-aside connections
+std::optional<std::chrono::steady_clock::time_point> g_heldSince;
 
 bool isWatchable(int descriptor) {
     return descriptor >= kLowestDescriptor && descriptor <= kHighestDescriptor;
@@ -122,15 +123,16 @@ class Room {
     bool m_isQueueCrowded;
 };
 
-// Set-aside connections are not to pay for the time in which nobody could see to them.
-void postponeWhatIsHeldBack(const Room& room) {
-    static std::optional<std::chrono::steady_clock::time_point> heldSince;
-    const auto now = std::chrono::steady_clock::now();
-    if (!room.forPushes()) {
-        heldSince = heldSince.value_or(now);
-    } else if (heldSince) {
-        postponePushIntake(now - *heldSince);
-        heldSince.reset();
+// Set-aside connections are not to pay for the time in which nobody could see to them. It begins
+// when pushes are held back, or when the object service is lost, and ends when both are over.
+void beginHold() {
+    g_heldSince = g_heldSince.value_or(std::chrono::steady_clock::now());
+}
+
+void endHold() {
+    if (g_heldSince) {
+        postponePushIntake(std::chrono::steady_clock::now() - *g_heldSince);
+        g_heldSince.reset();
     }
 }
 
@@ -194,7 +196,7 @@ bool buildSet(const std::vector<QuilPort*>& ports, DescriptorSet* set) {
     if (room.forPushes() && isWatchable(g_intake)) {
         set->add(g_intake);
     }
-    postponeWhatIsHeldBack(room);
+    room.forPushes() ? endHold() : beginHold();
     if (!isWatchable(g_clientDescriptor)) {
         QUIL_LOG(LOG_LEVEL_ERROR, "QuilAgent: invalid client file descriptor %d",
                  g_clientDescriptor);
@@ -227,7 +229,7 @@ void waitForEvents(DescriptorSet* set) {
 
 void servePorts(const std::vector<QuilPort*>& ports, const DescriptorSet& set) {
     for (QuilPort* port : ports) {
-        if (!set.has(port->getSocket())) {
+        if (!set.has(port->getSocket()) || isPushIntakePaused()) {
             continue;
         }
         try {
@@ -271,11 +273,10 @@ void awaitObjectService(int error) {
     QuilPermissions::getInstance()->forgetConnections();
     endServiceLife();
     flushLogEcho();
-    const auto lost = std::chrono::steady_clock::now();
+    beginHold();
     do {
         std::this_thread::sleep_for(kPause);
     } while (!isObjectServiceBack());
-    postponePushIntake(std::chrono::steady_clock::now() - lost);
     g_clientWatch.watch(g_clientDescriptor);
     QUIL_LOG(LOG_LEVEL_NOTICE, "quilAgentLoop: object service is back");
     try {

@@ -10,14 +10,14 @@
 #include <cstddef>
 #include <exception>
 #include <new>
-#include <stdexcept>
 #include <utility>
 
+#include "agent/messages/message_factory.hpp"
 #include "agent/messages/message_queue.hpp"
 #include "agent/messages/reply_messages.hpp"
 #include "agent/process/dispatch.hpp"
+#include "agent/requests/request_completion.hpp"
 #include "agent/support/log.hpp"
-#include "agent/support/service_life.hpp"
 #include "agent/support/wake_up.hpp"
 
 namespace {
@@ -26,15 +26,40 @@ bool beginsExchange(const QuilMessageNode& node) {
     return node.getType() == MESSAGE_SERVER_REGISTER || node.getType() == MESSAGE_SERVER_DEREGISTER;
 }
 
+// A completion; an application that is refused its "createChannel" gets a message of the same type,
+// with a code.
 bool endsExchange(const QuilMessageNode& node) {
-    return node.getType() == MESSAGE_CREATE_CHANNEL_COMPLETE ||
+    return (node.getType() == MESSAGE_CREATE_CHANNEL_COMPLETE &&
+            node.getMessage()->getErrorCode() == RESULT_OK) ||
            node.getType() == MESSAGE_DESTROY_CHANNEL_COMPLETE;
 }
 
-// The answer to a "createSession" of the present life of the object service.
-bool isPresentAnswer(const std::unique_ptr<QuilMessageNode>& node) {
-    return node->getType() == MESSAGE_CREATE_SESSION_COMPLETE && node->getMessage() != nullptr &&
-           node->getMessage()->getLife() == serviceLife();
+// Of a node and its message, beside the texts in it.
+constexpr std::size_t kNodeBytes = 320;
+
+// What a request makes its lane hold. Nothing for pushes, whose ports are left alone when there are
+// many, and for what ends an exchange, which is one for each that was begun.
+std::size_t bytesOfRequest(const QuilMessageNode& node) {
+    const QuilBaseMessage* message = node.getMessage();
+    if (message == nullptr || node.getType() == MESSAGE_PUSH || endsExchange(node)) {
+        return 0;
+    }
+    return kNodeBytes + message->getName().size() + message->getId().size() +
+           message->getClientId().size() + message->getArgument().size();
+}
+
+// An exchange that there is no room for has failed before it began.
+void refuseExchange(const QuilMessageNode& node) {
+    const QuilBaseMessage& request = *node.getMessage();
+    const bool isRegistration = node.getType() == MESSAGE_SERVER_REGISTER;
+    std::unique_ptr<QuilBaseMessage> answer = QuilMessageFactory::getInstance()->createMessage(
+        isRegistration ? MESSAGE_CREATE_CHANNEL_COMPLETE : MESSAGE_DESTROY_CHANNEL_COMPLETE,
+        request.getName(), request.getId(), request.getClientId());
+    answer->setLife(request.getLife());
+    if (!isRegistration) {  // a failed creation is known by its empty token
+        answer->setErrorCode(RESULT_INTERNAL_FAILURE);
+    }
+    sendCallbackResponse(std::move(answer));
 }
 
 std::string appIdOf(const QuilMessageNode& node) {
@@ -72,9 +97,19 @@ QuilExchanges::QuilExchanges() {
 
 bool QuilExchanges::take(std::unique_ptr<QuilMessageNode>* node) {
     const bool begins = beginsExchange(**node);
+    std::size_t newlyFull = 0;
+    Appended appended = Appended::Yes;
     try {
-        if (!append(node)) {
-            return false;
+        appended = append(node, &newlyFull);
+        if (newlyFull > 0) {
+            QUIL_LOG(LOG_LEVEL_WARNING,
+                     "msgHandler: app id [%s]: %d messages wait for its push data server, further "
+                     "requests do not wait for their turn",
+                     appIdOf(**node).c_str(), static_cast<int>(newlyFull));
+        }
+        if (appended == Appended::NoRoom) {
+            answerPastLane(node);
+            return true;
         }
     } catch (const std::exception& thrown) {
         QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]: %s",
@@ -83,37 +118,66 @@ bool QuilExchanges::take(std::unique_ptr<QuilMessageNode>* node) {
         node->reset();
         return true;
     }
-    if (begins) {
+    if (appended == Appended::Yes && begins) {
         startThread();
     }
-    return true;
+    return appended == Appended::Yes;
 }
 
-// Puts the node into its application's lane; makes one when it begins an exchange. False when there
-// is no lane for it.
-bool QuilExchanges::append(std::unique_ptr<QuilMessageNode>* node) {
+// For what there is no room for in its application's lane.
+void QuilExchanges::answerPastLane(std::unique_ptr<QuilMessageNode>* node) {
+    if (beginsExchange(**node)) {
+        refuseExchange(**node);
+        node->reset();
+        return;
+    }
+    const bool hasReturned = (*node)->getType() == MESSAGE_CREATE_SESSION_COMPLETE;
     const std::string appId = appIdOf(**node);
+    handleOutOfTurn(node);
+    if (!hasReturned) {
+        return;
+    }
+    {
+        const QuilLock lock(m_lock);
+        const auto found = m_lanes.find(appId);
+        if (found != m_lanes.end()) {
+            found->second.hasReturned = true;
+            return;
+        }
+    }
+    deliverParkedPushes(appId);
+}
+
+bool QuilExchanges::hasRoomFor(const Lane& lane, std::size_t bytes) const {
+    const std::size_t held = lane.bytes + bytes;
+    return held <= kMostBytes && (held <= kFewBytes || m_bytes + bytes <= kMostBytesInAll);
+}
+
+// Puts the node into its application's lane; makes one when it begins an exchange. `newlyFull` gets
+// how many wait in a lane that there has been room in so far.
+QuilExchanges::Appended QuilExchanges::append(std::unique_ptr<QuilMessageNode>* node,
+                                              std::size_t* newlyFull) {
+    const std::string appId = appIdOf(**node);
+    const std::size_t bytes = bytesOfRequest(**node);
     const QuilLock lock(m_lock);
     const auto found = m_lanes.find(appId);
     if (found != m_lanes.end()) {
         Lane& lane = found->second;
-        if (lane.isParked && (*node)->getType() == MESSAGE_CREATE_SESSION_COMPLETE) {
-            return false;  // the answer that the lane waits for goes past it
-        }
-        // What ends an exchange comes when the lane may be full of what waited for it.
-        const std::size_t most = endsExchange(**node) ? 2 * kMostNodes : kMostNodes;
-        if (lane.nodes.size() >= most) {
-            throw std::length_error("too many messages wait for one application");
+        if (bytes > 0 && !hasRoomFor(lane, bytes)) {
+            *newlyFull = std::exchange(lane.isFull, true) ? 0 : lane.nodes.size();
+            return Appended::NoRoom;
         }
         lane.nodes.push_back(std::move(*node));
+        lane.bytes += bytes;
+        m_bytes += bytes;
         if (lane.nodes.size() >= kManyNodes && !lane.isCrowded) {
             lane.isCrowded = true;
             ++m_crowded;
         }
-        return true;
+        return Appended::Yes;
     }
     if (!beginsExchange(**node)) {
-        return false;
+        return Appended::NoLane;
     }
     const std::string server = serverOf(**node);
     queueLane(appId, server);
@@ -124,7 +188,7 @@ bool QuilExchanges::append(std::unique_ptr<QuilMessageNode>* node) {
         std::erase_if(m_waiting, [](const auto& entry) { return entry.second.empty(); });
         throw;
     }
-    return true;
+    return Appended::Yes;
 }
 
 // Either all of it happens or, without memory, nothing.
@@ -133,8 +197,10 @@ void QuilExchanges::makeLane(const std::string& appId, const std::string& server
     Lane lane;
     lane.server = server;
     lane.nodes.push_back(nullptr);
+    lane.bytes = bytesOfRequest(**node);
     Lane& made = m_lanes.emplace(appId, std::move(lane)).first->second;
     made.nodes.front() = std::move(*node);
+    m_bytes += made.bytes;
 }
 
 void QuilExchanges::queueLane(const std::string& appId, const std::string& server) {
@@ -145,34 +211,6 @@ void QuilExchanges::queueLane(const std::string& appId, const std::string& serve
         std::erase_if(m_waiting, [](const auto& entry) { return entry.second.empty(); });
         throw;
     }
-}
-
-void QuilExchanges::park(std::unique_ptr<QuilMessageNode> node) {
-    try {
-        const std::string appId = appIdOf(*node);
-        const QuilLock lock(m_lock);
-        makeLane(appId, "", &node);
-        m_lanes.at(appId).isParked = true;
-    } catch (...) {
-        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]",
-                 node->getType());
-        closeConnectionOf(*node);
-    }
-}
-
-// Worked off on the caller's thread, which is where its nodes would have been handled: only an
-// exchange among them has to wait for a thread.
-void QuilExchanges::unpark(const std::string& appId) {
-    {
-        const QuilLock lock(m_lock);
-        const auto found = m_lanes.find(appId);
-        if (found == m_lanes.end() || !found->second.isParked) {
-            return;
-        }
-        found->second.isParked = false;
-    }
-    workOff(appId, false);
-    startThread();
 }
 
 void QuilExchanges::startThread() {
@@ -262,29 +300,38 @@ std::string QuilExchanges::takeNext() {
 
 void QuilExchanges::workOff(const std::string& appId, bool mayBeginExchange) {
     for (;;) {
-        bool isRelieved = false;
-        std::unique_ptr<QuilMessageNode> node = takeFrom(appId, mayBeginExchange, &isRelieved);
+        Due due;
+        std::unique_ptr<QuilMessageNode> node = takeFrom(appId, mayBeginExchange, &due);
         mayBeginExchange = false;
-        if (isRelieved) {
+        if (due.wakeUp) {
             wakeMainLoop();
         }
-        if (node == nullptr) {
+        if (due.parkedPushes) {
+            deliverParkedPushes(appId);
+        } else if (node == nullptr) {
             return;
-        }
-        if (handleNode(&node) == NodeOutcome::AwaitsClient && parkAgain(appId, &node)) {
-            return;
+        } else {
+            handleNode(&node);
         }
     }
 }
 
 std::unique_ptr<QuilMessageNode> QuilExchanges::takeFrom(const std::string& appId,
-                                                         bool mayBeginExchange, bool* isRelieved) {
+                                                         bool mayBeginExchange, Due* due) {
     const QuilLock lock(m_lock);
     Lane& lane = m_lanes.at(appId);
     if (lane.isCrowded && lane.nodes.size() <= kFewNodes) {
         lane.isCrowded = false;
         --m_crowded;
-        *isRelieved = true;
+        due->wakeUp = true;
+    }
+    if (lane.nodes.size() <= kFewNodes) {
+        lane.isFull = false;
+    }
+    if (lane.nodes.empty() && lane.hasReturned) {
+        lane.hasReturned = false;
+        due->parkedPushes = true;
+        return nullptr;
     }
     if (lane.nodes.empty()) {
         std::erase(m_running, &lane);
@@ -296,6 +343,9 @@ std::unique_ptr<QuilMessageNode> QuilExchanges::takeFrom(const std::string& appI
     }
     std::unique_ptr<QuilMessageNode> node = std::move(lane.nodes.front());
     lane.nodes.pop_front();
+    const std::size_t bytes = bytesOfRequest(*node);
+    lane.bytes -= bytes;
+    m_bytes -= bytes;
     return node;
 }
 
@@ -317,30 +367,4 @@ bool QuilExchanges::isCrowded(const std::string& appId) {
     const QuilLock lock(m_lock);
     const auto found = m_lanes.find(appId);
     return found != m_lanes.end() && found->second.isCrowded;
-}
-
-// Puts a push back to the front of its lane, which then waits for the application. False when the
-// lane is to be gone on with: the application has come back meanwhile, or, without memory, the push
-// was dropped with a line.
-bool QuilExchanges::parkAgain(const std::string& appId, std::unique_ptr<QuilMessageNode>* node) {
-    try {
-        const QuilLock lock(m_lock);
-        Lane& lane = m_lanes.at(appId);
-        lane.nodes.push_front(std::move(*node));
-        const auto answer = std::find_if(lane.nodes.begin(), lane.nodes.end(), isPresentAnswer);
-        if (answer != lane.nodes.end()) {
-            // Its answer first, as if it had gone past the parked lane.
-            std::rotate(lane.nodes.begin(), answer, answer + 1);
-            return false;
-        }
-        lane.isParked = true;
-        std::erase(m_running, &lane);
-        return true;
-    } catch (...) {
-        QUIL_LOG(LOG_LEVEL_WARNING, "msgHandler: exception occurred when handling message [%d]",
-                 (*node)->getType());
-        closeConnectionOf(**node);
-        node->reset();
-        return false;
-    }
 }

@@ -27,11 +27,17 @@ class QuilExchanges {
     static constexpr int kThreadsForOthers = 4;
 
     // From so many nodes in its lane on, nothing more is taken off an application's port; the main
-    // loop is woken when there are few again. Beyond the most, what is queued for it is dropped
-    // with a line; what ends an exchange has as much room again.
+    // loop is woken when there are few again.
     static constexpr std::size_t kManyNodes = 64;
     static constexpr std::size_t kFewNodes = 16;
-    static constexpr std::size_t kMostNodes = 1024;
+
+    // What requests may make one lane hold, about ten thousand answers, and all lanes together,
+    // where a lane that holds little is let have that in any case. Beyond it nothing is dropped
+    // either: answers go out past the lane, and exchanges end as failed ones before they begin.
+    // Pushes and what ends an exchange always have room, as there are never many of them.
+    static constexpr std::size_t kMostBytes = std::size_t{4} << 20;
+    static constexpr std::size_t kMostBytesInAll = std::size_t{32} << 20;
+    static constexpr std::size_t kFewBytes = std::size_t{64} << 10;
 
     // The one instance; lives until the process ends. Null without memory.
     static QuilExchanges* getInstance();
@@ -43,13 +49,6 @@ class QuilExchanges {
     // handler thread alone. Where no thread can be started the exchange runs before this returns.
     bool take(std::unique_ptr<QuilMessageNode>* node);
 
-    // Keeps a push whose application is away, and what is queued for the application behind it,
-    // until unpark. For the message handler thread alone; `node` is dropped with a line without
-    // memory.
-    void park(std::unique_ptr<QuilMessageNode> node);
-    // The application is back: what was parked for it is handled, in its order.
-    void unpark(const std::string& appId);
-
     // Whether many nodes wait in some lane, or in that application's. For the main loop, before
     // each wait.
     bool hasCrowd() const { return m_crowded != 0; }
@@ -58,19 +57,25 @@ class QuilExchanges {
   private:
     struct Lane {
         std::deque<std::unique_ptr<QuilMessageNode>> nodes;
-        std::string server;  // that its present or next exchange is with
+        std::string server;     // that its present or next exchange is with
+        std::size_t bytes = 0;  // of nodes that requests made
         bool isCrowded = false;
-        bool isParked = false;  // its first node awaits the application's client
+        bool isFull = false;  // which has been said
+        // The answer to a "createSession" went past it: parked pushes are due at its end.
+        bool hasReturned = false;
     };
     // Applications whose lanes wait for a thread, oldest first, by server.
     using Waiting = std::map<std::string, std::deque<std::string>>;
 
+    enum class Appended { Yes, NoLane, NoRoom };
+
     QuilExchanges();
-    bool append(std::unique_ptr<QuilMessageNode>* node);
+    Appended append(std::unique_ptr<QuilMessageNode>* node, std::size_t* newlyFull);
+    bool hasRoomFor(const Lane& lane, std::size_t bytes) const REQUIRES(m_lock);
     void makeLane(const std::string& appId, const std::string& server,
                   std::unique_ptr<QuilMessageNode>* node) REQUIRES(m_lock);
     void queueLane(const std::string& appId, const std::string& server) REQUIRES(m_lock);
-    bool parkAgain(const std::string& appId, std::unique_ptr<QuilMessageNode>* node);
+    void answerPastLane(std::unique_ptr<QuilMessageNode>* node);
     void startThread();
     static void* runThread(void* exchanges);
     void work();
@@ -84,10 +89,15 @@ class QuilExchanges {
     // Handles what is in the lane; up to the first exchange, or with `mayBeginExchange` the second,
     // which then waits for its turn.
     void workOff(const std::string& appId, bool mayBeginExchange);
-    // The lane's next node; null when it is empty, and then the lane is gone, or when it has to
-    // wait for its turn.
+    // What workOff has to do beside handling a node.
+    struct Due {
+        bool wakeUp = false;
+        bool parkedPushes = false;
+    };
+    // The lane's next node; null when it is empty, and then the lane is gone unless parked pushes
+    // are due, or when it has to wait for its turn.
     std::unique_ptr<QuilMessageNode> takeFrom(const std::string& appId, bool mayBeginExchange,
-                                              bool* isRelieved);
+                                              Due* due);
     bool waitForTurn(const std::string& appId, Lane* lane) REQUIRES(m_lock);
 
     // A leaf: nothing else is taken, logged or destroyed under it.
@@ -97,5 +107,6 @@ class QuilExchanges {
     std::string m_lastServer GUARDED_BY(m_lock);            // whose turn it was
     std::vector<const Lane*> m_running GUARDED_BY(m_lock);  // at most one a thread
     int m_threads GUARDED_BY(m_lock) = 0;
-    std::atomic<int> m_crowded{0};  // lanes; written under the lock
+    std::size_t m_bytes GUARDED_BY(m_lock) = 0;  // of all lanes
+    std::atomic<int> m_crowded{0};               // lanes; written under the lock
 };

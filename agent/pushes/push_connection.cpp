@@ -62,11 +62,9 @@ PushConnection::Progress PushConnection::advance() {
             finish(count);
             return Progress::Done;
         }
-        // A push that is too large is known by the bytes beyond what can be held; there is no need
-        // for all of them.
-        const bool wasFull = m_push->isPayloadFull();
         m_push->setPayload(g_buffer.data(), count);
-        if (!m_push->hasMoreData() || wasFull) {
+        // With all that can be held a push is in or too large, whatever comes.
+        if (!m_push->hasMoreData() || m_push->isPayloadFull()) {
             finish(count);
             return Progress::Done;
         }

@@ -7,6 +7,7 @@
 
 #include "agent/clients/client_reply.hpp"
 #include "agent/connections/connection.hpp"
+#include "agent/pushes/dead_senders.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/support/log.hpp"
 #include "agent/support/service_life.hpp"
@@ -57,7 +58,7 @@ PushOutcome pushNotification(std::unique_ptr<QuilPushMessage> push) {
                  push->getErrorCode());
         return PushOutcome::Done;
     }
-    QuilSessionManager::getInstance()->lookForDeadPushSockets();
+    lookForDeadSenders();
     const std::string appId = push->getName();
     QUIL_LOG(LOG_LEVEL_DEBUG, "pushNotification: app id[%s]\n", appId.c_str());
     QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId(appId);

@@ -1,14 +1,11 @@
 // One connection at a time is accepted on a port, so that a busy port keeps neither other ports nor
-// clients waiting. Accepted sockets are moved to high numbers: they are never selected on, and the
-// low numbers, which alone can be, are left to listening sockets.
+// clients waiting. Accepted sockets are moved to numbers of their own (push_descriptors.hpp): they
+// are never selected on, and the low numbers, which alone can be, are left to listening sockets.
 
 #include "agent/pushes/push_intake.hpp"
 
-#include <sys/resource.h>
-
 #include <cerrno>
 #include <chrono>
-#include <climits>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -16,11 +13,12 @@
 
 #include "agent/configuration/config_manager.hpp"
 #include "agent/connections/owned_socket.hpp"
+#include "agent/connections/push_descriptors.hpp"
 #include "agent/pushes/allowed_senders.hpp"
+#include "agent/pushes/dead_senders.hpp"
 #include "agent/pushes/push_connection.hpp"
 #include "agent/pushes/set_aside.hpp"
 #include "agent/sessions/session_manager.hpp"
-#include "agent/support/high_descriptor.hpp"
 #include "agent/support/log.hpp"
 
 namespace {
@@ -29,10 +27,9 @@ using Clock = PushConnection::Clock;
 
 constexpr std::chrono::milliseconds kPauseAfterShortage{100};
 constexpr std::chrono::seconds kPauseBetweenRefusals{1};
-constexpr int kGivenUpAtOnce = 8;
-constexpr int kReservedDescriptors = 32;
-constexpr rlim_t kDescriptorsToReserveFrom = 1024;
 
+// While nothing can be accepted.
+bool g_isPaused = false;
 Clock::time_point g_pausedUntil{};
 
 SetAsideConnections& setAside() {
@@ -42,20 +39,6 @@ SetAsideConnections& setAside() {
 
 bool isShortage(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
-}
-
-// The last few numbers are for what is not a push: talks with push servers, and the object service
-// when it comes back. Senders may take one now and then, and room is made at once. Where there are
-// few descriptors at all, pushes have the numbers that are left, and nothing is reserved.
-int firstReservedDescriptor() {
-    static const int first = [] {
-        rlimit limit{};
-        const bool isLarge = getrlimit(RLIMIT_NOFILE, &limit) == 0 &&
-                             limit.rlim_cur >= kDescriptorsToReserveFrom &&
-                             limit.rlim_cur <= INT_MAX;
-        return isLarge ? static_cast<int>(limit.rlim_cur) - kReservedDescriptors : INT_MAX;
-    }();
-    return first;
 }
 
 // Whether the sender may push. Tells of those who may not once a second at the most.
@@ -79,35 +62,29 @@ bool isAllowed(int socket) {
     return false;
 }
 
-// Gives up what will be missed least: connections of senders that are gone, else the one whose push
-// has been awaited in vain for longest, else those whose answers have; a few of these, so that
-// something is left for who asks next, which may be a talk with a push server. False when there is
-// none of these.
-bool makeRoom() {
-    QuilSessionManager* sessions = QuilSessionManager::getInstance();
-    if (sessions->letGoOfDeadPushSockets() > 0 || setAside().closeLongestSilent()) {
-        return true;
+void pauseIntake() {
+    g_pausedUntil = Clock::now() + kPauseAfterShortage;
+    setAside().wakeAt(g_pausedUntil);
+}
+
+// -1 with errno, as acceptOnPort.
+int tryToAccept(QuilSession& session) {
+    if (!isDescriptorLeftForPush()) {
+        errno = EMFILE;
+        return -1;
     }
-    int given = 0;
-    while (given < kGivenUpAtOnce && sessions->giveUpOldestPushSocket()) {
-        ++given;
-    }
-    return given > 0;
+    return session.acceptOnPort();
 }
 
 // Accepts a connection on the session's port. -1 when there is none, which is logged unless the
-// session has stopped listening meanwhile.
+// session has stopped listening meanwhile. For want of descriptors only those are let go whose
+// sender has gone: to anybody else a close would read as a rejection.
 int acceptConnection(QuilSession& session) {
-    int socket = session.acceptOnPort();
-    if (socket == -1 && isShortage(errno) && makeRoom()) {
-        socket = session.acceptOnPort();
+    int socket = tryToAccept(session);
+    if (socket == -1 && isShortage(errno) && letGoOfDeadSenders() > 0) {
+        socket = tryToAccept(session);
     }
     if (socket != -1) {
-        socket = moveToHighDescriptor(socket);
-        QuilSessionManager* sessions = QuilSessionManager::getInstance();
-        if (socket >= firstReservedDescriptor() && sessions->letGoOfDeadPushSockets() == 0) {
-            sessions->giveUpOldestPushSocket();
-        }
         return socket;
     }
     const int error = errno;
@@ -117,8 +94,8 @@ int acceptConnection(QuilSession& session) {
     }
     if (isShortage(error)) {
         // The connection still waits, and the next pass would fail in the same way at once.
-        g_pausedUntil = Clock::now() + kPauseAfterShortage;
-        setAside().wakeAt(g_pausedUntil);
+        g_isPaused = true;
+        pauseIntake();
     }
     return -1;
 }
@@ -158,6 +135,7 @@ void serverIfProcessData(QuilPort* port) {
     if (!isAllowed(accepted.get())) {
         return;
     }
+    accepted.reset(moveToPushDescriptor(accepted.release()));
     auto connection = std::make_unique<PushConnection>(accepted.get(), *session);
     accepted.release();
     if (connection->advance() == PushConnection::Progress::Waits) {
@@ -178,5 +156,14 @@ int countSetAsideConnections() {
 }
 
 bool isPushIntakePaused() {
-    return Clock::now() < g_pausedUntil;
+    if (!g_isPaused || Clock::now() < g_pausedUntil) {
+        return g_isPaused;
+    }
+    lookForDeadSenders();
+    if (isDescriptorLeftForPush()) {
+        g_isPaused = false;
+    } else {
+        pauseIntake();
+    }
+    return g_isPaused;
 }

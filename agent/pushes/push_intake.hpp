@@ -29,6 +29,7 @@ void postponePushIntake(std::chrono::steady_clock::duration time);
 // How many connections are set aside.
 int countSetAsideConnections();
 
-// True while nothing can be accepted for want of descriptors or memory; for a tenth of a second at
-// a time, after which the descriptor of openPushIntake is readable.
+// True while nothing can be accepted for want of descriptors or memory. For the loop, before each
+// wait; the descriptor of openPushIntake becomes readable ten times a second then, so that it asks
+// again.
 bool isPushIntakePaused();

@@ -5,7 +5,6 @@
 #include "agent/pushes/set_aside.hpp"
 
 #include <sys/epoll.h>
-#include <sys/resource.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include <cstring>
 #include <utility>
 
+#include "agent/connections/push_descriptors.hpp"
 #include "agent/support/high_descriptor.hpp"
 #include "agent/support/log.hpp"
 
@@ -25,14 +25,6 @@ using Clock = PushConnection::Clock;
 constexpr std::uint64_t kTimerNumber = 0;
 // Of one pass, so that those who drip cannot keep clients waiting.
 constexpr int kMostEventsAPass = 64;
-
-std::size_t mostInAll() {
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return SetAsideConnections::kMostInAll;
-    }
-    return std::min<std::size_t>(SetAsideConnections::kMostInAll, limit.rlim_cur / 4);
-}
 
 // Between the two lines between which the loop serves a port, so that whoever reads the log knows
 // whose push the lines between them are about.
@@ -71,12 +63,19 @@ void SetAsideConnections::add(std::unique_ptr<PushConnection> connection) {
     makeRoomFor(*connection);
     const std::uint64_t number = ++m_lastNumber;
     PushConnection& added = *connection;
-    m_connections.emplace_hint(m_connections.end(), number, std::move(connection));
+    const auto deadline = m_deadlines.emplace(added.deadline(), number).first;
+    Connections::iterator place;
+    try {
+        place = m_connections.emplace_hint(m_connections.end(), number, std::move(connection));
+    } catch (...) {
+        m_deadlines.erase(deadline);
+        throw;
+    }
     if (!watch(m_poll.get(), added.socket(), number)) {
         QUIL_LOG(LOG_LEVEL_WARNING,
                  "setAside: push for app id [%s] cannot be waited for: errno[%d] error[%s]",
                  added.appId().c_str(), errno, strerror(errno));
-        m_connections.erase(number);
+        remove(place);
         return;
     }
     setTimer();
@@ -113,17 +112,22 @@ void SetAsideConnections::advance(std::uint64_t number) {
         }
     });
     if (progress == PushConnection::Progress::Done) {
-        m_connections.erase(found);
+        remove(found);
     }
 }
 
 void SetAsideConnections::closeOverdue() {
     const Clock::time_point now = Clock::now();
-    while (!m_connections.empty() && m_connections.begin()->second->deadline() <= now) {
-        const PushConnection& overdue = *m_connections.begin()->second;
-        asOfItsPort(overdue, [&overdue] { overdue.logTimeout(); });
-        m_connections.erase(m_connections.begin());
+    while (!m_deadlines.empty() && m_deadlines.begin()->first <= now) {
+        const auto overdue = m_connections.find(m_deadlines.begin()->second);
+        asOfItsPort(*overdue->second, [&overdue] { overdue->second->logTimeout(); });
+        remove(overdue);
     }
+}
+
+void SetAsideConnections::remove(Connections::iterator connection) {
+    m_deadlines.erase({connection->second->deadline(), connection->first});
+    m_connections.erase(connection);
 }
 
 // Among those of one session, or of all with null.
@@ -144,17 +148,7 @@ void SetAsideConnections::closeSilent(Connections::iterator connection) {
     QUIL_LOG(LOG_LEVEL_WARNING,
              "setAside: push for app id [%s] given up: of %d that wait it has been silent longest",
              connection->second->appId().c_str(), static_cast<int>(m_connections.size()));
-    m_connections.erase(connection);
-}
-
-bool SetAsideConnections::closeLongestSilent() {
-    const auto silent = longestSilent(nullptr);
-    if (silent == m_connections.end()) {
-        return false;
-    }
-    closeSilent(silent);
-    setTimer();
-    return true;
+    remove(connection);
 }
 
 void SetAsideConnections::makeRoomFor(const PushConnection& newcomer) {
@@ -163,27 +157,31 @@ void SetAsideConnections::makeRoomFor(const PushConnection& newcomer) {
         [&newcomer](const auto& entry) { return &entry.second->session() == &newcomer.session(); });
     if (static_cast<std::size_t>(ofSession) >= kMostPerPort) {
         closeSilent(longestSilent(&newcomer.session()));
-    } else if (!m_connections.empty() && m_connections.size() >= mostInAll()) {
+    } else if (m_connections.size() >= pushDescriptors().mostSetAside) {
         closeSilent(longestSilent(nullptr));
     }
 }
 
 void SetAsideConnections::postpone(Clock::duration time) {
     for (const auto& entry : m_connections) {
+        // The same place for another time: nothing is allocated.
+        auto deadline = m_deadlines.extract({entry.second->deadline(), entry.first});
         entry.second->postpone(time);
+        deadline.value().first = entry.second->deadline();
+        m_deadlines.insert(std::move(deadline));
     }
     setTimer();
 }
 
 void SetAsideConnections::wakeAt(Clock::time_point moment) {
-    m_wakeAt = std::min(m_wakeAt, moment);
+    m_wakeAt = moment;
     setTimer();
 }
 
 void SetAsideConnections::setTimer() {
     Clock::time_point next = m_wakeAt;
-    if (!m_connections.empty()) {
-        next = std::min(next, m_connections.begin()->second->deadline());
+    if (!m_deadlines.empty()) {
+        next = std::min(next, m_deadlines.begin()->first);
     }
     if (next == m_timerSetTo) {
         return;

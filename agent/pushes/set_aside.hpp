@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
+#include <utility>
 
 #include "agent/connections/owned_socket.hpp"
 #include "agent/pushes/push_connection.hpp"
@@ -14,10 +16,9 @@
 // All of it lies behind one descriptor, which the main loop waits on. Main thread only.
 class SetAsideConnections {
   public:
-    // Per port, and in all. Beyond either the connection that has been silent longest is closed.
-    // The whole is further bounded by a quarter of the descriptors that the process may have.
+    // Beyond so many of one port, or beyond what there may be in all (pushDescriptors), the
+    // connection that has been silent longest is closed.
     static constexpr std::size_t kMostPerPort = 64;
-    static constexpr std::size_t kMostInAll = 1024;
 
     SetAsideConnections();
     SetAsideConnections(const SetAsideConnections&) = delete;
@@ -33,12 +34,11 @@ class SetAsideConnections {
     void serve();
     // Moves all deadlines by a time in which nobody could see to the connections.
     void postpone(PushConnection::Clock::duration time);
-    // Closes the connection that has been silent longest, to make room. False when there is none.
-    bool closeLongestSilent();
 
     std::size_t size() const { return m_connections.size(); }
 
-    // Makes the descriptor readable at a moment, once, also when nothing is set aside.
+    // Makes the descriptor readable at a moment, once, also when nothing is set aside. The last
+    // moment that was given counts.
     void wakeAt(PushConnection::Clock::time_point moment);
 
   private:
@@ -46,6 +46,7 @@ class SetAsideConnections {
 
     Connections::iterator longestSilent(const QuilSession* session);
     void closeSilent(Connections::iterator connection);
+    void remove(Connections::iterator connection);
     void makeRoomFor(const PushConnection& newcomer);
     void advance(std::uint64_t number);
     void closeOverdue();
@@ -53,8 +54,9 @@ class SetAsideConnections {
 
     OwnedSocket m_poll;
     OwnedSocket m_timer;
-    // Numbered in the order of arrival, which is the order of their deadlines too.
-    Connections m_connections;
+    Connections m_connections;  // numbered in the order of arrival
+    // With their numbers. The order of arrival is another when time was added in between.
+    std::set<std::pair<PushConnection::Clock::time_point, std::uint64_t>> m_deadlines;
     std::uint64_t m_lastNumber = 0;  // 0 is the timer's
     PushConnection::Clock::time_point m_wakeAt = PushConnection::Clock::time_point::max();
     PushConnection::Clock::time_point m_timerSetTo = PushConnection::Clock::time_point::max();

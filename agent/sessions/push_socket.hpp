@@ -3,8 +3,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
-#include <optional>
 #include <string>
 
 // Owns the descriptor of the accepted connection: destroying the object closes it.
@@ -17,10 +15,6 @@ class QuilPushSocket {
 
     const std::string& getPushId() const { return m_pushId; }
     int getSocket() const { return m_socket; }
-
-    // How long ago the sender hung up, or closed its writing half, as far as its kernel has told;
-    // nothing while it has not.
-    std::optional<std::chrono::milliseconds> hungUpFor() const;
 
     // Gives up the descriptor without closing it.
     void release() { m_socket = -1; }

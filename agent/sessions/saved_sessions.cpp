@@ -146,6 +146,9 @@ int QuilDataManager::save() {
     const QuilLock lock(m_saveLock);
     int result = 0;
     try {
+        if (m_isOutdated) {
+            reopen();
+        }
         result = saveSessions();
     } catch (...) {
         QUIL_LOG(LOG_LEVEL_WARNING,
@@ -158,21 +161,31 @@ int QuilDataManager::save() {
 int QuilDataManager::reopenAndSave() {
     {
         const QuilLock lock(m_saveLock);
-        const int handle =
-            open(platformPath(m_path).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kObjectMode);
-        if (handle == -1) {
-            QUIL_LOG(LOG_LEVEL_WARNING, "Could not open PPS file [%s], errno=%d", m_path.c_str(),
-                     errno);
+        m_isOutdated = true;
+        if (!reopen()) {
             return 0;
-        }
-        if (m_handle == -1) {
-            m_handle = handle;
-        } else {
-            dup3(handle, m_handle, O_CLOEXEC);
-            close(handle);
         }
     }
     return save();
+}
+
+bool QuilDataManager::reopen() {
+    flushLogEcho();
+    const int handle =
+        open(platformPath(m_path).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kObjectMode);
+    if (handle == -1) {
+        QUIL_LOG(LOG_LEVEL_WARNING, "Could not open PPS file [%s], errno=%d", m_path.c_str(),
+                 errno);
+        return false;
+    }
+    m_isOutdated = false;
+    if (m_handle == -1) {
+        m_handle = handle;
+    } else {
+        dup3(handle, m_handle, O_CLOEXEC);
+        close(handle);
+    }
+    return true;
 }
 
 int QuilDataManager::saveSessions() {

@@ -28,7 +28,8 @@ class QuilDataManager {
     // itself failed (which is logged, as the number of bytes written).
     int save();
     // Opens the object anew after the object service has come back, and saves. The result of that;
-    // 0 when the object cannot be opened, which is logged. Any thread.
+    // 0 when the object cannot be opened, which is logged, and then tried again at each save until
+    // it can be. Any thread.
     int reopenAndSave();
     // 1 when the SIM is the one of the last load, or when either of the two is not known; else 0.
     int is_same_sim() const;
@@ -41,11 +42,13 @@ class QuilDataManager {
     void setupPpsHandle();
     bool readObject();
     int loadSessions();
+    bool reopen() REQUIRES(m_saveLock);
     int initEncoder() REQUIRES(m_saveLock);
     int saveSessions() REQUIRES(m_saveLock);
 
     QuilMutex m_saveLock;  // outermost of all locks; held throughout a save
     int m_handle = -1;     // replaced under m_saveLock once other threads exist
+    bool m_isOutdated GUARDED_BY(m_saveLock) = false;  // the handle, with the service it was of
     pps_encoder_t m_encoder GUARDED_BY(m_saveLock);
     pps_decoder_t m_decoder;  // used by load alone
     std::string m_path;

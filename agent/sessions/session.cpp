@@ -4,15 +4,15 @@
 
 #include "agent/sessions/session.hpp"
 
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 
-#include "agent/configuration/config_manager.hpp"
 #include "agent/connections/acknowledgement.hpp"
+#include "agent/connections/hang_up.hpp"
 #include "agent/connections/listening_socket.hpp"
+#include "agent/connections/push_descriptors.hpp"
 #include "agent/sessions/states/session_states.hpp"
 #include "agent/support/decoder_string.hpp"
 #include "agent/support/high_descriptor.hpp"
@@ -22,28 +22,9 @@ namespace {
 
 using Lock = QuilLock<QuilRecursiveMutex>;
 
-// Where no time is set for a push to come in.
-constexpr std::chrono::seconds kDefaultPatience{30};
-
 // Whether nobody waits on that connection any more, as far as can be told.
 bool isDead(const QuilPushSocket& kept) {
-    const std::optional<std::chrono::milliseconds> hungUp = kept.hungUpFor();
-    if (!hungUp) {
-        return false;
-    }
-    const std::chrono::seconds timeout(QuilConfigManager::getInstance()->getPushTimeout());
-    return *hungUp >= (timeout.count() > 0 ? timeout : kDefaultPatience);
-}
-
-// Half of the descriptors there can be, which start-up has settled: one session must leave the
-// others some.
-std::size_t mostPushSockets() {
-    static const std::size_t most = [] {
-        rlimit limit{};
-        const bool isKnown = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur > 1;
-        return isKnown ? static_cast<std::size_t>(limit.rlim_cur / 2) : SIZE_MAX;
-    }();
-    return most;
+    return hasHungUpFor(kept.getSocket(), patienceWithHungUp());
 }
 
 }  // namespace
@@ -344,26 +325,17 @@ void QuilSession::makeRoomForPushSocket(const std::string& pushId) {
     if (held != m_pushSockets.end() && isDead(*held->second.socket)) {
         erasePushSocket(held);
     }
-    while (m_pushSockets.size() >= mostPushSockets() && giveUpOldest()) {
+    while (m_pushSockets.size() >= pushDescriptors().mostKeptOfOneSession) {
+        giveUpOldest();
     }
 }
 
-bool QuilSession::giveUpOldest() {
-    if (m_pushSocketsByAge.empty()) {
-        return false;
-    }
+void QuilSession::giveUpOldest() {
     const auto oldest = m_pushSocketsByAge.begin()->second;
     QUIL_LOG(LOG_LEVEL_WARNING,
              "QuilSession::addPushSocket: oldest push id[%s] given up: %d wait for an answer",
              oldest->first.c_str(), static_cast<int>(m_pushSockets.size()));
     erasePushSocket(oldest);
-    return true;
-}
-
-bool QuilSession::giveUpOldestPushSocket() {
-    const Lock lock(m_lock);
-    const QuilLock pushLock(m_pushSocketLock);
-    return giveUpOldest();
 }
 
 QuilSession::PushSockets::iterator QuilSession::erasePushSocket(PushSockets::iterator kept) {

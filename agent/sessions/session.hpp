@@ -113,8 +113,6 @@ class QuilSession {
     // Closes and forgets the connection kept under the id.
     void deletePushSocket(const std::string& pushId);
     int countPushSockets() const { return m_pushSocketCount; }
-    // Closes the connection that has been kept longest. False when there is none.
-    bool giveUpOldestPushSocket();
     // Forgets the connection kept under the id without closing it: the caller owns it again. False
     // when it is not `socket` that is kept there, which then belongs to nobody any more.
     bool giveBackPushSocket(const std::string& pushId, int socket);
@@ -144,7 +142,7 @@ class QuilSession {
 
     PushSockets::iterator erasePushSocket(PushSockets::iterator kept) REQUIRES(m_pushSocketLock);
     void makeRoomForPushSocket(const std::string& pushId) REQUIRES(m_pushSocketLock);
-    bool giveUpOldest() REQUIRES(m_pushSocketLock);
+    void giveUpOldest() REQUIRES(m_pushSocketLock);
 
     PushSockets m_pushSockets GUARDED_BY(m_pushSocketLock);
     std::map<std::uint64_t, PushSockets::iterator> m_pushSocketsByAge GUARDED_BY(m_pushSocketLock);

@@ -10,8 +10,6 @@ namespace {
 
 using Lock = QuilLock<QuilRecursiveMutex>;
 
-constexpr std::chrono::seconds kPauseBetweenLooks{1};
-
 }  // namespace
 
 QuilSessionManager* QuilSessionManager::getInstance() {
@@ -310,25 +308,4 @@ void QuilSessionManager::forgetClients() {
     for (const auto& entry : m_sessions) {
         entry.second->setClientObjectId("");
     }
-}
-
-void QuilSessionManager::lookForDeadPushSockets() {
-    const Lock lock(m_lock);
-    const auto now = std::chrono::steady_clock::now();
-    if (now >= m_nextLookForDead) {
-        m_nextLookForDead = now + kPauseBetweenLooks;
-        letGoOfDeadPushSockets();
-    }
-}
-
-bool QuilSessionManager::giveUpOldestPushSocket() {
-    const Lock lock(m_lock);
-    QuilSession* fullest = nullptr;
-    for (const auto& entry : m_sessions) {
-        QuilSession* session = entry.second.get();
-        if (fullest == nullptr || session->countPushSockets() > fullest->countPushSockets()) {
-            fullest = session;
-        }
-    }
-    return fullest != nullptr && fullest->giveUpOldestPushSocket();
 }

@@ -2,7 +2,6 @@
 
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -77,11 +76,6 @@ class QuilSessionManager {
     // Lets go of all sessions' kept push connections whose sender hung up
     // (QuilSession::letGoOfDeadPushSockets). Gives how many.
     int letGoOfDeadPushSockets();
-    // Closes the oldest kept push connection of the session that has most of them. False when there
-    // is none.
-    bool giveUpOldestPushSocket();
-    // letGoOfDeadPushSockets, once a second at the most; for every push that comes.
-    void lookForDeadPushSockets();
 
     // The ports of all sessions that are registered and have one; without memory for a new list,
     // the one before. The pointers are valid as long as the sessions.
@@ -92,6 +86,5 @@ class QuilSessionManager {
 
     std::map<std::string, std::unique_ptr<QuilSession>> m_sessions GUARDED_BY(m_lock);
     std::vector<QuilPort*> m_ports GUARDED_BY(m_lock);
-    std::chrono::steady_clock::time_point m_nextLookForDead GUARDED_BY(m_lock){};
     QuilRecursiveMutex m_lock;
 };

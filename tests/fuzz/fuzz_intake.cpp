@@ -36,10 +36,9 @@ Expected expect(const std::vector<std::string>& pieces, bool hangsUp) {
         if (expected.push == nullptr) {
             expected.push = std::make_unique<QuilPushMessage>("app", "@ipc.1");
         }
-        const bool wasFull = expected.push->isPayloadFull();
         expected.push->setPayload(piece.data(), static_cast<int>(piece.size()));
         ++expected.piecesRead;
-        if (!expected.push->hasMoreData() || wasFull) {
+        if (!expected.push->hasMoreData() || expected.push->isPayloadFull()) {
             expected.isKept = true;
             return expected;
         }

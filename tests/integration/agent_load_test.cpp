@@ -64,3 +64,22 @@ TEST_F(AgentLoad, ThreeHundredPushesWaitWhileChannelsAreStillCreatedAndServed) {
         EXPECT_TRUE(i % 2 == 0 ? isAcknowledgement(answer) : answer.empty()) << i;
     }
 }
+
+// Its push server hangs: what it asks waits behind that, and nobody else does.
+TEST_F(AgentLoad, FifteenHundredRequestsBehindAHangingServerAreAllAnswered) {
+    constexpr int kRequests = 1500;
+    startServer({"--delay", "3", "--at-step", "2"});
+    m_client->request("createSession", "s", kApp);
+    EXPECT_EQ(m_client->next().id, "s");
+    m_client->request("createChannel", "c", kApp, "\"ppgUrl\":\"" + ppgUrl() + "\"");
+    for (int i = 0; i < kRequests; ++i) {
+        m_client->request("registerToLaunch", std::to_string(i), kApp, "\"launchString\":\"x\"");
+    }
+    const auto other = connect();
+    other->request("createSession", "o", "other");
+    EXPECT_EQ(other->next(2).id, "o");
+    for (int i = 0; i < kRequests; ++i) {
+        ASSERT_EQ(m_client->next().id, std::to_string(i));
+    }
+    EXPECT_EQ(m_client->next().id, "c");
+}

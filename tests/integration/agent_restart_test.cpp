@@ -184,6 +184,38 @@ TEST_F(AgentRestart, ObjectServiceThatComesBackIsServedAgainWithTheSameSessionsA
     EXPECT_TRUE(m_agent.isRunning());
 }
 
+// A push that was on its way when the service ended has nobody to go to at first. It waits; all
+// else of its application does not.
+TEST_F(AgentRestart, PushThatAwaitsItsApplicationHoldsUpNothingElseOfIt) {
+    startServer();
+    ASSERT_TRUE(startAgent());
+    auto client = connect();
+    client->request("createSession", "s", kApp);
+    EXPECT_EQ(client->next().id, "s");
+    const PushSender sender(m_port);
+    const std::string push = makePush("early", "hello");
+    ASSERT_TRUE(sender.send(push.substr(0, push.size() - 1)));
+    ASSERT_TRUE(waitForLog("serverIfProcessData 1: recved"));
+    m_ppsd->kill();
+    ASSERT_TRUE(m_ppsd->start());
+    ASSERT_TRUE(waitForLog("object service is back"));
+    const std::size_t before = agentLog().size();
+    ASSERT_TRUE(sender.send(push.substr(push.size() - 1)));
+    ASSERT_TRUE(waitForLog("pushNotification: app id[", before));
+    client = connect();
+    client->request("registerToLaunch", "r", kApp, "\"launchString\":\"x\"");
+    EXPECT_EQ(client->next().id, "r");
+    client->request("createChannel", "c", kApp, "\"ppgUrl\":\"" + ppgUrl() + "\"");
+    EXPECT_EQ(client->next().token, kPin);
+    client->request("createSession", "s2", kApp);
+    EXPECT_EQ(client->next().id, "s2");
+    const Reply notification = client->next();
+    EXPECT_EQ(notification.id, "early");
+    EXPECT_EQ(notification.data, "aGVsbG8=");
+    client->request("acceptPush", "early", kApp);
+    EXPECT_TRUE(isAcknowledgement(sender.readToEnd()));
+}
+
 // The new service numbers its clients from the start: an id of the old one is another program's
 // now.
 TEST_F(AgentRestart, NobodyGetsWhatWasMeantForAClientOfTheServiceBefore) {

@@ -72,8 +72,31 @@ TEST_F(PushMessage, RestWithoutALineEndIsLoggedAsIgnored) {
               "6 ***parsePayload: size of payload_str 3 payload[A:1]\n\n"
               "6 parsePayload: cur_pos 0 newline_pos -1 done = 0\n"
               "6 parsePayload: Current token: [A:1] token len [3]\n"
+              "6 header done [0]\n\n"
+              "6 parsePayload: colon_pos -1\n\n"
               "6 parsePayload: Ignoring A:1 since : not found\n"
-              "6 QuilPushMessage::parsePayload: number of headers: 0 currentPos[0]\n");
+              "6 parsePayload: cur_pos 3 newline_pos -1 done = 1\n\n"
+              "6 QuilPushMessage::parsePayload: number of headers: 0 currentPos[3]\n");
+}
+
+TEST_F(PushMessage, LoneLineFeedAtTheEndIsLoggedAsIgnored) {
+    raiseVerbosity(2);
+    feed("PO\r\n");
+    EXPECT_EQ(recordedText(),
+              "6 setPayload: len [4] payload[PO\r\n]\n"
+              "6 ***parsePayload: size of payload_str 4 payload[PO\r\n]\n\n"
+              "6 parsePayload: cur_pos 0 newline_pos 2 done = 0\n"
+              "6 parsePayload: Current token: [PO] token len [2]\n"
+              "6 header done [0]\n\n"
+              "6 parsePayload: colon_pos -1\n\n"
+              "6 parsePayload: Ignoring PO since : not found\n"
+              "6 parsePayload: cur_pos 3 newline_pos -1 done = 0\n\n"
+              "6 parsePayload: Current token: [\n] token len [1]\n"
+              "6 header done [0]\n\n"
+              "6 parsePayload: colon_pos -1\n\n"
+              "6 parsePayload: Ignoring \n since : not found\n"
+              "6 parsePayload: cur_pos 4 newline_pos -1 done = 1\n\n"
+              "6 QuilPushMessage::parsePayload: number of headers: 0 currentPos[4]\n");
 }
 
 TEST_F(PushMessage, AskingForMoreIsLogged) {

@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "agent/clients/client_object.hpp"
 #include "agent/messages/message_queue.hpp"
@@ -23,6 +24,7 @@
 #include "agent/support/log.hpp"
 #include "agent/support/wake_up.hpp"
 #include "tests/support/agent/clients_fixture.hpp"
+#include "tests/support/file_limit.hpp"
 
 namespace {
 
@@ -549,6 +551,38 @@ TEST_F(EventLoop, PushWhoseBytesComeLaterIsDelivered) {
     EXPECT_EQ(nextReply(), kNotification);
 }
 
+// Two senders wait on two ports, and pushes have no descriptor left.
+TEST_F(EventLoop, WantOfDescriptorsCostsFewPassesAndRequestsGoOn) {
+    const Listener first = addListener("a", "@ipc.17");
+    const Listener second = addListener("b", "@ipc.17");
+    startLoop();
+    const FileLimit limit(400);
+    std::vector<int> taken;
+    for (int number = fcntl(0, F_DUPFD_CLOEXEC, 100); number != -1;
+         number = fcntl(0, F_DUPFD_CLOEXEC, 100)) {
+        taken.push_back(number);
+    }
+    clearRecordedLines();
+    const int sender = sendPush(first.port);
+    sendPush(second.port);
+    const std::string noRoom =
+        "serverIfProcessData: Accept failed with errno[24] error[Too many open files]";
+    ASSERT_TRUE(waitForLogged(3, noRoom));
+    const int before = passes();
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_LE(passes(), before + 8) << "it does not wait";
+    EXPECT_GE(passes(), before + 2) << "it does not look again";
+    EXPECT_EQ(countRecorded(3, noRoom), 1);
+    sendRequest(golden("requests_create_session.txt"));
+    EXPECT_EQ(nextReply(), golden("replies_session_created.txt"));
+    EXPECT_TRUE(isQuiet(sender));
+    for (const int number : taken) {
+        close(number);
+    }
+    EXPECT_EQ(nextReply(), kNotification);
+    EXPECT_EQ(countRecorded(3, noRoom), 1);
+}
+
 // The handler thread is held, so everything queues up.
 TEST_F(EventLoop, PushWaitsWithItsSenderWhileManyMessagesWait) {
     const Listener listener = addListener("app", "@ipc.17");
@@ -570,4 +604,47 @@ TEST_F(EventLoop, PushWaitsWithItsSenderWhileManyMessagesWait) {
     EXPECT_TRUE(waitForLogged(5, "----------------- PPS_CREATED------------------------------"));
     gate.reset();
     EXPECT_TRUE(waitForLogged(5, receiving(listener, "app")));
+}
+
+// Pushes are held back, and meanwhile the object service is gone too: that is one time, not two.
+TEST_F(EventLoop, TimeInWhichPushesCouldNotBeSeenToIsAddedOnce) {
+    writeFile("/etc/quilagent.conf", "push-timeout 1\n");
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    const int sender = connectTo(listener.port);
+    ASSERT_TRUE(waitForLogged(5, receiving(listener, "app")));
+    const auto begin = std::chrono::steady_clock::now();
+    const auto seconds = [begin] {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    };
+    auto gate = std::make_unique<LogGate>("4 received");
+    for (int i = 0; i < 300; ++i) {
+        QuilMessageManager::getInstance()->push(std::make_unique<QuilMessageNode>(
+            4, std::make_unique<QuilResponseMessage>("app", "r", "@ipc.99")));
+    }
+    ASSERT_TRUE(gate->waitUntilHeld());
+    const int before = passes();
+    wakeMainLoop();
+    ASSERT_TRUE(waitForPasses(before + 1));
+    const std::string server = path("/pps/services/push/ipc?server");
+    std::filesystem::remove(server);
+    std::filesystem::create_directory(server);
+    const int folder = open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_NE(dup3(folder, clientDescriptor(), O_CLOEXEC), -1);
+    wakeMainLoop();
+    ASSERT_TRUE(
+        waitForLogged(3, "quilAgentLoop: object service lost: errno[21] error[Is a directory]"));
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    std::filesystem::remove(server);
+    writeFile("/pps/services/push/ipc?server", "");
+    ASSERT_TRUE(waitForLogged(4, "quilAgentLoop: object service is back"));
+    replaceDescriptor();
+    sendRequest(golden("requests_client_connected.txt"));  // it may be reading already
+    gate.reset();
+    const double held = seconds();
+    EXPECT_TRUE(waitForLogged(
+        3, "serverIfProcessData: push for app id [app] not complete after 1 seconds"));
+    EXPECT_GE(seconds(), held + 0.5) << "it had no more time";
+    EXPECT_LT(seconds(), held + 2) << "it had the time twice";
+    close(sender);
 }

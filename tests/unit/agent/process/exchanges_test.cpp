@@ -108,6 +108,9 @@ class HoldingServer {
     std::thread m_acceptor;
 };
 
+// An instrumented program takes its time for so many lines.
+constexpr double kLongSeconds = 60;
+
 int countThreads() {
     const std::filesystem::directory_iterator tasks("/proc/self/task");
     return static_cast<int>(std::distance(begin(tasks), end(tasks)));
@@ -147,27 +150,99 @@ class Exchanges : public SessionsTest {
         push(4, std::make_unique<QuilResponseMessage>(appId, id, "@ipc." + appId));
     }
     // What applications have been told so far, as "CLIENT:ID ...".
-    std::string told() {
+    const std::string& told() {
         m_text += readAvailable(m_replies);
-        std::string all;
-        std::string client;
-        std::istringstream lines(m_text);
-        for (std::string line; std::getline(lines, line);) {
+        for (std::size_t end = m_text.find('\n', m_parsed); end != std::string::npos;
+             end = m_text.find('\n', m_parsed)) {
+            const std::string line = m_text.substr(m_parsed, end - m_parsed);
+            m_parsed = end + 1;
             if (line.starts_with("@ipc.")) {
-                client = line.substr(5);
+                m_client = line.substr(5);
             } else if (line.starts_with("id::")) {
-                all += client + ":" + line.substr(4) + " ";
+                m_told += m_client + ":" + line.substr(4) + " ";
+                ++m_replyCount;
             }
         }
-        return all;
+        return m_told;
     }
-    bool waitUntilTold(const std::string& expected) {
-        return waitUntil([&] { return told() == expected; });
+    int countTold() {
+        told();
+        return m_replyCount;
+    }
+    bool waitUntilTold(const std::string& expected, double seconds = 10) {
+        return waitUntil([&] { return told() == expected; }, seconds);
+    }
+    // The ids that a client has been told so far.
+    std::vector<std::string> idsTold(const std::string& client) {
+        std::vector<std::string> ids;
+        std::istringstream all(told());
+        for (std::string one; all >> one;) {
+            if (one.starts_with(client + ":")) {
+                ids.push_back(one.substr(client.size() + 1));
+            }
+        }
+        return ids;
+    }
+    // As long as one request can make it.
+    static std::string longId(int number) {
+        return std::to_string(number) + std::string(7000, 'x');
+    }
+    static QuilSession* addRegistered(const std::string& appId) {
+        addSession(appId);
+        QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId(appId);
+        putIntoState(*session, STATE_REGISTER);
+        return session;
+    }
+    static std::unique_ptr<QuilPushMessage> makePush(const std::string& appId,
+                                                     const std::string& id,
+                                                     const std::string& client = "a") {
+        const std::string bytes = "POST /\r\nPush-Message-ID:" + id + "\r\n\r\nhello";
+        auto message = std::make_unique<QuilPushMessage>(appId, "@ipc." + client);
+        message->setPayload(bytes.data(), static_cast<int>(bytes.size()));
+        return message;
+    }
+    // The object service ends with the push on its way. Returns when the push has been parked.
+    void parkPush(const std::string& appId, std::unique_ptr<QuilPushMessage> message) {
+        QuilSessionManager::getInstance()->forgetClients();
+        endServiceLife();
+        const int before = countRecorded(6, "pushNotification: app id[" + appId + "]\n");
+        push(5, std::move(message));
+        ASSERT_TRUE(waitUntil([&] {
+            return countRecorded(6, "pushNotification: app id[" + appId + "]\n") > before;
+        }));
+    }
+    void parkPush(const std::string& appId, const std::string& id) {
+        parkPush(appId, makePush(appId, id));
+    }
+    // "createSession" of another client.
+    static void comeBack(const std::string& appId, const std::string& client,
+                         const std::string& id) {
+        QuilSessionManager::getInstance()->getSessionByAppId(appId)->setClientObjectId("@ipc." +
+                                                                                       client);
+        push(1, std::make_unique<QuilCreateSessionCompleteMessage>(appId, id, "@ipc." + client));
+    }
+    static void pushTo(const std::string& appId, const std::string& client, const std::string& id) {
+        push(4, std::make_unique<QuilResponseMessage>(appId, id, "@ipc." + client));
+    }
+    // Queues requests of an application, whose exchange is under way, until no more can wait.
+    void fillLane(const std::string& appId) {
+        for (int i = 0; i < 700; ++i) {
+            pushReply(appId, longId(i));
+        }
+        for (int i = 0; i < 50; ++i) {
+            pushReply(appId, "short");
+        }
+        ASSERT_TRUE(waitUntil([&] { return told().ends_with(":short "); }, kLongSeconds))
+            << "there is no bound";
     }
 
     int m_replies;
-    int m_threads = 0;  // that do not belong to exchanges
-    std::string m_text;
+    int m_threads = 0;         // that do not belong to exchanges
+    std::string m_text;        // all replies
+    std::size_t m_parsed = 0;  // bytes of it
+    std::string m_client;      // that the present reply goes to
+    std::string m_told;
+    int m_replyCount = 0;
 };
 
 }  // namespace
@@ -226,10 +301,7 @@ TEST_F(Exchanges, OneServerHoldsFourAtATime) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(server.countHeld(), 4);
     server.release();
-    EXPECT_TRUE(waitUntil([this] {
-        const std::string all = told();
-        return std::count(all.begin(), all.end(), ':') == 12;
-    })) << told();
+    EXPECT_TRUE(waitUntil([this] { return countTold() == 12; })) << told();
     EXPECT_EQ(server.countMostHeld(), 4);
 }
 
@@ -257,10 +329,7 @@ TEST_F(Exchanges, ThreadsEndWhenThereIsNothingForThem) {
         }
         ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 4; }));
         server.release();
-        ASSERT_TRUE(waitUntil([this] {
-            const std::string all = told();
-            return std::count(all.begin(), all.end(), ':') == 8;
-        }));
+        ASSERT_TRUE(waitUntil([this] { return countTold() == 8; }));
     }
     EXPECT_TRUE(waitUntil([this] { return countThreads() == m_threads; })) << countThreads();
 }
@@ -299,26 +368,144 @@ TEST_F(Exchanges, CrowdedLaneIsToldUntilItIsWorkedOff) {
     EXPECT_EQ(readBytes(ends[0], 1).substr(0, 1), "a");
 }
 
-TEST_F(Exchanges, WhatIsTooMuchForOneLaneIsDroppedWithALine) {
+TEST_F(Exchanges, FifteenHundredRequestsBehindOneExchangeAreAllAnsweredInTheirOrder) {
     HoldingServer server;
     beginExchange("a", server.url());
     ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
-    for (int i = 0; i < 1025; ++i) {
-        pushReply("a", "r");
+    std::string expected;
+    for (int i = 0; i < 1500; ++i) {
+        pushReply("a", std::to_string(i));
+        expected += "a:" + std::to_string(i) + " ";
     }
-    constexpr double kSeconds = 60;  // an instrumented program takes its time for so many lines
-    EXPECT_TRUE(waitForLogged(3,
-                              "msgHandler: exception occurred when handling message [4]: too many "
-                              "messages wait for one application",
-                              kSeconds));
+    addSession("b");
+    pushReply("b", "1");
+    ASSERT_TRUE(waitUntilTold("b:1 ", kLongSeconds)) << told();
     server.release();
-    EXPECT_TRUE(waitUntil(
-        [this] {
-            const std::string all = told();
-            return std::count(all.begin(), all.end(), ':') == 1025;  // and the completion
-        },
-        kSeconds));
-    EXPECT_TRUE(told().ends_with("a:c ")) << "the end of the exchange was dropped";
+    EXPECT_TRUE(waitUntilTold("b:1 " + expected + "a:c ", kLongSeconds)) << told();
+}
+
+// Requests of 7,000 bytes each, so that the bound is soon reached.
+TEST_F(Exchanges, RequestsBeyondTheBoundOfALaneAreAnsweredOutOfTurnAndNoneIsLost) {
+    HoldingServer server;
+    beginExchange("a", server.url());
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
+    constexpr int kRequests = 700;
+    for (int i = 0; i < kRequests; ++i) {
+        pushReply("a", longId(i));
+    }
+    addSession("b");
+    pushReply("b", "1");
+    ASSERT_TRUE(waitUntil([this] { return told().ends_with("b:1 "); }, kLongSeconds));
+    const std::vector<std::string> early = idsTold("a");
+    ASSERT_FALSE(early.empty()) << "the lane has no bound";
+    EXPECT_LT(early.size(), 200U) << "the lane takes less than 4 MiB";
+    EXPECT_EQ(countRecorded(3, "msgHandler: app id [a]: " +
+                                   std::to_string(kRequests - static_cast<int>(early.size())) +
+                                   " messages wait for its push data server, further requests do "
+                                   "not wait for their turn"),
+              1)
+        << recordedText();
+    server.release();
+    ASSERT_TRUE(waitUntil([this] { return idsTold("a").size() == kRequests + 1U; }, kLongSeconds));
+    // First those that could not wait, then the others, each in their order, and the completion.
+    std::vector<std::string> expected;
+    for (int i = 0; i < kRequests; ++i) {
+        const int waited = kRequests - static_cast<int>(early.size());
+        expected.push_back(longId((i + waited) % kRequests));
+    }
+    expected.emplace_back("c");
+    EXPECT_EQ(idsTold("a"), expected);
+}
+
+TEST_F(Exchanges, ExchangeThatAFullLaneHasNoRoomForEndsAsAFailedOne) {
+    HoldingServer server;
+    beginExchange("a", server.url());
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
+    fillLane("a");
+    push(7, std::make_unique<QuilServerRegMessage>("a", "create", "@ipc.a", server.url()));
+    auto destroy = std::make_unique<QuilServerRegMessage>("a", "destroy", "@ipc.a", server.url());
+    destroy->setRegister(false);
+    push(8, std::move(destroy));
+    addSession("b");
+    pushReply("b", "1");
+    ASSERT_TRUE(waitUntil([this] { return told().ends_with("b:1 "); }, kLongSeconds));
+    EXPECT_TRUE(m_text.find("@ipc.a\nmsg::onCreateChannelComplete\nid::create\n"
+                            "dat:json:{\"token\":\"\"}\n") != std::string::npos)
+        << m_text.substr(0, 2000);
+    EXPECT_TRUE(m_text.find("@ipc.a\nmsg::onDestroyChannelComplete\nid::destroy\nerr:n:500\n") !=
+                std::string::npos);
+    EXPECT_EQ(server.countMostHeld(), 1);
+    server.release();
+    EXPECT_TRUE(waitUntil([this] { return told().ends_with("a:c "); }, kLongSeconds))
+        << "the end of the exchange was dropped";
+    EXPECT_EQ(server.countMostHeld(), 1) << "a refused exchange was begun all the same";
+}
+
+TEST_F(Exchanges, PushThatCameOffItsPortFindsRoomInAFullLane) {
+    HoldingServer server;
+    beginExchange("a", server.url());
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
+    fillLane("a");
+    const std::string bytes = "POST /\r\nPush-Message-ID:m1\r\n\r\nhello";
+    auto message = std::make_unique<QuilPushMessage>("a", "@ipc.a");
+    message->setPayload(bytes.data(), static_cast<int>(bytes.size()));
+    Connected connection;
+    message->setSocket(connection.here);
+    connection.here = -1;
+    push(5, std::move(message));
+    addSession("b");
+    pushReply("b", "1");
+    ASSERT_TRUE(waitUntil([this] { return told().ends_with("b:1 "); }, kLongSeconds));
+    EXPECT_FALSE(connection.isClosedWithoutAByte());
+    putIntoState(*QuilSessionManager::getInstance()->getSessionByAppId("a"), STATE_REGISTER);
+    server.release();
+    EXPECT_TRUE(waitUntil([this] { return told().ends_with("a:m1 a:c "); }, kLongSeconds));
+}
+
+// Many applications of one user, with a dead server.
+TEST_F(Exchanges, AllLanesTogetherAreBoundedToo) {
+    HoldingServer server;
+    constexpr int kApplications = 10;
+    constexpr int kOfEach = 500;
+    for (int i = 0; i < kApplications; ++i) {
+        beginExchange("app" + std::to_string(i), server.url());
+    }
+    for (int i = 0; i < kApplications; ++i) {
+        for (int j = 0; j < kOfEach; ++j) {
+            pushReply("app" + std::to_string(i), longId(j));
+        }
+    }
+    // A lane that holds little has room all the same.
+    beginExchange("late", server.url());
+    pushReply("late", "1");
+    addSession("b");
+    pushReply("b", "1");
+    ASSERT_TRUE(waitUntil([this] { return told().ends_with("b:1 "); }, kLongSeconds));
+    EXPECT_TRUE(idsTold("late").empty());
+    const int outOfTurn = countTold() - 1;
+    EXPECT_GT(outOfTurn, 100) << "all lanes together have no bound";
+    EXPECT_LT(outOfTurn, 1000) << "they take less than 32 MiB";
+    server.release();
+    constexpr int kAll = kApplications * (kOfEach + 1) + 2 + 1;
+    EXPECT_TRUE(waitUntil([this] { return countTold() == kAll; }, kLongSeconds)) << countTold();
+}
+
+TEST_F(Exchanges, LaneThatWasFullTakesRequestsAgain) {
+    HoldingServer server;
+    beginExchange("a", server.url());
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
+    fillLane("a");
+    server.release();
+    ASSERT_TRUE(waitUntil([this] { return told().ends_with("a:c "); }, kLongSeconds));
+    HoldingServer next;
+    beginExchange("a", next.url(), "d");
+    ASSERT_TRUE(waitUntil([&] { return next.countHeld() == 1; }));
+    pushReply("a", "1");
+    addSession("b");
+    pushReply("b", "1");
+    EXPECT_TRUE(waitUntil([this] { return told().ends_with("a:c b:1 "); })) << "it did not wait";
+    next.release();
+    EXPECT_TRUE(waitUntil([this] { return told().ends_with("a:c b:1 a:1 a:d "); }));
 }
 
 TEST_F(Exchanges, WithoutAThreadTheExchangeHappensAllTheSame) {
@@ -340,22 +527,90 @@ TEST_F(Exchanges, WithoutAThreadTheExchangeHappensAllTheSame) {
     EXPECT_TRUE(wasLogged(3, "No thread for an exchange with a push data server"));
 }
 
+// What was parked awaits the application's client; nothing else of the application does.
+TEST_F(Exchanges, RepliesAndExchangesDoNotWaitBehindAParkedPush) {
+    HoldingServer server;
+    server.release();
+    QuilSession* session = addRegistered("a");
+    parkPush("a", "m1");
+    pushTo("a", "z", "r1");
+    EXPECT_TRUE(waitUntilTold("z:r1 ")) << told();
+    push(7, std::make_unique<QuilServerRegMessage>("a", "c", "@ipc.z", server.url()));
+    EXPECT_TRUE(waitUntilTold("z:r1 z:c ")) << told();
+    pushTo("a", "z", "r2");
+    EXPECT_TRUE(waitUntilTold("z:r1 z:c z:r2 ")) << told();
+    comeBack("a", "z", "s");
+    EXPECT_TRUE(waitUntilTold("z:r1 z:c z:r2 z:s z:m1 ")) << told();
+    EXPECT_TRUE(session->isRegistered());
+}
+
+TEST_F(Exchanges, ParkedPushesKeepTheirOrderAlsoWithThoseThatCameBehindAnExchange) {
+    HoldingServer server;
+    addRegistered("a");
+    parkPush("a", "m1");
+    push(7, std::make_unique<QuilServerRegMessage>("a", "c", "@ipc.z", server.url()));
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
+    push(5, makePush("a", "m2", "z"));
+    comeBack("a", "z", "s");
+    push(5, makePush("a", "m3", "z"));
+    pushTo("a", "z", "r");
+    server.release();
+    EXPECT_TRUE(waitUntilTold("z:s z:m1 z:m2 z:m3 z:r z:c ")) << told();
+}
+
+// The answer could not wait for its turn, but the pushes can.
+TEST_F(Exchanges, ApplicationThatReturnsWhileItsLaneIsFullGetsWhatWasParked) {
+    HoldingServer server;
+    addRegistered("a");
+    parkPush("a", "m1");
+    push(7, std::make_unique<QuilServerRegMessage>("a", "c", "@ipc.z", server.url()));
+    ASSERT_TRUE(waitUntil([&] { return server.countHeld() == 1; }));
+    fillLane("a");
+    comeBack("a", "z", "s");
+    ASSERT_TRUE(waitUntil([this] { return told().ends_with("z:s "); })) << told().size();
+    push(5, makePush("a", "m2", "z"));
+    server.release();
+    ASSERT_TRUE(waitUntil([this] { return idsTold("z").size() == 4; }, kLongSeconds))
+        << idsTold("z").size();
+    EXPECT_EQ(idsTold("z"), (std::vector<std::string>{"s", "c", "m1", "m2"}));
+}
+
+TEST_F(Exchanges, ParkedPushIsClosedWhenItsChannelEnds) {
+    QuilSession* session = addRegistered("a");
+    Connected connection;
+    auto message = makePush("a", "m1");
+    message->setSocket(connection.here);
+    connection.here = -1;
+    parkPush("a", std::move(message));
+    push(3, std::make_unique<QuilDestroyChannelCompleteMessage>("a", "d", "@ipc.z"));
+    EXPECT_TRUE(waitUntilTold("z:d ")) << told();
+    EXPECT_TRUE(session->isDeleted());
+    EXPECT_TRUE(waitUntil([&] { return connection.isClosedWithoutAByte(); }));
+    comeBack("a", "z", "s");
+    pushTo("a", "z", "r");
+    EXPECT_TRUE(waitUntilTold("z:d z:s z:r ")) << told();
+}
+
+TEST_F(Exchanges, ParkedPushStaysWhenItsChannelCouldNotBeEnded) {
+    addRegistered("a");
+    parkPush("a", "m1");
+    auto failed = std::make_unique<QuilDestroyChannelCompleteMessage>("a", "d", "@ipc.z");
+    failed->setErrorCode(10103);
+    push(3, std::move(failed));
+    comeBack("a", "z", "s");
+    EXPECT_TRUE(waitUntilTold("z:d z:s z:m1 ")) << told();
+}
+
 // A push that came off its port just before the object service ended is not lost.
 TEST_F(Exchanges, PushThatWasTakenBeforeTheServiceEndedWaitsForItsApplication) {
     addSession("a");
     QuilSession* session = QuilSessionManager::getInstance()->getSessionByAppId("a");
     putIntoState(*session, STATE_REGISTER);
-    const auto makePush = [](const std::string& id) {
-        const std::string bytes = "POST /\r\nPush-Message-ID:" + id + "\r\n\r\nhello";
-        auto push_ = std::make_unique<QuilPushMessage>("a", "@ipc.a");
-        push_->setPayload(bytes.data(), static_cast<int>(bytes.size()));
-        return push_;
-    };
     Connected connection;
-    auto first = makePush("m1");
+    auto first = makePush("a", "m1");
     first->setSocket(connection.here);
     connection.here = -1;
-    auto second = makePush("m2");
+    auto second = makePush("a", "m2");
     // The service ends, with both of them on their way.
     QuilSessionManager::getInstance()->forgetClients();
     endServiceLife();
@@ -373,7 +628,7 @@ TEST_F(Exchanges, PushThatWasTakenBeforeTheServiceEndedWaitsForItsApplication) {
     session->acknowledgePush("m1", true);
     EXPECT_EQ(connection.readUntilClosed().size(), 72U);
     // And all is as before.
-    push(5, makePush("m3"));
+    push(5, makePush("a", "m3"));
     EXPECT_TRUE(waitUntil([this] { return told().ends_with("a:m3 "); })) << told();
 }
 

@@ -120,6 +120,64 @@ TEST_F(PushListener, PushThatIsTooLargeIsNotReadToItsEnd) {
     endless.join();
 }
 
+// Its sender stops, and waits, when all that can be held has come.
+TEST_F(PushListener, PushThatAnnouncedMoreIsRefusedAsSoonAsThePayloadIsFull) {
+    const Peer sender(portNumber());
+    sender.send(headerOf(5000, 2000000) + xs(kMostPushBytes - 5000));
+    ASSERT_TRUE(hasWaitingConnection(10));
+    serverIfProcessData(&m_session->getPort());
+    EXPECT_EQ(countSetAsideConnections(), 0) << "more was waited for";
+    const auto push = takePush();
+    ASSERT_NE(push, nullptr);
+    EXPECT_EQ(push->getPayloadLength(), 15360);
+    EXPECT_EQ(push->getDataLength(), 10360);
+    EXPECT_NE(push->getSocket(), -1);
+    EXPECT_EQ(encoded(push.get()), "error 10109");
+    EXPECT_EQ(linesOf({"push_intake.cpp", "push_connection.cpp", "connection.cpp"}),
+              "5 serverIfProcessData 1: recved [15360] bytes of data\n"
+              "6 serverIfProcessData 1.1: recved [15360] bytes of data\n"
+              "6 serverIfProcessData 2: recved [-1] bytes of data\n");
+}
+
+TEST_F(PushListener, PushThatFillsThePayloadInSeveralReadsIsRefusedAtOnceToo) {
+    const Peer sender(portNumber());
+    sender.send(headerOf(5000, 10361) + xs(10000));
+    ASSERT_TRUE(hasWaitingConnection(10));
+    serverIfProcessData(&m_session->getPort());
+    ASSERT_EQ(countSetAsideConnections(), 1);
+    sender.send(xs(360));
+    ASSERT_TRUE(serveOnce(10));
+    EXPECT_EQ(countSetAsideConnections(), 0) << "more was waited for";
+    const auto push = takePush();
+    ASSERT_NE(push, nullptr);
+    EXPECT_EQ(push->getDataLength(), 10360);
+    EXPECT_EQ(encoded(push.get()), "error 10109");
+}
+
+// What was announced is there to the last byte.
+TEST_F(PushListener, PushThatFillsThePayloadExactlyIsWhole) {
+    const Peer sender(portNumber());
+    sender.send(headerOf(5000, 10360) + xs(10359));
+    ASSERT_TRUE(hasWaitingConnection(10));
+    serverIfProcessData(&m_session->getPort());
+    sender.send("x");
+    ASSERT_TRUE(serveOnce(10));
+    const auto push = takePush();
+    ASSERT_NE(push, nullptr);
+    EXPECT_EQ(encoded(push.get()).size(), (10360U + 2) / 3 * 4);
+}
+
+// Complete after its one read: nobody knows yet that data follows.
+TEST_F(PushListener, HeaderBlockThatFillsThePushIsDeliveredWithoutDataWhenNothingFollows) {
+    const Peer sender(portNumber());
+    sender.send(headerOf(kMostPushBytes, 5));
+    process();
+    const auto push = takePush();
+    ASSERT_NE(push, nullptr);
+    EXPECT_EQ(push->getDataLength(), 0);
+    EXPECT_EQ(encoded(push.get()), "");
+}
+
 TEST_F(PushListener, HeaderBlockThatFillsThePushIsRefusedWhenDataFollows) {
     const Peer sender(portNumber());
     sender.send(headerOf(kMostPushBytes, 5) + "hello");

@@ -9,13 +9,16 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "agent/configuration/config_manager.hpp"
 #include "agent/connections/connection.hpp"
+#include "agent/connections/owned_socket.hpp"
 #include "agent/messages/message_queue.hpp"
 #include "agent/messages/push_message.hpp"
 #include "agent/pushes/push_intake.hpp"
@@ -25,6 +28,19 @@
 // A push of 65 bytes, 60 of them its header block.
 inline const std::string kExample =
     "POST /x HTTP/1.1\r\nContent-Length: 5\r\nPush-Message-ID: m1\r\n\r\nhello";
+
+// Every descriptor with a number below `end`, from `first` on, that the limit leaves; held as long
+// as the result lives.
+inline std::vector<std::unique_ptr<OwnedSocket>> takeDescriptors(int first = 0, int end = INT_MAX) {
+    std::vector<std::unique_ptr<OwnedSocket>> all;
+    for (;;) {
+        auto next = std::make_unique<OwnedSocket>(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, first));
+        if (next->get() == -1 || next->get() >= end) {
+            return all;
+        }
+        all.push_back(std::move(next));
+    }
+}
 
 class PushListener : public ::testing::Test {
   protected:
@@ -109,6 +125,16 @@ class PushListener : public ::testing::Test {
             m_kept.push_back(std::make_unique<Kept>(push->getSocket()));
         }
         return std::make_unique<QuilPushMessage>(*push);
+    }
+    // The connection of the oldest push in the queue, which is the caller's then; -1 for none.
+    int takeConnection() {
+        if (!isQueued()) {
+            return -1;
+        }
+        ++m_taken;
+        const std::unique_ptr<QuilMessageNode> node = QuilMessageManager::getInstance()->pop();
+        const auto* push = dynamic_cast<const QuilPushMessage*>(node->getMessage());
+        return push == nullptr ? -1 : push->getSocket();
     }
     // The data part of a push as base64, or "error CODE".
     static std::string encoded(QuilPushMessage* push) {

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
@@ -161,6 +162,38 @@ TEST_F(DataManager, WithoutAHandleLoadFindsNothingAndSaveOnlyCounts) {
     clearRecordedLines();
     EXPECT_EQ(manager().save(), 1);
     EXPECT_TRUE(wasLogged(5, "Save: Wrote -1 bytes to pps.")) << recordedText();
+}
+
+TEST_F(DataManager, ReopeningSavesIntoTheObjectThatIsThereNow) {
+    m_platform.makeFolders(kFolder);
+    manager();
+    std::filesystem::remove(m_platform.real(kObject));  // what is open now is nobody's any more
+    EXPECT_EQ(manager().reopenAndSave(), 1);
+    EXPECT_NE(m_platform.read(kObject), "");
+}
+
+// The object service came back and went again, or had no descriptor left, in that moment.
+TEST_F(DataManager, ReopeningThatFailedIsTriedAgainAtEachSave) {
+    m_platform.makeFolders(kFolder);
+    manager();
+    const std::string object = m_platform.real(kObject);
+    std::filesystem::remove(object);
+    std::filesystem::create_directory(object);  // which cannot be opened for writing
+    clearRecordedLines();
+    EXPECT_EQ(manager().reopenAndSave(), 0);
+    const std::string failed =
+        "Could not open PPS file [/pps/services/push/quilagent], errno=" + std::to_string(EISDIR);
+    EXPECT_EQ(countRecorded(3, failed), 1) << recordedText();
+    manager().save();
+    EXPECT_EQ(countRecorded(3, failed), 2) << recordedText();
+    std::filesystem::remove(object);
+    EXPECT_EQ(manager().save(), 1);
+    EXPECT_NE(m_platform.read(kObject), "") << "saved to an object that is gone";
+    EXPECT_EQ(countRecorded(3, failed), 2);
+    // And then it is left open.
+    std::filesystem::remove(object);
+    EXPECT_EQ(manager().save(), 1);
+    EXPECT_FALSE(std::filesystem::exists(object));
 }
 
 TEST_F(DataManager, FirstStartLoadsNothing) {
