@@ -358,6 +358,50 @@ TEST_F(PpsdAttack, FilesObjectsAndBytesOfOneUserEndWithItsShares) {
     EXPECT_EQ(PpsFile(path("/roots"), kCreate).write(line(60000)), 0);
 }
 
+TEST_F(PpsdAttack, RootHasNoShare) {
+    startService({"--user-memory", "100000", "--user-files", "10", "--user-objects", "5",
+                  "--user-store", "50000"});
+    std::vector<PpsFile> objects;
+    for (int i = 0; i < 20; ++i) {
+        objects.emplace_back(path("/o" + std::to_string(i)), kCreate);
+        ASSERT_EQ(objects.back().error(), 0) << "open files and objects";
+        ASSERT_EQ(objects.back().write(line(20000)), 0) << "bytes of objects";
+    }
+    PpsFile server(path("/ipc?server"), kCreate);
+    const PpsFile client(path("/ipc"), O_RDWR);
+    EXPECT_EQ(server.write(line(200000)), 0) << "messages for its client";
+    EXPECT_EQ(client.write(line(200000)), 0) << "messages of its client";
+}
+
+TEST_F(PpsdAttack, ServingAndReadingWaitForNoSyncInTheSameFolder) {
+    m_ppsd.preload("slow_sync");
+    setenv("QUIL_SYNC_MILLISECONDS", "0", 1);
+    startService();
+    PpsFile object(path("/obj"), kCreate);
+    ASSERT_EQ(object.write("a::1\n"), 0);
+    ASSERT_EQ(m_ppsd.stop(), 0);
+    setenv("QUIL_SYNC_MILLISECONDS", "1000", 1);
+    ASSERT_TRUE(m_ppsd.start());
+    object = PpsFile(path("/obj"), O_RDWR);
+    std::atomic<bool> isDone = false;
+    std::thread writer([&] {
+        EXPECT_EQ(object.write("a::2\n"), 0);
+        isDone = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    PpsFile server(path("/ipc?server"), kCreate);
+    PpsFile client(path("/ipc"), O_RDWR);
+    EXPECT_EQ(client.write("a::1\n"), 0);
+    EXPECT_EQ(server.events() & POLLIN, POLLIN);
+    EXPECT_EQ(server.read()[0], '+');
+    EXPECT_EQ(server.write("b::1\n"), 0);
+    EXPECT_EQ(client.read(), "@ipc\nb::1\n");
+    EXPECT_EQ(PpsFile(path("/obj"), O_RDONLY).read(), "@obj\na::1\n") << "not there yet";
+    EXPECT_FALSE(isDone) << "the writer was to wait all this time";
+    writer.join();
+    EXPECT_EQ(PpsFile(path("/obj"), O_RDONLY).read(), "@obj\na::2\n");
+}
+
 // Root has no share that would stop it.
 TEST_F(PpsdAttack, WantOfMemoryIsTheErrorOfWhoeverAskedAndTheServiceLives) {
     if (kIsInstrumented) {

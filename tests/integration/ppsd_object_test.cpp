@@ -1,6 +1,7 @@
 // Ordinary objects on a live mount.
 
 #include <gtest/gtest.h>
+#include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/stat.h>
@@ -368,6 +369,37 @@ TEST_F(PpsdObject, PollWakesWithTheChange) {
         EXPECT_TRUE(woken.get());
         reader.read();
     }
+}
+
+// Edge-triggered, a descriptor that is readable all the time is reported again only when somebody
+// was woken for it.
+TEST_F(PpsdObject, PollerIsNotWokenForWhatDoesNotConcernIt) {
+    PpsFile writer(path(), m_readWriteCreate);
+    PpsFile otherWriter(path("/other"), m_readWriteCreate);
+    writer.write("a::1\n");
+    PpsFile reader(path(), O_RDONLY);
+    PpsFile otherReader(path("/other"), O_RDONLY);
+    const int set = epoll_create1(EPOLL_CLOEXEC);
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLET;
+    for (const PpsFile* file : {&reader, &otherReader}) {
+        event.data.fd = file->fd();
+        ASSERT_EQ(epoll_ctl(set, EPOLL_CTL_ADD, file->fd(), &event), 0);
+    }
+    ASSERT_EQ(epoll_wait(set, &event, 1, kPatienceMilliseconds), 1);
+    EXPECT_EQ(event.data.fd, reader.fd());
+    EXPECT_EQ(epoll_wait(set, &event, 1, kQuietMilliseconds), 0);
+    otherWriter.write("a::1\n");
+    ASSERT_EQ(epoll_wait(set, &event, 1, kPatienceMilliseconds), 1);
+    EXPECT_EQ(event.data.fd, otherReader.fd());
+    EXPECT_EQ(epoll_wait(set, &event, 1, kQuietMilliseconds), 0);
+    writer.write("a::1\n");
+    chmod(path().c_str(), 0600);
+    EXPECT_EQ(epoll_wait(set, &event, 1, kQuietMilliseconds), 0) << "the same text as before";
+    writer.write("a::2\n");
+    ASSERT_EQ(epoll_wait(set, &event, 1, kPatienceMilliseconds), 1);
+    EXPECT_EQ(event.data.fd, reader.fd());
+    close(set);
 }
 
 TEST_F(PpsdObject, SelectSeesReadableAndWritable) {

@@ -187,3 +187,38 @@ TEST_F(PpsdPermission, ThreadThatOpensIsToldAsItsProcess) {
     EXPECT_NE(notice.find("\npid:n:" + std::to_string(getpid()) + "\n"), std::string::npos)
         << notice;
 }
+
+TEST_F(PpsdPermission, ListOfClientsIsForRootTheOwnerAndTheServersUser) {
+    ASSERT_EQ(chmod(path("").c_str(), 0777), 0);
+    constexpr uid_t kOwner = 65532;
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const pid_t child = startAs(kOther, [&] {
+        const PpsFile server(path("/ipc?server"), kCreate);
+        return write(ends[1], "x", 1) == 1 ? pause() : 1;
+    });
+    char byte = 0;
+    ASSERT_EQ(read(ends[0], &byte, 1), 1);
+    ASSERT_EQ(chown(path("/ipc").c_str(), kOwner, kOwner), 0);
+    ASSERT_EQ(chmod(path("/ipc").c_str(), 0666), 0);
+    const PpsFile client(path("/ipc"), O_RDWR);
+    const auto listAs = [&](uid_t user) {
+        return asOther(
+            [&] {
+                const PpsFile list(path("/ipc?clients"), O_RDONLY);
+                const bool isWhole = list.read().find("\"uid\":0,") != std::string::npos;
+                return list.error() != 0 ? list.error() : isWhole ? 0 : 1;
+            },
+            user);
+    };
+    EXPECT_EQ(listAs(kOwner), 0);
+    EXPECT_EQ(listAs(kOther), 0) << "the server's user";
+    EXPECT_EQ(listAs(0), 0);
+    EXPECT_EQ(listAs(kThird), EACCES);
+    EXPECT_EQ(PpsFile(path("/ipc?clients"), O_RDWR).error(), EACCES) << "not even root writes it";
+    ASSERT_EQ(chmod(path("/ipc").c_str(), 0600), 0);
+    EXPECT_EQ(listAs(kOther), EACCES) << "the mode holds too";
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(PpsFile(path("/ipc?clients"), O_RDONLY).error(), ENOENT);
+}

@@ -173,6 +173,42 @@ TEST_F(PpsdServed, EpollReportsEachMessageUntilItIsRead) {
     close(set);
 }
 
+// Edge-triggered, a descriptor that is readable all the time is reported again only when somebody
+// was woken for it.
+TEST_F(PpsdServed, PollerIsNotWokenForTheMessagesOfOthers) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile first(path(), O_RDWR);
+    const std::string firstTag = tagOf(server.read());
+    PpsFile second(path(), O_RDWR);
+    const std::string secondTag = tagOf(server.read());
+    const int set = epoll_create1(EPOLL_CLOEXEC);
+    for (const PpsFile* file : {&server, &first, &second}) {
+        epoll_event event{};
+        event.events = EPOLLIN | EPOLLET;
+        event.data.fd = file->fd();
+        ASSERT_EQ(epoll_ctl(set, EPOLL_CTL_ADD, file->fd(), &event), 0);
+    }
+    const auto woken = [&] {
+        epoll_event events[4];
+        std::set<int> found;
+        int wait = kPatienceMilliseconds;
+        for (int count = 1; count > 0; wait = kQuietMilliseconds) {
+            count = epoll_wait(set, events, 4, wait);
+            for (int i = 0; i < count; ++i) {
+                found.insert(events[i].data.fd);
+            }
+        }
+        return found;
+    };
+    EXPECT_EQ(server.write(firstTag + "\na::1\n"), 0);
+    EXPECT_EQ(woken(), std::set<int>{first.fd()});
+    EXPECT_EQ(server.write(secondTag + "\na::1\n"), 0);
+    EXPECT_EQ(woken(), std::set<int>{second.fd()});
+    EXPECT_EQ(second.write("a::1\n"), 0);
+    EXPECT_EQ(woken(), std::set<int>{server.fd()});
+    close(set);
+}
+
 TEST_F(PpsdServed, ServerReadsOpeningMessagesAndClosingOneByOneOldestFirst) {
     PpsFile server(serverPath(), kServer);
     {
@@ -264,6 +300,18 @@ TEST_F(PpsdServed, WhatDoesNotFitTheServersBufferIsDiscarded) {
     EXPECT_EQ(server.read(3), "+@i");
     EXPECT_EQ(server.read(4), "@ipc");
     EXPECT_TRUE(contains(server.read(), "\nsecond::message\n"));
+    EXPECT_EQ(server.read(), "");
+}
+
+TEST_F(PpsdServed, NoticeThatDoesNotFitTheServersBufferIsNotContinued) {
+    PpsFile server(serverPath(), kServer);
+    PpsFile client(path(), O_RDWR);
+    EXPECT_EQ(server.read(8).substr(0, 6), "+@ipc.");
+    EXPECT_EQ(server.read(), "") << "who opened is lost, and no line of it comes as a message";
+    client.write("a::1\n");
+    EXPECT_TRUE(contains(server.read(), "\na::1\n"));
+    client.shut();
+    EXPECT_EQ(server.read(2), "-@");
     EXPECT_EQ(server.read(), "");
 }
 
@@ -451,6 +499,54 @@ TEST_F(PpsdServed, ClientOfAKilledServerIsHungUpAndFindsTheNextServer) {
     EXPECT_EQ(next.read().substr(0, 6), "+@ipc.");
 }
 
+TEST_F(PpsdServed, EveryWaiterOfAKilledServerIsLetGo) {
+    int toServer[2];
+    int fromServer[2];
+    ASSERT_EQ(pipe(toServer), 0);
+    ASSERT_EQ(pipe(fromServer), 0);
+    const std::string object = serverPath();
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        PpsFile server(object, kServer);
+        char byte = 'x';
+        if (server.error() != 0 || write(fromServer[1], &byte, 1) != 1 ||
+            read(toServer[0], &byte, 1) != 1 || server.write("a::1\n") != 0 ||
+            write(fromServer[1], &byte, 1) != 1) {
+            _exit(1);
+        }
+        pause();
+        _exit(0);
+    }
+    char byte = 0;
+    ASSERT_EQ(read(fromServer[0], &byte, 1), 1);
+    PpsFile silent(path("/ipc?wait"), O_RDWR);
+    PpsFile reader(path("/ipc?wait"), O_RDWR);
+    PpsFile poller(path(), O_RDWR);
+    ASSERT_EQ(write(toServer[1], &byte, 1), 1);
+    ASSERT_EQ(read(fromServer[0], &byte, 1), 1);
+    EXPECT_EQ(reader.read(), "@ipc\na::1\n");
+    EXPECT_EQ(poller.read(), "@ipc\na::1\n");
+    auto read = std::async(std::launch::async, [&] { return reader.read(); });
+    auto polled = std::async(std::launch::async,
+                             [&] { return poller.events(kPatienceMilliseconds, POLLIN); });
+    EXPECT_EQ(read.wait_for(std::chrono::milliseconds(kQuietMilliseconds)),
+              std::future_status::timeout);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(read.get(), "-@ipc\n");
+    EXPECT_EQ(reader.read(), "");
+    EXPECT_EQ(polled.get(), POLLIN | POLLHUP);
+    EXPECT_EQ(poller.read(), "-@ipc\n");
+    EXPECT_EQ(poller.read(), "");
+    EXPECT_EQ(silent.read(), "@ipc\na::1\n") << "what was queued comes first";
+    EXPECT_EQ(silent.read(), "-@ipc\n");
+    EXPECT_EQ(silent.read(), "");
+    for (const int end : {toServer[0], toServer[1], fromServer[0], fromServer[1]}) {
+        close(end);
+    }
+}
+
 TEST_F(PpsdServed, WaitingReadEndsWithTheNoticeWhenTheServerCloses) {
     PpsFile server(serverPath(), kServer);
     PpsFile client(path("/ipc?wait"), O_RDWR);
@@ -459,6 +555,41 @@ TEST_F(PpsdServed, WaitingReadEndsWithTheNoticeWhenTheServerCloses) {
               std::future_status::timeout);
     server.shut();
     EXPECT_EQ(waiting.get(), "-@ipc\n");
+}
+
+TEST_F(PpsdServed, ListOfClientsFollowsWhoComesAndGoes) {
+    PpsFile server(serverPath(), kServer);
+    const auto list = [&] { return PpsFile(path("/ipc?clients"), O_RDONLY).read(); };
+    const auto lineOf = [](const std::string& tag) {
+        return tag.substr(5) + ":json:{\"uid\":" + std::to_string(getuid()) +
+               ",\"gid\":" + std::to_string(getgid()) + ",\"pid\":" + std::to_string(getpid()) +
+               "}\n";
+    };
+    EXPECT_EQ(list(), "@ipc\n");
+    PpsFile first(path(), O_RDWR);
+    const std::string firstLine = lineOf(tagOf(server.read()));
+    PpsFile second(path(), O_RDONLY);
+    const std::string secondLine = lineOf(tagOf(server.read()));
+    EXPECT_EQ(list(), "@ipc\n" + firstLine + secondLine);
+    PpsFile kept(path("/ipc?clients"), O_RDONLY);
+    first.shut();
+    EXPECT_EQ(list(), "@ipc\n" + secondLine);
+    EXPECT_EQ(server.read()[0], '-') << "whoever asks for the list is no client";
+    EXPECT_EQ(server.read(), "");
+    EXPECT_EQ(kept.read(5), "@ipc\n");
+    EXPECT_EQ(kept.read(), firstLine + secondLine) << "as it was at the opening";
+    EXPECT_EQ(kept.read(), "");
+    EXPECT_EQ(PpsFile(path("/ipc?clients"), O_RDWR).error(), EACCES);
+    EXPECT_EQ(PpsFile(path("/ipc?clients"), O_WRONLY).error(), EACCES);
+}
+
+TEST_F(PpsdServed, ListOfClientsTakesAServer) {
+    EXPECT_EQ(PpsFile(path("/ipc?clients"), O_RDONLY).error(), ENOENT);
+    EXPECT_EQ(PpsFile(path("/ipc?clients"), kServer).error(), ENOENT);
+    PpsFile(path(), kServer).write("a::1\n");
+    EXPECT_EQ(PpsFile(path("/ipc?clients"), O_RDONLY).error(), ENOENT);
+    PpsFile(serverPath(), kServer);
+    EXPECT_EQ(PpsFile(path("/ipc?clients"), O_RDONLY).error(), ENOENT);
 }
 
 TEST_F(PpsdServed, TruncatingClientsHarmNobody) {
