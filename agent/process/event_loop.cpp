@@ -178,12 +178,11 @@ class PortLines {
 };
 
 // False when a descriptor that the loop cannot do without is out of range.
-bool buildSet(const std::vector<QuilPort*>& ports, DescriptorSet* set) {
+bool buildSet(const std::vector<QuilPort*>& ports, PortLines* lines, DescriptorSet* set) {
     QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Waiting (select)...");
     const Room room;
     const bool takesPushes = room.forPushes() && !isPushIntakePaused();
-    static PortLines lines;
-    lines.log(ports, [](int port, int socket) {
+    lines->log(ports, [](int port, int socket) {
         QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: setting rfds: port [%d] fd[%d]", port, socket);
     });
     for (const QuilPort* port : ports) {
@@ -331,11 +330,10 @@ void takeFirstPorts(std::vector<QuilPort*>* taken) {
               });
 }
 
-void takeNextPorts(std::vector<QuilPort*>* taken) {
+void takeNextPorts(PortLines* lines, std::vector<QuilPort*>* taken) {
     takePorts(taken, "quilAgentLoop: exception occurred when trying to get all ports",
-              [](const std::vector<QuilPort*>& ports) {
-                  static PortLines lines;
-                  lines.log(ports, [](int port, int socket) {
+              [lines](const std::vector<QuilPort*>& ports) {
+                  lines->log(ports, [](int port, int socket) {
                       QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop 2: port[%d] fd[%d]", port, socket);
                   });
               });
@@ -368,6 +366,8 @@ void quilAgentLoop() {
     g_intake = openPushIntake();
     g_clientWatch.watch(g_clientDescriptor);
     std::vector<QuilPort*> ports;
+    PortLines setLines;
+    PortLines nextLines;
     takeFirstPorts(&ports);
     if (g_sessions->processSimChange(quilDestroyChannel) == 0) {
         QUIL_LOG(LOG_LEVEL_ERROR, "QuilAgent: process SIM Change failed!");
@@ -376,7 +376,7 @@ void quilAgentLoop() {
     QUIL_LOG(LOG_LEVEL_INFO, "Entering quilAgentLoop...");
     for (;;) {
         DescriptorSet set;
-        if (!buildSet(ports, &set)) {
+        if (!buildSet(ports, &setLines, &set)) {
             return;
         }
         waitForEvents(&set);
@@ -393,7 +393,7 @@ void quilAgentLoop() {
         if (set.has(g_pipeReadEnd)) {
             serveWakeUp();
         }
-        takeNextPorts(&ports);
+        takeNextPorts(&nextLines, &ports);
         QUIL_LOG(LOG_LEVEL_INFO, "\n\n");
     }
 }
