@@ -21,10 +21,25 @@ constexpr std::uint64_t kMostReserved = 128;
 constexpr std::uint64_t kMostSetAside = 1024;
 constexpr std::uint64_t kMostParked = 1024;
 
+// Main thread only, like all that accepts: the end of their numbers as it was when it mattered
+// last, and the number that a push was given last.
+int g_knownEnd = 0;
+int g_lastNumber = INT_MAX;
+
+// Far from the end, wherever that has moved meanwhile: there is nothing to look into, which would
+// cost more system calls than all else about a descriptor.
+bool isFarFromEnd(int number) {
+    return number < g_knownEnd / 2;
+}
+
 // The lowest free number among those of pushes, opened for `socket`; -1 for none.
 int duplicateForPush(int socket) {
-    const PushDescriptors theirs = pushDescriptors();
     int number = fcntl(socket, F_DUPFD_CLOEXEC, FIRST_HIGH_DESCRIPTOR);
+    if (number != -1 && isFarFromEnd(number)) {
+        return number;
+    }
+    const PushDescriptors theirs = pushDescriptors();
+    g_knownEnd = theirs.end;
     if (number == -1 && theirs.first < FIRST_HIGH_DESCRIPTOR) {
         number = fcntl(socket, F_DUPFD_CLOEXEC, theirs.first);
     }
@@ -59,7 +74,11 @@ PushDescriptors pushDescriptors() {
     return pushDescriptorsFor(isKnown ? limit.rlim_cur : RLIM_INFINITY);
 }
 
+// Numbers are given from the lowest on, one at a time.
 bool isDescriptorLeftForPush() {
+    if (isFarFromEnd(g_lastNumber)) {
+        return true;
+    }
     const int number = duplicateForPush(STDIN_FILENO);  // which start-up has seen to
     if (number == -1) {
         return errno == EBADF;  // without it nothing is known, and accept will tell
@@ -70,6 +89,7 @@ bool isDescriptorLeftForPush() {
 
 int moveToPushDescriptor(int socket) {
     const int number = duplicateForPush(socket);
+    g_lastNumber = number == -1 ? INT_MAX : number;
     if (number == -1) {
         return socket;
     }

@@ -5,7 +5,6 @@
 
 #include "agent/pushes/push_connection.hpp"
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -114,8 +113,8 @@ int PushConnection::readBehindPush(int lastCount) {
     if (lastCount <= 0) {
         return lastCount;
     }
-    fcntl(m_socket.get(), F_SETFL, O_NONBLOCK);
-    const int count = static_cast<int>(recv(m_socket.get(), g_buffer.data(), g_buffer.size(), 0));
+    const int count =
+        static_cast<int>(recv(m_socket.get(), g_buffer.data(), g_buffer.size(), MSG_DONTWAIT));
     QUIL_LOG(LOG_LEVEL_DEBUG, "serverIfProcessData 2: recved [%d] bytes of data", count);
     const bool isShort =
         m_push->getContentLength() >= 1 && m_push->getDataLength() < m_push->getContentLength();

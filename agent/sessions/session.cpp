@@ -20,6 +20,9 @@
 
 namespace {
 
+// No limit is so low that so few are too many; asking for it costs a system call.
+constexpr std::size_t kFewPushSockets = 8;
+
 using Lock = QuilLock<QuilRecursiveMutex>;
 
 // Whether nobody waits on that connection any more, as far as can be told.
@@ -239,7 +242,7 @@ int QuilSession::acceptOnPort() {
         errno = 0;
         return -1;
     }
-    return accept4(m_port.getSocket(), nullptr, nullptr, SOCK_CLOEXEC);
+    return accept4(m_port.getSocket(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
 }
 
 int QuilSession::getChannelRequests() const {
@@ -325,7 +328,8 @@ void QuilSession::makeRoomForPushSocket(const std::string& pushId) {
     if (held != m_pushSockets.end() && isDead(*held->second.socket)) {
         erasePushSocket(held);
     }
-    while (m_pushSockets.size() >= pushDescriptors().mostKeptOfOneSession) {
+    while (m_pushSockets.size() >= kFewPushSockets &&
+           m_pushSockets.size() >= pushDescriptors().mostKeptOfOneSession) {
         giveUpOldest();
     }
 }
