@@ -556,10 +556,11 @@ TEST_F(EventLoop, PushWaitsWithItsSenderWhileManyMessagesWait) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
     QuilMessageManager* queue = QuilMessageManager::getInstance();
-    auto gate = std::make_unique<LogGate>("4 received");
+    auto gate = std::make_unique<LogGate>("5 received");
+    // Counted as pushes, and too odd to be delivered.
     for (int i = 0; i < 300; ++i) {
         queue->push(std::make_unique<QuilMessageNode>(
-            4, std::make_unique<QuilResponseMessage>("app", "r", "@ipc.99")));
+            MESSAGE_PUSH, std::make_unique<QuilResponseMessage>("app", "r", "@ipc.99")));
     }
     ASSERT_TRUE(gate->waitUntilHeld());
     wakeMainLoop();
@@ -572,4 +573,26 @@ TEST_F(EventLoop, PushWaitsWithItsSenderWhileManyMessagesWait) {
     EXPECT_TRUE(waitForLogged(5, "----------------- PPS_CREATED------------------------------"));
     gate.reset();
     EXPECT_TRUE(waitForLogged(5, receiving(listener, "app")));
+}
+
+TEST_F(EventLoop, RequestWaitsWithTheObjectServiceWhileOthersWait) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    QuilMessageManager* queue = QuilMessageManager::getInstance();
+    auto gate = std::make_unique<LogGate>("4 received");
+    for (int i = 0; i < 20; ++i) {
+        queue->push(std::make_unique<QuilMessageNode>(
+            MESSAGE_RESPONSE, std::make_unique<QuilResponseMessage>("app", "r", "@ipc.99")));
+    }
+    ASSERT_TRUE(gate->waitUntilHeld());
+    wakeMainLoop();
+    ASSERT_TRUE(waitForPasses(2));
+    const int before = passes();
+    sendRequest(golden("requests_client_connected.txt"));
+    EXPECT_FALSE(waitUntil([before] { return passes() > before; }, 0.1)) << "it was read";
+    // Pushes still come in.
+    sendPush(listener.port);
+    EXPECT_TRUE(waitForLogged(5, receiving(listener, "app")));
+    gate.reset();
+    EXPECT_TRUE(waitForLogged(5, "----------------- PPS_CREATED------------------------------"));
 }
