@@ -9,6 +9,28 @@
 #include "agent/support/log.hpp"
 #include "agent/support/wake_up.hpp"
 
+namespace {
+
+bool isPush(const QuilMessageNode& node) {
+    return node.getType() == MESSAGE_PUSH;
+}
+
+// Whether there are many; then whoever takes them away will find the flag. They may have gone
+// meanwhile, perhaps before anybody could see it.
+bool holdsBack(const std::atomic<int>& count, int many, std::atomic<bool>* isHeldBack) {
+    if (count < many) {
+        return false;
+    }
+    *isHeldBack = true;
+    if (count >= many) {
+        return true;
+    }
+    *isHeldBack = false;
+    return false;
+}
+
+}  // namespace
+
 void closeConnectionOf(const QuilMessageNode& node) {
     const auto* push = dynamic_cast<const QuilPushMessage*>(node.getMessage());
     if (push != nullptr && push->getSocket() != -1) {
@@ -62,6 +84,7 @@ bool QuilMessageManager::append(std::unique_ptr<QuilMessageNode>* node) {
             return false;
         }
         m_size = static_cast<int>(m_nodes.size());
+        m_requests += isPush(*m_nodes.back()) ? 0 : 1;
         isAwaited = m_waiting > 0;
     }
     // Behind the lock, so that the reader does not wake up only to wait for it.
@@ -72,15 +95,21 @@ bool QuilMessageManager::append(std::unique_ptr<QuilMessageNode>* node) {
 }
 
 bool QuilMessageManager::isCrowded() {
-    if (m_size < kManyNodes) {
-        return false;
+    return holdsBack(m_size, kManyNodes, &m_isLoopHeldBack);
+}
+
+bool QuilMessageManager::hasManyRequests() {
+    return holdsBack(m_requests, kManyRequests, &m_areRequestsHeldBack);
+}
+
+// `size` is that of before, as the log shows it.
+void QuilMessageManager::wakeLoopIfRoom(int size) {
+    const bool hasRoom = size <= kFewNodes && m_isLoopHeldBack.exchange(false);
+    const bool hasRoomForRequests =
+        m_requests < kFewRequests && m_areRequestsHeldBack.exchange(false);
+    if (hasRoom || hasRoomForRequests) {
+        wakeMainLoop();
     }
-    m_isLoopHeldBack = true;
-    if (m_size >= kManyNodes) {
-        return true;
-    }
-    m_isLoopHeldBack = false;  // they went meanwhile, perhaps before anybody could see the flag
-    return false;
 }
 
 std::unique_ptr<QuilMessageNode> QuilMessageManager::pop() {
@@ -99,9 +128,7 @@ std::unique_ptr<QuilMessageNode> QuilMessageManager::pop() {
         node = take(&size);
     }
     QUIL_LOG(LOG_LEVEL_INFO, "pop: size of queue %d\n", size);
-    if (size <= kFewNodes && m_isLoopHeldBack.exchange(false)) {
-        wakeMainLoop();
-    }
+    wakeLoopIfRoom(size);
     return node;
 }
 
@@ -114,6 +141,7 @@ std::unique_ptr<QuilMessageNode> QuilMessageManager::take(int* size) {
     std::unique_ptr<QuilMessageNode> node = std::move(m_nodes.front());
     m_nodes.pop_front();
     m_size = static_cast<int>(m_nodes.size());
+    m_requests -= isPush(*node) ? 0 : 1;
     return node;
 }
 

@@ -38,8 +38,14 @@ class QuilMessageManager {
     static constexpr int kFewNodes = 128;
     // For the main loop, before each wait.
     bool isCrowded();
-    // So many wait that requests, too, are left where they are. Only after isCrowded.
-    bool isOverfull() const { return m_size >= 2 * kManyNodes; }
+
+    // So much of what requests have led to waits that the next request is to be left where it is:
+    // with the object service, users have their turns, and here who asks last is answered last.
+    // Then the main loop is woken when little of it is left. Pushes hold no request back.
+    static constexpr int kManyRequests = 16;
+    static constexpr int kFewRequests = 8;
+    // For the main loop, before each wait.
+    bool hasManyRequests();
 
   private:
     QuilMessageManager();
@@ -47,12 +53,15 @@ class QuilMessageManager {
     bool append(std::unique_ptr<QuilMessageNode>* node);
     // The oldest node, null when there is none; and how many there were.
     std::unique_ptr<QuilMessageNode> take(int* size);
+    void wakeLoopIfRoom(int size);
     // Waits for a signal, unless there is a node. The result of the wait if there was one.
     std::optional<int> wait();
 
     std::deque<std::unique_ptr<QuilMessageNode>> m_nodes GUARDED_BY(m_mutex);
     std::atomic<int> m_size{0};                 // of m_nodes, for those who ask without the lock
+    std::atomic<int> m_requests{0};             // of m_nodes, those that are no pushes
     std::atomic<bool> m_isLoopHeldBack{false};  // the main loop is to be woken when few are left
+    std::atomic<bool> m_areRequestsHeldBack{false};
     QuilMutex m_mutex;
     pthread_cond_t m_condition;
     int m_waiting GUARDED_BY(m_mutex) = 0;  // readers in the condition

@@ -104,10 +104,12 @@ ClientWatch g_clientWatch;
 // what comes in is refused there.
 class Room {
   public:
-    Room() : m_isQueueCrowded(m_queue != nullptr && m_queue->isCrowded()) {}
+    Room()
+        : m_isQueueCrowded(m_queue != nullptr && m_queue->isCrowded()),
+          m_hasManyRequests(m_queue != nullptr && m_queue->hasManyRequests()) {}
 
     bool forPushes() const { return !m_isQueueCrowded; }
-    bool forRequests() const { return !m_isQueueCrowded || !m_queue->isOverfull(); }
+    bool forRequests() const { return !m_hasManyRequests; }
     bool forPushesOf(const QuilPort& port) const {
         try {
             return m_exchanges == nullptr || !m_exchanges->hasCrowd() ||
@@ -121,6 +123,7 @@ class Room {
     QuilMessageManager* m_queue = QuilMessageManager::getInstance();
     QuilExchanges* m_exchanges = QuilExchanges::getInstance();
     bool m_isQueueCrowded;
+    bool m_hasManyRequests;
 };
 
 // Set-aside connections are not to pay for the time in which nobody could see to them. It begins

@@ -41,8 +41,9 @@ class Timetable:
     def is_due(self, now):
         return self.next_due() <= now and self.next_due() < self.end
 
-    def is_over(self, now):
-        return now >= self.end
+    def is_over(self):
+        """Whether no turn is left. One whose moment was slept through is taken all the same."""
+        return self.next_due() >= self.end
 
     def take_turn(self):
         due = self.next_due()
@@ -57,7 +58,7 @@ class Timetable:
 
     def pause(self, now, pending):
         """How long to wait for events, in milliseconds: until the next turn, where there can be one."""
-        if pending >= MOST_AT_ONCE or self.is_over(self.next_due()):
+        if pending >= MOST_AT_ONCE or self.is_over():
             return 100
         return min(max(0.0, self.next_due() - now), 0.1) * 1000 + 0.1
 
@@ -102,7 +103,7 @@ class RequestProbe:
     def ask_until_over(self, table, pending, grace):
         while not self.control.is_stopped():
             now = time.monotonic()
-            if now > table.end + grace or (table.is_over(now) and not pending):
+            if now > table.end + grace or (table.is_over() and not pending):
                 return
             while table.is_due(now) and len(pending) < MOST_AT_ONCE:
                 self.asked += 1
@@ -183,7 +184,7 @@ class PushProbe:
         table = self.table
         while not self.control.is_stopped():
             now = time.monotonic()
-            if now > table.end + grace or (table.is_over(now) and not self.pending):
+            if now > table.end + grace or (table.is_over() and not self.pending):
                 return
             while table.is_due(now) and len(self.pending) < MOST_AT_ONCE:
                 self.send()

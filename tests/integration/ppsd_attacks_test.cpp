@@ -44,6 +44,17 @@ std::string line(std::size_t size) {
     return "a::" + std::string(size - 4, 'x') + "\n";
 }
 
+// A hundred thousand attributes, as many as an object has room for.
+void fill(PpsFile& object) {
+    for (int n = 0; n < 96000;) {
+        std::string lines;
+        for (int last = n + 6000; n < last; ++n) {
+            lines += "k" + std::to_string(n) + "::\n";
+        }
+        object.write(lines);
+    }
+}
+
 // A served object that echoes, and a child that is its server until it is ended.
 class PpsdAttack : public ::testing::Test {
   protected:
@@ -96,24 +107,26 @@ class PpsdAttack : public ::testing::Test {
         return path("/" + std::to_string(user) + name);
     }
 
-    // The longest of so many requests of the innocent, 10 ms apart, in milliseconds; 250 for more
-    // than that or for none at all.
-    int slowestRequest(int requests = 100) const {
+    // What half of so many requests of the innocent, 10 ms apart, took at the most, in
+    // milliseconds; 250 for more than that or for none at all. Half, as a busy machine may delay
+    // any of them.
+    int typicalRequest(std::size_t requests = 100) const {
         return asOther(
             [&] {
                 const PpsFile client(path("/ipc"), O_RDWR);
-                double slowest = client.error() == 0 ? 0 : 250;
-                for (int i = 0; i < requests && slowest < 250; ++i) {
+                std::vector<double> waits;
+                while (waits.size() < requests) {
                     const auto begin = Clock::now();
                     pollfd source{client.fd(), POLLIN, 0};
-                    if (client.write("ask::1\n") != 0 || poll(&source, 1, 5000) != 1 ||
+                    if (client.write("ask::1\n") != 0 || poll(&source, 1, 20000) != 1 ||
                         client.read().empty()) {
                         return 250;
                     }
-                    slowest = std::max(slowest, Milliseconds(Clock::now() - begin).count());
+                    waits.push_back(Milliseconds(Clock::now() - begin).count());
                     std::this_thread::sleep_for(std::chrono::milliseconds(10));
                 }
-                return static_cast<int>(std::min(slowest, 250.0));
+                std::nth_element(waits.begin(), waits.begin() + 50, waits.end());
+                return static_cast<int>(std::min(waits[50], 250.0));
             },
             kInnocent);
     }
@@ -132,8 +145,8 @@ class PpsdAttack : public ::testing::Test {
     std::vector<pid_t> m_children;
 };
 
-// Bounds that an idle machine keeps ten times over, and an unfair service misses by as much.
-constexpr int kFairMilliseconds = kIsInstrumented ? 245 : 150;
+// A bound that an idle machine keeps twenty times over, and that an unfair service misses.
+constexpr int kFairMilliseconds = kIsInstrumented ? 200 : 60;
 
 }  // namespace
 
@@ -209,7 +222,7 @@ TEST_F(PpsdAttack, ThreeStormsOfOpeningDelayNobodyElse) {
             return 0;
         });
     }
-    EXPECT_LT(slowestRequest(), kFairMilliseconds);
+    EXPECT_LT(typicalRequest(), kFairMilliseconds);
 }
 
 TEST_F(PpsdAttack, WritersOnASlowDiskDelayNoServedObject) {
@@ -227,7 +240,7 @@ TEST_F(PpsdAttack, WritersOnASlowDiskDelayNoServedObject) {
         });
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_LT(slowestRequest(), kFairMilliseconds);
+    EXPECT_LT(typicalRequest(), kFairMilliseconds);
 }
 
 TEST_F(PpsdAttack, WritersOnASlowDiskLeaveAnotherUserItsTurns) {
@@ -283,7 +296,60 @@ TEST_F(PpsdAttack, TenThousandPolledDescriptorsOfAnObjectThatChangesDelayNobodyE
         return 0;
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    EXPECT_LT(slowestRequest(), kFairMilliseconds);
+    EXPECT_LT(typicalRequest(), kFairMilliseconds);
+}
+
+TEST_F(PpsdAttack, WritersOfObjectsOfManyAttributesDelayNobodyElse) {
+    m_ppsd.preload("slow_sync");
+    setenv("QUIL_SYNC_MILLISECONDS", "10", 1);
+    startService();
+    startEcho();
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    for (int i = 0; i < 10; ++i) {
+        start(kAttacker, [&, i] {
+            PpsFile object(own(kAttacker, "/o" + std::to_string(i)), kCreate);
+            fill(object);
+            static_cast<void>(!write(ends[1], "y", 1));
+            for (int n = 0;; ++n) {
+                object.write("k5::" + std::to_string(n) + "\n");
+            }
+            return 0;
+        });
+    }
+    char byte = 0;
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_EQ(read(ends[0], &byte, 1), 1);
+    }
+    EXPECT_LT(typicalRequest(), kFairMilliseconds);
+}
+
+TEST_F(PpsdAttack, DifferencesToAnObjectOfManyAttributesDelayNobodyElse) {
+    startService();
+    startEcho();
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    start(kAttacker, [&] {
+        PpsFile object(own(kAttacker, "/watched"), kCreate);
+        fill(object);
+        std::vector<PpsFile> watchers;
+        const int set = epoll_create1(EPOLL_CLOEXEC);
+        for (int i = 0; i < 200; ++i) {
+            watchers.emplace_back(own(kAttacker, "/watched?delta"), O_RDONLY);
+            epoll_event event{EPOLLIN | EPOLLET, {nullptr}};
+            epoll_ctl(set, EPOLL_CTL_ADD, watchers.back().fd(), &event);
+        }
+        static_cast<void>(!write(ends[1], "y", 1));
+        std::vector<epoll_event> events(200);
+        for (int n = 0;; ++n) {
+            object.write("k5::" + std::to_string(n) + "\n");
+            epoll_wait(set, events.data(), static_cast<int>(events.size()), 0);
+        }
+        return 0;
+    });
+    char byte = 0;
+    ASSERT_EQ(read(ends[0], &byte, 1), 1);
+    EXPECT_LT(typicalRequest(), kFairMilliseconds);
 }
 
 TEST_F(PpsdAttack, WriterWithManyThreadsWaitingForTheDiskIsHeldToItsShareOfMemory) {

@@ -279,12 +279,7 @@ TEST_F(Queue, ManyNodesAreACrowdAndFewOfThemWakeTheLoop) {
     EXPECT_FALSE(queue->isCrowded());
     push(4);
     EXPECT_TRUE(queue->isCrowded());
-    EXPECT_FALSE(queue->isOverfull());
-    for (int i = 0; i < 256; ++i) {
-        push(4);
-    }
-    EXPECT_TRUE(queue->isOverfull());
-    for (int i = 0; i < 512 - 128; ++i) {
+    for (int i = 0; i < 256 - 128; ++i) {
         pop();
     }
     EXPECT_EQ(readAvailable(ends[0]), "");
@@ -293,6 +288,43 @@ TEST_F(Queue, ManyNodesAreACrowdAndFewOfThemWakeTheLoop) {
     pop();
     EXPECT_EQ(readAvailable(ends[0]), "") << "woken more than once";
     EXPECT_FALSE(queue->isCrowded());
+}
+
+// Who asks has a turn with the object service and none in here: what is read ahead is little.
+TEST_F(Queue, ManyRequestsHoldOthersBackAndFewOfThemWakeTheLoop) {
+    QuilMessageManager* queue = QuilMessageManager::getInstance();
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(dup2(ends[1], STDIN_FILENO), STDIN_FILENO);
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    for (int i = 0; i < 15; ++i) {
+        push(MESSAGE_RESPONSE);
+    }
+    EXPECT_FALSE(queue->hasManyRequests());
+    push(MESSAGE_SERVER_REGISTER);
+    EXPECT_TRUE(queue->hasManyRequests());
+    EXPECT_FALSE(queue->isCrowded());
+    for (int i = 0; i < 8; ++i) {
+        pop();
+    }
+    EXPECT_EQ(readAvailable(ends[0]), "");
+    pop();
+    EXPECT_EQ(readAvailable(ends[0]), "a");
+    pop();
+    EXPECT_EQ(readAvailable(ends[0]), "") << "woken more than once";
+    EXPECT_FALSE(queue->hasManyRequests());
+}
+
+TEST_F(Queue, PushesHoldNoRequestBack) {
+    QuilMessageManager* queue = QuilMessageManager::getInstance();
+    for (int i = 0; i < 256; ++i) {
+        push(MESSAGE_PUSH);
+    }
+    EXPECT_TRUE(queue->isCrowded());
+    EXPECT_FALSE(queue->hasManyRequests());
+    for (int i = 0; i < 256; ++i) {
+        pop();
+    }
 }
 
 TEST_F(Queue, NobodyIsWokenWhoWasNotHeldBack) {

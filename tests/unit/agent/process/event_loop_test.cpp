@@ -16,6 +16,7 @@
 
 #include "agent/clients/client_object.hpp"
 #include "agent/messages/message_queue.hpp"
+#include "agent/messages/push_message.hpp"
 #include "agent/messages/reply_messages.hpp"
 #include "agent/requests/permissions.hpp"
 #include "agent/sessions/saved_sessions.hpp"
@@ -588,10 +589,11 @@ TEST_F(EventLoop, PushWaitsWithItsSenderWhileManyMessagesWait) {
     const Listener listener = addListener("app", "@ipc.17");
     startLoop();
     QuilMessageManager* queue = QuilMessageManager::getInstance();
-    auto gate = std::make_unique<LogGate>("4 received");
+    auto gate = std::make_unique<LogGate>("5 received");
+    // Counted as pushes, and too odd to be delivered.
     for (int i = 0; i < 300; ++i) {
         queue->push(std::make_unique<QuilMessageNode>(
-            4, std::make_unique<QuilResponseMessage>("app", "r", "@ipc.99")));
+            MESSAGE_PUSH, std::make_unique<QuilResponseMessage>("app", "r", "@ipc.99")));
     }
     ASSERT_TRUE(gate->waitUntilHeld());
     wakeMainLoop();
@@ -618,9 +620,12 @@ TEST_F(EventLoop, TimeInWhichPushesCouldNotBeSeenToIsAddedOnce) {
         return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     };
     auto gate = std::make_unique<LogGate>("4 received");
-    for (int i = 0; i < 300; ++i) {
-        QuilMessageManager::getInstance()->push(std::make_unique<QuilMessageNode>(
-            4, std::make_unique<QuilResponseMessage>("app", "r", "@ipc.99")));
+    QuilMessageManager* queue = QuilMessageManager::getInstance();
+    queue->push(std::make_unique<QuilMessageNode>(
+        4, std::make_unique<QuilResponseMessage>("app", "r", "@ipc.99")));
+    for (int i = 0; i < 300; ++i) {  // pushes, which leave the client object in the set
+        queue->push(std::make_unique<QuilMessageNode>(
+            5, std::make_unique<QuilPushMessage>("app", "@ipc.99")));
     }
     ASSERT_TRUE(gate->waitUntilHeld());
     const int before = passes();
@@ -645,4 +650,26 @@ TEST_F(EventLoop, TimeInWhichPushesCouldNotBeSeenToIsAddedOnce) {
     EXPECT_GE(seconds(), held + 0.5) << "it had no more time";
     EXPECT_LT(seconds(), held + 2) << "it had the time twice";
     close(sender);
+}
+
+TEST_F(EventLoop, RequestWaitsWithTheObjectServiceWhileOthersWait) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    QuilMessageManager* queue = QuilMessageManager::getInstance();
+    auto gate = std::make_unique<LogGate>("4 received");
+    for (int i = 0; i < 20; ++i) {
+        queue->push(std::make_unique<QuilMessageNode>(
+            MESSAGE_RESPONSE, std::make_unique<QuilResponseMessage>("app", "r", "@ipc.99")));
+    }
+    ASSERT_TRUE(gate->waitUntilHeld());
+    wakeMainLoop();
+    ASSERT_TRUE(waitForPasses(2));
+    const int before = passes();
+    sendRequest(golden("requests_client_connected.txt"));
+    EXPECT_FALSE(waitUntil([before] { return passes() > before; }, 0.1)) << "it was read";
+    // Pushes still come in.
+    sendPush(listener.port);
+    EXPECT_TRUE(waitForLogged(5, receiving(listener, "app")));
+    gate.reset();
+    EXPECT_TRUE(waitForLogged(5, "----------------- PPS_CREATED------------------------------"));
 }
