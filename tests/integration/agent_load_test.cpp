@@ -78,8 +78,15 @@ TEST_F(AgentLoad, FifteenHundredRequestsBehindAHangingServerAreAllAnswered) {
     const auto other = connect();
     other->request("createSession", "o", "other");
     EXPECT_EQ(other->next(2).id, "o");
-    for (int i = 0; i < kRequests; ++i) {
-        ASSERT_EQ(m_client->next().id, std::to_string(i));
+    // The end of the exchange stands behind what had been asked for by then: all of it, unless this
+    // machine takes longer than the server to ask.
+    bool isEndThere = false;
+    for (int answered = 0; answered < kRequests || !isEndThere;) {
+        const std::string id = m_client->next().id;
+        if (id == "c" && !isEndThere) {
+            isEndThere = true;
+        } else {
+            ASSERT_EQ(id, std::to_string(answered++));
+        }
     }
-    EXPECT_EQ(m_client->next().id, "c");
 }
