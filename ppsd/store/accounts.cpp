@@ -39,6 +39,10 @@ bool Accounts::hasRoom(uid_t user, Holding holding, std::size_t amount) const {
     return user == kRoot || (amount <= share && held(user, holding) <= share - amount);
 }
 
+bool Accounts::hasRoomInHalf(uid_t user, Holding holding, std::size_t amount) const {
+    return user == kRoot || held(user, holding) + amount <= m_shares[indexOf(holding)] / 2;
+}
+
 std::size_t Accounts::held(uid_t user, Holding holding) const {
     const auto found = m_held.find(user);
     return found == m_held.end() ? 0 : found->second[indexOf(holding)];
@@ -56,17 +60,32 @@ void Accounts::take(uid_t user, Holding holding, std::size_t amount) noexcept {
     }
 }
 
-std::shared_ptr<Charge> Shared::pin(Accounts& accounts, uid_t user) {
+std::shared_ptr<Charge> Shared::findPin(uid_t user) {
     std::erase_if(m_pins, [](const auto& pin) { return pin.second.expired(); });
     const auto found = std::find_if(m_pins.begin(), m_pins.end(),
                                     [&](const auto& pin) { return pin.first == user; });
-    if (found != m_pins.end()) {
-        return found->second.lock();
-    }
+    return found == m_pins.end() ? nullptr : found->second.lock();
+}
+
+std::shared_ptr<Charge> Shared::addPin(Accounts& accounts, uid_t user) {
     auto charge = std::make_shared<Charge>(accounts, user, Holding::kMemory);
-    if (!charge->grow(m_bytes)) {
-        return nullptr;
-    }
+    charge->growAnyway(m_bytes);
     m_pins.emplace_back(user, charge);
+    return charge;
+}
+
+std::shared_ptr<Charge> Shared::pin(Accounts& accounts, uid_t user) {
+    std::shared_ptr<Charge> charge = findPin(user);
+    if (charge == nullptr && accounts.hasRoom(user, Holding::kMemory, m_bytes)) {
+        charge = addPin(accounts, user);
+    }
+    return charge;
+}
+
+std::shared_ptr<Charge> Shared::pinInHalf(Accounts& accounts, uid_t user) {
+    std::shared_ptr<Charge> charge = findPin(user);
+    if (charge == nullptr && accounts.hasRoomInHalf(user, Holding::kMemory, m_bytes)) {
+        charge = addPin(accounts, user);
+    }
     return charge;
 }

@@ -50,6 +50,7 @@ class Charge {
     // The same, share or not: for what cannot be refused any more.
     void growAnyway(std::size_t amount);
     void shrink(std::size_t amount) noexcept;
+    uid_t user() const { return m_user; }
     // What it takes of this user's share.
     std::size_t amountOf(uid_t user) const { return user == m_user ? m_amount : 0; }
 
@@ -76,6 +77,8 @@ class Accounts {
 
     // Whether `amount` more would be within the user's share.
     bool hasRoom(uid_t user, Holding holding, std::size_t amount) const;
+    // The same for half of it: for what others can make the user hold.
+    bool hasRoomInHalf(uid_t user, Holding holding, std::size_t amount) const;
     std::size_t held(uid_t user, Holding holding) const;
 
   private:
@@ -96,8 +99,13 @@ class Shared {
     // What a descriptor of `user` keeps together with the thing itself. Null when it would be past
     // the user's share.
     std::shared_ptr<Charge> pin(Accounts& accounts, uid_t user);
+    // The same for half of the share.
+    std::shared_ptr<Charge> pinInHalf(Accounts& accounts, uid_t user);
 
   private:
+    std::shared_ptr<Charge> findPin(uid_t user);
+    std::shared_ptr<Charge> addPin(Accounts& accounts, uid_t user);
+
     std::size_t m_bytes;
     std::vector<std::pair<uid_t, std::weak_ptr<Charge>>> m_pins;  // at most one of each user
 };

@@ -427,13 +427,13 @@ Readiness ClientFile::readiness() const {
     return {!m_queue.empty() || hasEnded, hasEnded};
 }
 
-ClientListFile::ClientListFile(const std::shared_ptr<Channel>& channel, OpenOptions options,
-                               Charge place)
-    : OpenFile(options, std::move(place)), m_text(channel->listClients()) {}
+ClientListFile::ClientListFile(std::string text, OpenOptions options, Charge place, Charge charge)
+    : OpenFile(options, std::move(place)), m_text(std::move(text)), m_charge(std::move(charge)) {}
 
 ReadOutcome ClientListFile::read(uid_t /*reader*/, std::size_t size, std::string& bytes) {
     bytes = m_text.substr(0, size);
     m_text.erase(0, size);
+    m_charge.shrink(bytes.size());
     return bytes.empty() ? ReadOutcome::kNothing : ReadOutcome::kBytes;
 }
 

@@ -88,7 +88,8 @@ class ClientFile : public OpenFile {
 // opening.
 class ClientListFile : public OpenFile {
   public:
-    ClientListFile(const std::shared_ptr<Channel>& channel, OpenOptions options, Charge place);
+    // `charge` is what the text takes of the share of memory of the reader.
+    ClientListFile(std::string text, OpenOptions options, Charge place, Charge charge);
 
     ReadOutcome read(uid_t reader, std::size_t size, std::string& bytes) override;
     void write(uid_t writer, std::string_view text, const Done& done) override;
@@ -97,6 +98,7 @@ class ClientListFile : public OpenFile {
 
   private:
     std::string m_text;  // that has not been read
+    Charge m_charge;     // for it
 };
 
 class Channel {

@@ -13,7 +13,7 @@
 class Content : public Shared {
   public:
     // `number` is never used twice while the service lives. `charge` is what the lines take of the
-    // share of whoever wrote them, their size at the least.
+    // share of whoever wrote them.
     Content(std::uint64_t contentNumber, std::string text, Charge charge)
         : Shared(text.size()),
           number(contentNumber),
@@ -22,7 +22,7 @@ class Content : public Shared {
 
     const std::uint64_t number;
     const std::string lines;  // of the attributes; empty without any
-    const Charge stored;
+    Charge stored;  // given back when the object has another text, whoever still reads this one
 };
 
 // The size of an object's text, its object line included: 0 without attributes.

@@ -68,6 +68,7 @@ class ObjectNode : public Node {
     std::shared_ptr<Content> content;  // never null once the node is in the tree
     std::shared_ptr<Content> contentComing;
     std::set<ObjectFile*> openFiles;
+    std::size_t keepers = 0;  // of openFiles, once the object was removed: see ObjectFile::keep
 };
 
 // What a folder holds at one time. Made when somebody lists the folder, and kept by those who do.

@@ -1,12 +1,14 @@
 // Contents are never changed, so a number says whether there is something new. Only two kinds of
 // descriptors keep a content alive: one that is in the middle of it, and one that reads
-// differences. All that keep the same share it, and their users pay for it once each.
+// differences. All that keep the same share it, and their users pay for it once each. So do those
+// who have an object open that was removed.
 //
 // Nothing has to be remembered per change, however many there are between two reads.
 
 #include "ppsd/store/object_file.hpp"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "ppsd/store/attributes.hpp"
@@ -18,17 +20,35 @@ constexpr std::uint64_t kNothingSeen = 0;
 }  // namespace
 
 ObjectFile::ObjectFile(std::shared_ptr<ObjectNode> node, OpenOptions options, Charge place,
-                       Accounts& accounts, Writer writer)
+                       Accounts& accounts, Writer writer, Closed closed)
     : OpenFile(options, std::move(place)),
       m_node(std::move(node)),
       m_accounts(accounts),
       m_writer(std::move(writer)),
+      m_closed(std::move(closed)),
       m_seenNumber(kNothingSeen) {
     m_node->openFiles.insert(this);
 }
 
 ObjectFile::~ObjectFile() {
     m_node->openFiles.erase(this);
+    letGo();
+    m_closed(*m_node);
+}
+
+void ObjectFile::keep() noexcept {
+    letGo();
+    try {
+        m_keptCharge = m_node->content->pinInHalf(m_accounts, user());
+    } catch (const std::bad_alloc&) {
+        return;
+    }
+    m_node->keepers += m_keptCharge == nullptr ? 0 : 1;
+}
+
+void ObjectFile::letGo() noexcept {
+    m_node->keepers -= m_keptCharge == nullptr ? 0 : 1;
+    m_keptCharge = nullptr;
 }
 
 std::string ObjectFile::Rest::take(std::size_t size) {

@@ -16,10 +16,18 @@ class ObjectFile : public OpenFile {
     // Merges a write into the object: the store's part of the work.
     using Writer = std::function<void(const std::shared_ptr<ObjectNode>&, uid_t, std::string_view,
                                       const Done&)>;
+    // Hears that the object has an open file less. It must not throw.
+    using Closed = std::function<void(ObjectNode&)>;
 
     ObjectFile(std::shared_ptr<ObjectNode> node, OpenOptions options, Charge place,
-               Accounts& accounts, Writer writer);
+               Accounts& accounts, Writer writer, Closed closed);
     ~ObjectFile() override;
+
+    // A removed object counts for those who have it open: keeps its text, if the user of this file
+    // has room for it in half of its share of memory. It was others who removed it, and who cannot
+    // keep it loses no more than that text.
+    void keep() noexcept;
+    void letGo() noexcept;
 
     ReadOutcome read(uid_t reader, std::size_t size, std::string& bytes) override;
     void write(uid_t writer, std::string_view text, const Done& done) override;
@@ -48,10 +56,12 @@ class ObjectFile : public OpenFile {
     std::shared_ptr<ObjectNode> m_node;
     Accounts& m_accounts;
     Writer m_writer;
+    Closed m_closed;
     std::uint64_t m_seenNumber;       // of the content that was read last
     std::shared_ptr<Content> m_seen;  // for "?delta" only: the content itself, null for none
     std::shared_ptr<Charge> m_seenCharge;
     Rest m_rest;
+    std::shared_ptr<Charge> m_keptCharge;  // for the text of a removed object
     // Whether there is a difference to this content, as far as it was worked out.
     mutable std::uint64_t m_comparedNumber = 0;
     mutable bool m_isDifferent = false;

@@ -79,6 +79,9 @@ class OpenFile {
     // Whether a read with nothing to give waits.
     bool waits() const { return m_options.wait; }
 
+    // Whose open file it is.
+    uid_t user() const { return m_place.user(); }
+
   protected:
     OpenOptions m_options;
 

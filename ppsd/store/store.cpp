@@ -151,6 +151,30 @@ void Store::take(DirectoryNode& folder, std::string_view name) noexcept {
     folder.listing.reset();
 }
 
+// What is no longer in the tree counts for those who have it open, and not for whoever made it.
+void Store::remove(DirectoryNode& folder, const std::shared_ptr<Node>& node) noexcept {
+    take(folder, node->name);
+    node->place = {};
+    if (node->kind == NodeKind::kObject) {
+        auto& object = static_cast<ObjectNode&>(*node);
+        object.content->stored = {};
+        keepRemoved(object);
+    }
+}
+
+// Lets all who have a removed object open keep its text who have room for it. Without any it goes.
+void Store::keepRemoved(ObjectNode& node) noexcept {
+    for (ObjectFile* file : node.openFiles) {
+        file->letGo();  // all of them, as a user's files share what they keep
+    }
+    for (ObjectFile* file : node.openFiles) {
+        file->keep();
+    }
+    if (node.keepers == 0 && !node.content->lines.empty()) {
+        show(node, node.metadata, m_nothing, m_listener);
+    }
+}
+
 std::shared_ptr<Node> Store::find(const DirectoryNode& folder, std::string_view name) const {
     const auto served = folder.served.find(name);
     if (served != folder.served.end()) {
@@ -245,16 +269,23 @@ int Store::openServed(const std::shared_ptr<ServedNode>& node, OpenOptions optio
             (user != 0 && user != node->metadata.owner && user != node->channel->serverUser())) {
             return EACCES;
         }
-        file = std::make_unique<ClientListFile>(node->channel, options, std::move(place));
+        std::string text = node->channel->listClients();
+        Charge charge(m_accounts, user, Holding::kMemory);
+        if (!charge.grow(text.size())) {
+            return ENOBUFS;
+        }
+        file = std::make_unique<ClientListFile>(std::move(text), options, std::move(place),
+                                                std::move(charge));
         return 0;
     }
-    const std::uint64_t id = m_nextClient++;
+    const std::uint64_t id = m_nextClient;
     if (error == 0) {
         error = node->channel->admit(id, access.opener);
     }
     if (error != 0) {
         return error;
     }
+    ++m_nextClient;
     try {
         file = std::make_unique<ClientFile>(node->channel, options, std::move(place), id,
                                             access.opener, access.reads);
@@ -273,12 +304,27 @@ int Store::openStored(const std::shared_ptr<ObjectNode>& node, OpenOptions optio
     Charge place;
     const int error = takePlace(user, place);
     if (error == 0) {
-        file = std::make_unique<ObjectFile>(
-            node, options, std::move(place), m_accounts,
-            [this](const std::shared_ptr<ObjectNode>& object, uid_t writer, std::string_view text,
-                   const Done& done) { write(object, writer, text, done); });
+        file = makeFile(node, options, std::move(place));
     }
     return error;
+}
+
+std::unique_ptr<OpenFile> Store::makeFile(const std::shared_ptr<ObjectNode>& node,
+                                          OpenOptions options, Charge place) {
+    auto file = std::make_unique<ObjectFile>(
+        node, options, std::move(place), m_accounts,
+        [this](const std::shared_ptr<ObjectNode>& object, uid_t writer, std::string_view text,
+               const Done& done) { write(object, writer, text, done); },
+        [this](ObjectNode& object) {
+            const bool isRemoved = object.parent == nullptr;
+            if (isRemoved && object.keepers == 0 && !object.content->lines.empty()) {
+                keepRemoved(object);  // by those who had no room before
+            }
+        });
+    if (node->parent == nullptr) {
+        file->keep();
+    }
+    return file;
 }
 
 // What a new entry of that name would meet.
@@ -323,9 +369,13 @@ void Store::beginCreate(const std::shared_ptr<DirectoryNode>& folder, const std:
                         Owner owner, mode_t mode, const Opened& opened, OpenOptions options,
                         Batch& batch) {
     Charge place(m_accounts, owner.user, Holding::kObjects);
+    const auto filePlace = std::make_shared<Charge>();
     int error = checkNew(*folder, name);
     if (error == 0 && !place.grow(1)) {
         error = EDQUOT;
+    }
+    if (error == 0) {
+        error = takePlace(owner.user, *filePlace);
     }
     if (error != 0) {
         opened(error, nullptr, nullptr);
@@ -339,7 +389,7 @@ void Store::beginCreate(const std::shared_ptr<DirectoryNode>& folder, const std:
     const auto entry = std::make_shared<DirectoryNode::Stored>();
     entry->emplace(name, object);
     batch.save(pathOf(*folder, name), false, {metadata, {}},
-               [this, folder, object, entry, options, opened, owner](int failure) {
+               [this, folder, object, entry, options, opened, filePlace](int failure) {
                    std::unique_ptr<OpenFile> file;
                    if (failure == 0) {
                        object->parent = folder.get();
@@ -347,7 +397,7 @@ void Store::beginCreate(const std::shared_ptr<DirectoryNode>& folder, const std:
                        folder->listing.reset();
                        folder->metadata.modified = object->metadata.modified;
                        try {
-                           failure = openStored(object, options, owner.user, file);
+                           file = makeFile(object, options, std::move(*filePlace));
                        } catch (const std::bad_alloc&) {
                            failure = ENOMEM;
                        }
@@ -434,24 +484,25 @@ void Store::beginEdit(const std::shared_ptr<ObjectNode>& node, uid_t user, const
         done(ENOSPC);
         return;
     }
+    if (node->parent == nullptr) {
+        done(editRemoved(*node, std::move(lines)));
+        return;
+    }
     // The new content counts when it is there, the old one until then: only what it grows by has to
-    // be within the share, and whoever makes less of an object may always do so.
-    Charge stored(m_accounts, user, Holding::kStored);
+    // be within the share. Whoever makes less of an object may always do so; without room, it goes
+    // on counting for the one before.
     const std::size_t freed = before->stored.amountOf(user);
-    if (lines.size() > freed && lines.size() > before->lines.size() &&
-        !m_accounts.hasRoom(user, Holding::kStored, lines.size() - freed)) {
+    const bool hasRoom =
+        lines.size() <= freed || m_accounts.hasRoom(user, Holding::kStored, lines.size() - freed);
+    if (!hasRoom && lines.size() > before->lines.size()) {
         done(EDQUOT);
         return;
     }
+    Charge stored(m_accounts, hasRoom ? user : before->stored.user(), Holding::kStored);
     stored.growAnyway(lines.size());
     Metadata metadata = node->latestMetadata();
     metadata.modified = now();
     const std::shared_ptr<Content> content = makeContent(std::move(lines), std::move(stored));
-    if (node->parent == nullptr) {
-        show(*node, metadata, content, m_listener);
-        done(0);
-        return;
-    }
     batch.save(pathOf(*node), false, {metadata, content->lines},
                [this, node, metadata, content, done](int error) {
                    if (--node->changesComing == 0) {
@@ -467,12 +518,31 @@ void Store::beginEdit(const std::shared_ptr<ObjectNode>& node, uid_t user, const
     node->contentComing = content;
 }
 
+// A removed object is nowhere on the disk, and counts for those who have it open: one of them has
+// to have room for its new text beside the old one.
+int Store::editRemoved(ObjectNode& node, std::string lines) {
+    const std::shared_ptr<Content> content = makeContent(std::move(lines), {});
+    std::shared_ptr<Charge> charge;
+    for (auto file = node.openFiles.begin(); file != node.openFiles.end() && !charge; ++file) {
+        charge = content->pinInHalf(m_accounts, (*file)->user());
+    }
+    if (charge == nullptr && !content->lines.empty()) {
+        return ENOBUFS;
+    }
+    Metadata metadata = node.metadata;
+    metadata.modified = now();
+    show(node, metadata, content, m_listener);
+    keepRemoved(node);
+    return 0;
+}
+
 void Store::show(ObjectNode& node, const Metadata& metadata,
                  const std::shared_ptr<Content>& content, ReadinessListener& listener) {
     node.metadata = metadata;
     if (node.content == content) {
         return;
     }
+    node.content->stored = {};  // whoever still reads it pays for that
     node.content = content;
     for (ObjectFile* file : node.openFiles) {
         listener.readinessChanged(*file);
@@ -612,7 +682,7 @@ void Store::removeDirectory(uid_t user, const std::shared_ptr<DirectoryNode>& fo
                       [this, folder, removed, end](int error) {
                           removed->isLeaving = false;
                           if (error == 0) {
-                              take(*folder, removed->name);
+                              remove(*folder, removed);
                               folder->metadata.modified = now();
                           }
                           end(error);
@@ -635,7 +705,7 @@ void Store::removeObject(uid_t user, const std::shared_ptr<DirectoryNode>& folde
             batch.run([this, path = pathOf(*node)] { return m_disk.removeObject(path); },
                       [this, folder, node, end](int error) {
                           if (error == 0) {
-                              take(*folder, node->name);
+                              remove(*folder, node);
                               folder->metadata.modified = now();
                           }
                           end(error);
@@ -723,7 +793,7 @@ void Store::beginRename(const std::shared_ptr<DirectoryNode>& folder, const std:
                 static_cast<DirectoryNode&>(*replaced).isLeaving = false;
             }
             if (replaced != nullptr && (failure == 0 || *cleared)) {
-                take(*newFolder, replaced->name);
+                remove(*newFolder, replaced);
             }
             if (failure == 0) {
                 take(*folder, node->name);

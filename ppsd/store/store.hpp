@@ -46,7 +46,7 @@ class Store {
     };
 
     // Hear how an opening ended; after an error with nothing. A node that was made is there even
-    // when opening it failed.
+    // when memory for opening it ran out.
     using Opened =
         std::function<void(int error, const std::shared_ptr<Node>&, std::unique_ptr<OpenFile>)>;
     using Made = std::function<void(int error, const std::shared_ptr<Node>&)>;
@@ -130,6 +130,8 @@ class Store {
                    std::unique_ptr<OpenFile>& file);
     int openStored(const std::shared_ptr<ObjectNode>& node, OpenOptions options, uid_t user,
                    std::unique_ptr<OpenFile>& file);
+    std::unique_ptr<OpenFile> makeFile(const std::shared_ptr<ObjectNode>& node, OpenOptions options,
+                                       Charge place);
     int serve(DirectoryNode& folder, std::string_view name, const Metadata& metadata,
               OpenOptions options, uid_t user, std::shared_ptr<Node>& node,
               std::unique_ptr<OpenFile>& file);
@@ -142,6 +144,8 @@ class Store {
     void beginRename(const std::shared_ptr<DirectoryNode>& folder, const std::string& name,
                      const std::shared_ptr<DirectoryNode>& newFolder, const std::string& newName,
                      bool mayReplace, Batch& batch, const Done& done);
+    int editRemoved(ObjectNode& node, std::string lines);
+    void keepRemoved(ObjectNode& node) noexcept;
     void write(const std::shared_ptr<ObjectNode>& node, uid_t user, std::string_view text,
                const Done& done);
     void edit(const std::shared_ptr<ObjectNode>& node, uid_t user, Edit edit, const Done& done);
@@ -157,6 +161,7 @@ class Store {
     Metadata metadataFor(const DirectoryNode& folder, Owner owner, mode_t mode) const;
     static void add(DirectoryNode& folder, const std::shared_ptr<Node>& node);
     void take(DirectoryNode& folder, std::string_view name) noexcept;
+    void remove(DirectoryNode& folder, const std::shared_ptr<Node>& node) noexcept;
 
     ReadinessListener& m_listener;
     Accounts& m_accounts;
@@ -167,4 +172,5 @@ class Store {
     std::uint64_t m_nextNumber = 1;   // of a node; the root takes 1
     std::uint64_t m_nextClient = 1;   // the connection id of the next client
     std::uint64_t m_nextContent = 1;  // 0 is the content that nobody has seen
+    const std::shared_ptr<Content> m_nothing = makeContent({}, {});
 };

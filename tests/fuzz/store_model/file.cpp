@@ -91,6 +91,8 @@ bool File::isReadable() const {
 
 void File::close() {
     if (channel == nullptr) {
+        --node->opened;
+        node->dropIfGone();
         return;
     }
     if (client != 0) {
@@ -211,7 +213,9 @@ int File::writeToClients(const std::vector<Line>& lines, std::size_t bytes, bool
     }
     const std::string text = "@" + channel->name + "\n" + messageOf(message);
     for (const auto& [id, receiver] : receivers) {
-        if (!receiver->reads || receiver->queuedBytes + text.size() <= kClientQueueMaxBytes) {
+        const bool fits =
+            !receiver->isFull && receiver->queuedBytes + text.size() <= kClientQueueMaxBytes;
+        if (!receiver->reads || fits) {
             receiver->enqueue(text);
         } else if (isToAll) {
             receiver->depart();

@@ -39,6 +39,7 @@ struct File {
     std::size_t queuedBytes = 0;
     std::size_t bytesAtServer = 0;
     std::size_t readOfFirst = 0;
+    bool isFull = false;  // whatever its queue has room for: its user has none
     bool isEnded = false;
 
     // Becomes a client of what is served.

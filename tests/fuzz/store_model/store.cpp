@@ -15,9 +15,11 @@ std::shared_ptr<Node> add(Node& folder, const std::string& name, Node::Kind kind
     return node;
 }
 
-void take(Node& folder, const std::string& name) {
-    folder.stored[name]->folder = nullptr;
+std::shared_ptr<Node> take(Node& folder, const std::string& name) {
+    const std::shared_ptr<Node> node = folder.stored[name];
+    node->folder = nullptr;
     folder.stored.erase(name);
+    return node;
 }
 
 std::shared_ptr<Node> serve(Node& folder, const std::string& name, File& file) {
@@ -70,12 +72,14 @@ int Store::open(std::shared_ptr<Node>& node, Options options, Access access, Fil
             node->change({});
         }
         file.node = node;
+        node->opened += isServed ? 0 : 1;
         return isServed ? ESTALE : 0;
     }
     if (node->folder == nullptr) {
         return ESTALE;
     }
-    if (!access.reads || !access.writes || access.opener.user != kOwner) {
+    const uid_t user = access.opener.user;
+    if (!access.reads || !access.writes || (user != 0 && user != node->owner)) {
         return EACCES;
     }
     if (isServed) {
@@ -104,6 +108,7 @@ int Store::create(Node& folder, const std::string& name, Options options, Access
     } else {
         node = add(folder, name, Node::kObject);
         file.node = node;
+        node->opened = 1;
     }
     return 0;
 }
@@ -127,7 +132,7 @@ int Store::removeFolder(Node& folder, const std::string& name) {
     if (!node->stored.empty() || !node->served.empty()) {
         return ENOTEMPTY;
     }
-    take(folder, name);
+    take(folder, name)->dropIfGone();
     return 0;
 }
 
@@ -139,7 +144,7 @@ int Store::removeObject(Node& folder, const std::string& name) {
     if (node->kind != Node::kObject) {
         return node->kind == Node::kFolder ? EISDIR : EBUSY;
     }
-    take(folder, name);
+    take(folder, name)->dropIfGone();
     return 0;
 }
 
@@ -166,7 +171,7 @@ int Store::rename(Node& from, const std::string& name, Node& to, const std::stri
         if (!target->stored.empty() || !target->served.empty()) {
             return ENOTEMPTY;
         }
-        take(to, newName);
+        take(to, newName)->dropIfGone();
     }
     take(from, name);
     node->name = newName;

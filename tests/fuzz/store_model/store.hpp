@@ -16,8 +16,6 @@
 
 namespace model {
 
-inline constexpr uid_t kOwner = 1;  // of every object
-
 struct Access {
     bool reads = true;
     bool writes = true;

@@ -405,7 +405,10 @@ TEST_F(ChannelTest, ListOfClientsNamesWhoIsConnected) {
     auto gone = clientOf({3, 3, 30}, 8);
     gone.reset();
     const auto two = clientOf({4, 5, 40}, 9);
-    ClientListFile list(channel, OpenOptions{}, Charge());
+    std::string text = channel->listClients();
+    Charge charge(accounts, 1, Holding::kMemory);
+    ASSERT_TRUE(charge.grow(text.size()));
+    ClientListFile list(std::move(text), OpenOptions{}, Charge(), std::move(charge));
     EXPECT_TRUE(list.readiness().readable);
     EXPECT_EQ(read(list),
               "@ipc\n7:json:{\"uid\":1,\"gid\":2,\"pid\":10}\n"

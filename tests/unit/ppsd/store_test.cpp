@@ -378,3 +378,124 @@ TEST_F(StoreTest, ListingIsSharedUntilTheFolderChanges) {
     EXPECT_NE(second, first);
     EXPECT_EQ(second->entries.size(), first->entries.size() + 1);
 }
+
+// Otherwise whoever may read an object could spend the share of whoever writes it.
+TEST_F(StoreTest, TextThatOthersAreInTheMiddleOfCountsForThemAlone) {
+    const auto file = create("obj");
+    const std::shared_ptr<Node> object = node;
+    std::vector<std::unique_ptr<OpenFile>> readers(10);
+    std::string bytes;
+    for (auto& reader : readers) {
+        ASSERT_EQ(
+            put(*file,
+                "a::" + std::to_string(&reader - readers.data()) + std::string(10000, 'x') + "\n",
+                5),
+            0);
+        ASSERT_EQ(open(object, {}, reader), 0);
+        ASSERT_EQ(reader->read(7, 100, bytes), ReadOutcome::kBytes);
+    }
+    EXPECT_LT(accounts.held(5, Holding::kStored), 10100U);
+    EXPECT_GT(accounts.held(7, Holding::kMemory), 100000U);
+}
+
+TEST_F(StoreTest, RemovedObjectCountsForThoseWhoHaveItOpen) {
+    const auto file = create("obj");
+    ASSERT_EQ(put(*file, "a::" + std::string(10000, 'x') + "\n", 1), 0);
+    const std::shared_ptr<Node> object = node;
+    std::unique_ptr<OpenFile> reader;
+    ASSERT_EQ(open(object, {}, reader, {true, false, false, {7, 7, 7}}), 0);
+    ASSERT_EQ(removeObject("obj"), 0);
+    EXPECT_EQ(accounts.held(1, Holding::kObjects), 0U);
+    EXPECT_EQ(accounts.held(1, Holding::kStored), 0U);
+    EXPECT_GT(accounts.held(7, Holding::kMemory), 10000U);
+    EXPECT_EQ(put(*file, "b::1\n", 1), 0);
+    EXPECT_EQ(read(*reader), "@obj\na::" + std::string(10000, 'x') + "\nb::1\n");
+    reader.reset();
+    EXPECT_EQ(accounts.held(7, Holding::kMemory), 0U);
+}
+
+TEST_F(StoreTest, RemovedObjectsTakeHalfOfTheMemoryOfWhoHasThemOpenAtTheMost) {
+    std::vector<std::unique_ptr<OpenFile>> readers;
+    for (int i = 0; i < 20; ++i) {
+        const auto file = create("obj" + std::to_string(i));
+        ASSERT_EQ(put(*file, "a::" + std::string(48000, 'x') + "\n", 1), 0);
+        readers.emplace_back();
+        ASSERT_EQ(open(node, {}, readers.back(), {true, false, false, {7, 7, 7}}), 0);
+    }
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(removeObject("obj" + std::to_string(i)), 0);
+    }
+    EXPECT_LE(accounts.held(7, Holding::kMemory), 500000U);
+    EXPECT_NE(read(*readers.front()), "nothing");
+    EXPECT_EQ(read(*readers.back()), "nothing");
+}
+
+TEST_F(StoreTest, WriteToARemovedObjectThatNobodyHasRoomForIsRefused) {
+    std::unique_ptr<OpenFile> file;
+    create("obj").reset();
+    ASSERT_EQ(open(node, {}, file, {true, true, false, {7, 7, 7}}), 0);
+    ASSERT_EQ(removeObject("obj"), 0);
+    ASSERT_EQ(put(*file, "a::1\n", 7), 0);
+    Charge spent(accounts, 7, Holding::kMemory);
+    ASSERT_TRUE(spent.grow(490000));
+    EXPECT_EQ(put(*file, "b::" + std::string(50000, 'x') + "\n", 7), ENOBUFS);
+    EXPECT_EQ(read(*file), "@obj\na::1\n");
+}
+
+TEST_F(StoreTest, TextOfARemovedObjectGoesWithTheLastWhoKeepsIt) {
+    auto file = create("obj");
+    ASSERT_EQ(put(*file, "a::" + std::string(10000, 'x') + "\n", 1), 0);
+    file.reset();
+    const std::shared_ptr<Node> object = node;
+    Charge spent(accounts, 7, Holding::kMemory);
+    ASSERT_TRUE(spent.grow(495000));
+    std::unique_ptr<OpenFile> reader;
+    std::unique_ptr<OpenFile> keeper;
+    ASSERT_EQ(open(object, {}, reader, {true, false, false, {7, 7, 7}}), 0);
+    ASSERT_EQ(open(object, {}, keeper, {true, false, false, {8, 8, 8}}), 0);
+    ASSERT_EQ(removeObject("obj"), 0);
+    EXPECT_TRUE(reader->readiness().readable);
+    listener.told.clear();
+    keeper.reset();
+    EXPECT_EQ(read(*reader), "nothing");
+    EXPECT_EQ(listener.told, std::vector<OpenFile*>{reader.get()});
+}
+
+TEST_F(StoreTest, ShrinkingAnothersObjectTakesNobodyPastAShare) {
+    const auto file = create("obj");
+    const std::string large = "a::" + std::string(60000, 'x') + "\n";
+    ASSERT_EQ(put(*file, large, 5), 0);
+    Charge spent(accounts, 6, Holding::kStored);
+    ASSERT_TRUE(spent.grow(999999));
+    EXPECT_EQ(put(*file, "a::" + std::string(50000, 'x') + "\n", 6), 0);
+    EXPECT_EQ(accounts.held(6, Holding::kStored), 999999U);
+    EXPECT_EQ(accounts.held(5, Holding::kStored), 50004U);
+}
+
+TEST_F(StoreTest, ObjectThatItsMakerCannotOpenIsNotMade) {
+    Charge spent(accounts, 1, Holding::kFiles);
+    ASSERT_TRUE(spent.grow(100));
+    create("obj");
+    EXPECT_EQ(error, ENFILE);
+    EXPECT_EQ(store->find(*store->root(), "obj"), nullptr);
+}
+
+TEST_F(StoreTest, ListOfClientsCountsForWhoeverOpensIt) {
+    const auto server = create("ipc?server");
+    const std::shared_ptr<Node> served = node;
+    std::vector<std::unique_ptr<OpenFile>> clients(50);
+    for (auto& client : clients) {
+        ASSERT_EQ(open(served, {}, client, {true, true, false, {5, 5, 5}}), 0);
+    }
+    OpenOptions options;
+    options.clients = true;
+    std::unique_ptr<OpenFile> list;
+    const Store::Access access{true, false, false, {1, 1, 1}};
+    ASSERT_EQ(open(served, options, list, access), 0);
+    EXPECT_GT(accounts.held(1, Holding::kMemory), 1500U);
+    read(*list);
+    EXPECT_EQ(accounts.held(1, Holding::kMemory), 0U);
+    Charge spent(accounts, 1, Holding::kMemory);
+    ASSERT_TRUE(spent.grow(999000));
+    EXPECT_EQ(open(served, options, list, access), ENOBUFS);
+}
