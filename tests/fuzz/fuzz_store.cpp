@@ -2,7 +2,8 @@
 // (store_model): results, bytes, listings and readiness must be the same, a file that becomes
 // readable must be told of, and what is loaded again from the disk must be what was there.
 //
-// The kernel's own checks are taken for granted: names without '?', no folder moved into itself.
+// The kernel's own checks are taken for granted: names without '?', no folder moved into itself, no
+// read of a descriptor that cannot.
 
 #include <algorithm>
 #include <deque>
@@ -15,19 +16,12 @@
 
 #include "ppsd/store/store.hpp"
 #include "tests/fuzz/bytes.hpp"
+#include "tests/fuzz/store_harness.hpp"
 #include "tests/fuzz/store_model/file.hpp"
 #include "tests/fuzz/store_model/lines.hpp"
 #include "tests/fuzz/store_model/node.hpp"
 #include "tests/fuzz/store_model/store.hpp"
 #include "tests/support/scratch_root.hpp"
-
-// Nothing here survives a power cut anyway.
-extern "C" int fsync(int /*descriptor*/) {
-    return 0;
-}
-extern "C" int fdatasync(int /*descriptor*/) {
-    return 0;
-}
 
 namespace {
 
@@ -40,21 +34,6 @@ constexpr std::size_t kValueBytes[] = {0, 1, 2, 5, 100, 4000, 60000, 250000};
 
 using model::Line;
 using model::Value;
-
-model::Options modelOf(OpenOptions options) {
-    return {options.wait, options.delta, options.server};
-}
-
-model::Access modelOf(Store::Access access) {
-    const Opener& by = access.opener;
-    return {access.reads, access.writes, access.truncates, {by.user, by.group, by.process}};
-}
-
-class Listener : public ReadinessListener {
-  public:
-    void readinessChanged(OpenFile& file) noexcept override { told.insert(&file); }
-    std::set<const OpenFile*> told;
-};
 
 class Run {
   public:
@@ -125,10 +104,6 @@ class Run {
         Readiness was;
         uid_t user;
     };
-    struct NodePair {
-        std::shared_ptr<Node> node;
-        std::shared_ptr<model::Node> model;
-    };
 
     void load() {
         const auto report = [](const std::string&) {
@@ -140,30 +115,6 @@ class Run {
         m_folders.assign(1, {m_store->root(), m_model.root()});
     }
 
-    static std::shared_ptr<DirectoryNode> real(const NodePair& folder) {
-        return std::static_pointer_cast<DirectoryNode>(folder.node);
-    }
-    // How something ended: without a thread for the disk's work, before its call returns.
-    template <typename Action>
-    static int ended(Action action) {
-        int end = -1;
-        action(Done([&](int result) {
-            require(end == -1);  // told once
-            end = result;
-        }));
-        require(end != -1);
-        return end;
-    }
-    // Keeps what was opened.
-    static Store::Opened kept(std::shared_ptr<Node>& node, std::unique_ptr<OpenFile>& file,
-                              const Done& done) {
-        return [&node, &file, done](int error, const std::shared_ptr<Node>& opened,
-                                    std::unique_ptr<OpenFile> made) {
-            node = opened;
-            file = std::move(made);
-            done(error);
-        };
-    }
     const NodePair& pickFolder() {
         return m_folders[m_bytes.below(static_cast<unsigned>(m_folders.size()))];
     }
@@ -200,7 +151,7 @@ class Run {
         const int expected = m_model.create(*folder.model, name, modelOf(options), modelOf(access),
                                             made.model, *model);
         const int result = ended([&](const Done& done) {
-            m_store->create(real(folder), {name, options}, {model::kOwner, 2}, 0644, access,
+            m_store->create(folderOf(folder), {name, options}, {model::kOwner, 2}, 0644, access,
                             kept(made.node, file, done));
         });
         require(result == expected);
@@ -225,7 +176,7 @@ class Run {
     void lookUp() {
         const NodePair folder = pickFolder();
         const std::string name = pickName();
-        remember({m_store->find(*real(folder), name), m_model.find(*folder.model, name)});
+        remember({m_store->find(*folderOf(folder), name), m_model.find(*folder.model, name)});
     }
 
     void open() {
@@ -317,7 +268,7 @@ class Run {
 
     void read() {
         Pair* pair = pickFile();
-        if (pair == nullptr) {
+        if (pair == nullptr || !pair->model->reads) {
             return;
         }
         const std::size_t size = m_bytes.flag() ? 1U << 20 : 1 + m_bytes.next();
@@ -346,7 +297,7 @@ class Run {
                 NodePair made;
                 const int expected = m_model.makeFolder(*folder.model, name);
                 const int result = ended([&](const Done& done) {
-                    m_store->makeDirectory(real(folder), name, {model::kOwner, 2}, 0755,
+                    m_store->makeDirectory(folderOf(folder), name, {model::kOwner, 2}, 0755,
                                            [&](int error, const std::shared_ptr<Node>& node) {
                                                made.node = node;
                                                done(error);
@@ -361,12 +312,12 @@ class Run {
             }
             case 1:
                 require(ended([&](const Done& done) {
-                            m_store->removeDirectory(model::kOwner, real(folder), name, done);
+                            m_store->removeDirectory(model::kOwner, folderOf(folder), name, done);
                         }) == m_model.removeFolder(*folder.model, name));
                 break;
             default:
                 require(ended([&](const Done& done) {
-                            m_store->removeObject(model::kOwner, real(folder), name, done);
+                            m_store->removeObject(model::kOwner, folderOf(folder), name, done);
                         }) == m_model.removeObject(*folder.model, name));
                 break;
         }
@@ -385,8 +336,8 @@ class Run {
             }
         }
         require(ended([&](const Done& done) {
-                    m_store->rename(model::kOwner, real(from), name, real(to), newName, mayReplace,
-                                    done);
+                    m_store->rename(model::kOwner, folderOf(from), name, folderOf(to), newName,
+                                    mayReplace, done);
                 }) == m_model.rename(*from.model, name, *to.model, newName, mayReplace));
     }
 
