@@ -11,11 +11,16 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <utility>
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr std::size_t kWakesAtATime = 32;
+// Whether there is anything to read may take a look at large texts.
+constexpr std::chrono::microseconds kWakeTime{500};
 
 }  // namespace
 
@@ -131,7 +136,8 @@ void OpenFiles::readinessChanged(OpenFile& file) noexcept {
 }
 
 void OpenFiles::wakeSome() {
-    for (std::size_t i = 0; i < kWakesAtATime && !m_changed.empty(); ++i) {
+    const Clock::time_point end = Clock::now() + kWakeTime;
+    for (std::size_t i = 0; i < kWakesAtATime && !m_changed.empty() && Clock::now() < end; ++i) {
         wake(*m_changed.take());
     }
 }

@@ -9,6 +9,8 @@ namespace {
 
 // So that a change of somebody else's is never further away than two rounds of so many files.
 constexpr std::size_t kBatchMax = 32;
+// So that large objects keep the service from its other work for one of them at a time.
+constexpr std::size_t kBatchMaxBytes = 256 * 1024;
 
 }  // namespace
 
@@ -18,6 +20,7 @@ void Changes::Batch::save(std::string path, bool isDirectory, Record record, Don
     });
     const auto index = static_cast<std::size_t>(same - m_saves.begin());
     m_endings.push_back({index, std::move(finish)});
+    m_bytes += record.lines.size();
     try {
         if (same == m_saves.end()) {
             m_saves.push_back({std::move(path), isDirectory, std::move(record), 0});
@@ -91,7 +94,8 @@ void Changes::start() {
 
 void Changes::beginBatch() {
     bool joins = true;
-    while (joins && !m_waiting.empty() && m_batch.m_saves.size() < kBatchMax) {
+    while (joins && !m_waiting.empty() && m_batch.m_endings.size() < kBatchMax &&
+           m_batch.m_bytes < kBatchMaxBytes) {
         joins = m_waiting.front().joins();
         if (!joins && !m_batch.m_endings.empty()) {
             return;

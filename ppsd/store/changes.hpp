@@ -45,6 +45,7 @@ class Changes {
         };
 
         std::vector<Disk::Save> m_saves;
+        std::size_t m_bytes = 0;  // of them
         std::function<int()> m_work;
         int m_workError = 0;
         std::vector<Ending> m_endings;

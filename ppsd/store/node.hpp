@@ -68,6 +68,8 @@ class ObjectNode : public Node {
     std::shared_ptr<Content> content;  // never null once the node is in the tree
     std::shared_ptr<Content> contentComing;
     std::set<ObjectFile*> openFiles;
+    // Whether the content differs from others, by their numbers, as far as anybody has asked.
+    std::map<std::uint64_t, bool> differences;
     std::size_t keepers = 0;  // of openFiles, once the object was removed: see ObjectFile::keep
 };
 

@@ -136,14 +136,19 @@ std::string ObjectFile::delta() const {
     return renderDelta(m_node->name, seen, m_node->content->lines);
 }
 
-// Worked out once for each content, however often somebody polls: an attribute that changed and
-// changed back is no difference.
+// An attribute that changed and changed back is no difference. Worked out once for all who have
+// seen the same, however many they are and however often they poll.
 bool ObjectFile::hasDelta() const {
-    if (m_comparedNumber != m_node->content->number) {
-        m_isDifferent = !delta().empty();
-        m_comparedNumber = m_node->content->number;
+    const auto [found, isNew] = m_node->differences.try_emplace(m_seenNumber, true);
+    if (isNew) {
+        try {
+            found->second = !delta().empty();
+        } catch (...) {
+            m_node->differences.erase(found);
+            throw;
+        }
     }
-    return m_isDifferent;
+    return found->second;
 }
 
 Readiness ObjectFile::readiness() const {

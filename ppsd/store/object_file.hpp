@@ -62,7 +62,4 @@ class ObjectFile : public OpenFile {
     std::shared_ptr<Charge> m_seenCharge;
     Rest m_rest;
     std::shared_ptr<Charge> m_keptCharge;  // for the text of a removed object
-    // Whether there is a difference to this content, as far as it was worked out.
-    mutable std::uint64_t m_comparedNumber = 0;
-    mutable bool m_isDifferent = false;
 };

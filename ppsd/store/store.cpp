@@ -508,7 +508,8 @@ void Store::beginEdit(const std::shared_ptr<ObjectNode>& node, uid_t user, const
                    if (--node->changesComing == 0) {
                        node->contentComing = nullptr;
                    }
-                   if (error == 0) {
+                   // Of those that went to the disk together, the last is there.
+                   if (error == 0 && node->changesComing == 0) {
                        show(*node, metadata, content, m_listener);
                    }
                    done(error);
@@ -544,6 +545,7 @@ void Store::show(ObjectNode& node, const Metadata& metadata,
     }
     node.content->stored = {};  // whoever still reads it pays for that
     node.content = content;
+    node.differences.clear();
     for (ObjectFile* file : node.openFiles) {
         listener.readinessChanged(*file);
     }
@@ -598,10 +600,12 @@ void Store::beginMetadata(const std::shared_ptr<Node>& node, const MetadataChang
                    if (--node->changesComing == 0 && object != nullptr) {
                        object->contentComing = nullptr;
                    }
-                   if (error == 0 && object != nullptr) {
-                       show(*object, metadata, content, m_listener);
-                   } else if (error == 0) {
-                       node->metadata = metadata;
+                   if (error == 0 && node->changesComing == 0) {
+                       if (object != nullptr) {
+                           show(*object, metadata, content, m_listener);
+                       } else {
+                           node->metadata = metadata;
+                       }
                    }
                    done(error);
                });

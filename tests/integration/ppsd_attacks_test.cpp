@@ -43,6 +43,17 @@ std::string line(std::size_t size) {
     return "a::" + std::string(size - 4, 'x') + "\n";
 }
 
+// A hundred thousand attributes, as many as an object has room for.
+void fill(PpsFile& object) {
+    for (int n = 0; n < 96000;) {
+        std::string lines;
+        for (int last = n + 6000; n < last; ++n) {
+            lines += "k" + std::to_string(n) + "::\n";
+        }
+        object.write(lines);
+    }
+}
+
 // A served object that echoes, and a child that is its server until it is ended.
 class PpsdAttack : public ::testing::Test {
   protected:
@@ -282,6 +293,59 @@ TEST_F(PpsdAttack, TenThousandPolledDescriptorsOfAnObjectThatChangesDelayNobodyE
         return 0;
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_LT(slowestRequest(), kFairMilliseconds);
+}
+
+TEST_F(PpsdAttack, WritersOfObjectsOfManyAttributesDelayNobodyElse) {
+    m_ppsd.preload("slow_sync");
+    setenv("QUIL_SYNC_MILLISECONDS", "10", 1);
+    startService();
+    startEcho();
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    for (int i = 0; i < 10; ++i) {
+        start(kAttacker, [&, i] {
+            PpsFile object(own(kAttacker, "/o" + std::to_string(i)), kCreate);
+            fill(object);
+            static_cast<void>(!write(ends[1], "y", 1));
+            for (int n = 0;; ++n) {
+                object.write("k5::" + std::to_string(n) + "\n");
+            }
+            return 0;
+        });
+    }
+    char byte = 0;
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_EQ(read(ends[0], &byte, 1), 1);
+    }
+    EXPECT_LT(slowestRequest(), kFairMilliseconds);
+}
+
+TEST_F(PpsdAttack, DifferencesToAnObjectOfManyAttributesDelayNobodyElse) {
+    startService();
+    startEcho();
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    start(kAttacker, [&] {
+        PpsFile object(own(kAttacker, "/watched"), kCreate);
+        fill(object);
+        std::vector<PpsFile> watchers;
+        const int set = epoll_create1(EPOLL_CLOEXEC);
+        for (int i = 0; i < 200; ++i) {
+            watchers.emplace_back(own(kAttacker, "/watched?delta"), O_RDONLY);
+            epoll_event event{EPOLLIN | EPOLLET, {nullptr}};
+            epoll_ctl(set, EPOLL_CTL_ADD, watchers.back().fd(), &event);
+        }
+        static_cast<void>(!write(ends[1], "y", 1));
+        std::vector<epoll_event> events(200);
+        for (int n = 0;; ++n) {
+            object.write("k5::" + std::to_string(n) + "\n");
+            epoll_wait(set, events.data(), static_cast<int>(events.size()), 0);
+        }
+        return 0;
+    });
+    char byte = 0;
+    ASSERT_EQ(read(ends[0], &byte, 1), 1);
     EXPECT_LT(slowestRequest(), kFairMilliseconds);
 }
 

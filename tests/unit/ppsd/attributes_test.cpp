@@ -71,6 +71,16 @@ TEST(Attributes, DeltaOfEqualListsIsNothing) {
     EXPECT_EQ(renderDelta("x", "a::1\n", "a::1\n"), "");
 }
 
+TEST(Attributes, DeltaOfLinesInAnotherOrderNamesThoseThatDiffer) {
+    EXPECT_EQ(renderDelta("x", "a::1\nb::2\nc::3\nd::4\n", "c::3\na::9\nb::2\ne::5\n"),
+              "@x\na::9\ne::5\n-d\n");
+}
+
+TEST(Attributes, LinesOfOneWriteAreAddedInTheirOrder) {
+    EXPECT_EQ(merged("b::1\na::1\n", "d::1\nb::2\n-a\nc::1\nd::2\na::3\n-c\n"),
+              "b::2\nd::2\na::3\n");
+}
+
 TEST(Attributes, AppendedLinesParseToTheSameChanges) {
     std::vector<AttributeChange> changes;
     const std::string text = "a::1\n-b\nc:json:{\"x\":\":\"}\n";

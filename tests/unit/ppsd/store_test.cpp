@@ -3,6 +3,7 @@
 #include "ppsd/store/store.hpp"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -470,6 +471,26 @@ TEST_F(StoreTest, ShrinkingAnothersObjectTakesNobodyPastAShare) {
     EXPECT_EQ(put(*file, "a::" + std::string(50000, 'x') + "\n", 6), 0);
     EXPECT_EQ(accounts.held(6, Holding::kStored), 999999U);
     EXPECT_EQ(accounts.held(5, Holding::kStored), 50004U);
+}
+
+TEST_F(StoreTest, ChangesThatGoToTheDiskTogetherAreShownAtOnce) {
+    const auto file = create("obj");
+    ASSERT_EQ(store->startDiskThread(), 0);
+    listener.told.clear();
+    int done = 0;
+    for (int i = 0; i < 10; ++i) {
+        file->write(1, "a::" + std::to_string(i) + "\n", [&](int result) {
+            EXPECT_EQ(result, 0);
+            ++done;
+        });
+    }
+    while (done < 10) {
+        pollfd disk{store->diskDescriptor(), POLLIN, 0};
+        ASSERT_EQ(poll(&disk, 1, 10000), 1);
+        store->finishChanges();
+    }
+    EXPECT_EQ(listener.told.size(), 2U) << "the first alone, and those that waited meanwhile";
+    EXPECT_EQ(read(*file), "@obj\na::9\n");
 }
 
 TEST_F(StoreTest, ObjectThatItsMakerCannotOpenIsNotMade) {
