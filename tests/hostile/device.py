@@ -251,6 +251,12 @@ class Device:
         except OSError:
             return 0
 
+    @staticmethod
+    def peak_memory_mib(process):
+        """The most that a program of the device ever had in memory."""
+        with open(f"/proc/{process.pid}/status", encoding="ascii") as file:
+            return next(int(line.split()[1]) for line in file if line.startswith("VmHWM:")) / 1024
+
     def processor_seconds(self):
         with open(f"/proc/{self.agent.pid}/stat", encoding="ascii") as file:
             fields = file.read().rsplit(")", 1)[1].split()
