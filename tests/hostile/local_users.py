@@ -44,7 +44,7 @@ class LocalUsers(Scenario):
         measure_alone(context, result, innocents, context.pick(3, 1))
         its_own = folders[ATTACKER_USER]
         holders = [attack(poll_many, its_own, POLLED), attack(read_halves, its_own, HALF_READ)]
-        held = [holder.hear(60) for holder in holders]
+        held = [holder.hear(60) or 0 for holder in holders]
         attackers = [*holders, attack(write_objects, its_own, WRITERS), attack(ask_and_never_read, device.ipc, "unread"),
                      *[attack(open_and_close, device.ipc) for _ in range(STORMS)]]
         bystander = Worker(use_everything, device.ipc, folders[INNOCENT_USER], user=INNOCENT_USER)
