@@ -32,7 +32,7 @@ void report(const std::string& text) {
 }
 
 void reportLog() {
-    flushLogEcho();
+    finishLogEcho();
     report(recordedText());
 }
 
