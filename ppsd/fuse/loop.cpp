@@ -27,7 +27,7 @@ bool setNonBlocking(int fd) {
 }  // namespace
 
 Loop::Loop(Store& store, OpenFiles& files)
-    : m_store(store), m_operations(store, files, m_staleNames), m_files(files) {}
+    : m_store(store), m_operations(store, files), m_files(files) {}
 
 Loop::~Loop() {
     end();
@@ -59,7 +59,7 @@ bool Loop::mount(const std::string& mountPoint) {
     }
     m_isMounted = true;
     const int error = m_store.startDiskThread();
-    if (error != 0 || m_staleNames.start() != 0) {
+    if (error != 0) {
         std::fprintf(stderr, "ppsd: cannot start a thread\n");
         return false;
     }
@@ -71,7 +71,6 @@ int Loop::serveOne(fuse_buf& buffer) {
     if (received > 0) {
         fuse_session_process_buf(m_session, &buffer);
         m_files.wakeSome();
-        m_staleNames.passOn(m_session);
         return 0;
     }
     return received == -EAGAIN || received == -EINTR ? 0 : -received;
@@ -81,8 +80,7 @@ int Loop::serveOne(fuse_buf& buffer) {
 int Loop::wait(int milliseconds, bool& isSignalled, bool& isRequested) {
     pollfd sources[] = {{fuse_session_fd(m_session), POLLIN, 0},
                         {m_signals.get(), POLLIN, 0},
-                        {m_store.diskDescriptor(), POLLIN, 0},
-                        {m_staleNames.descriptor(), POLLIN, 0}};
+                        {m_store.diskDescriptor(), POLLIN, 0}};
     if (poll(sources, std::size(sources), milliseconds) < 0) {
         return errno == EINTR ? 0 : errno;
     }
@@ -91,9 +89,6 @@ int Loop::wait(int milliseconds, bool& isSignalled, bool& isRequested) {
     if (sources[2].revents != 0) {
         m_store.finishChanges();
         m_files.wakeSome();
-    }
-    if (sources[3].revents != 0) {
-        m_staleNames.passOn(m_session);
     }
     return 0;
 }
@@ -112,26 +107,9 @@ int Loop::run() {
             m_files.wakeSome();
         }
     }
-    if (error == 0 && fuse_session_exited(m_session) == 0) {
-        finishNames(buffer);
-    }
     std::free(buffer.mem);
     end();
     return error;
-}
-
-// The kernel may be waiting for somebody who waits for an answer of ours.
-void Loop::finishNames(fuse_buf& buffer) {
-    bool isSignalled = false;
-    bool isRequested = false;
-    int error = 0;
-    m_staleNames.close();
-    while (error == 0 && m_staleNames.isBusy() && fuse_session_exited(m_session) == 0) {
-        error = wait(1000, isSignalled, isRequested);
-        if (error == 0 && isRequested) {
-            error = serveOne(buffer);
-        }
-    }
 }
 
 void Loop::end() {

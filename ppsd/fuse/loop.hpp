@@ -8,7 +8,6 @@
 
 #include "ppsd/fuse/open_files.hpp"
 #include "ppsd/fuse/operations.hpp"
-#include "ppsd/fuse/stale_names.hpp"
 #include "ppsd/store/store.hpp"
 #include "ppsd/store/unique_fd.hpp"
 
@@ -37,12 +36,10 @@ class Loop {
   private:
     int serveOne(fuse_buf& buffer);
     int wait(int milliseconds, bool& isSignalled, bool& isRequested);
-    void finishNames(fuse_buf& buffer);
     void end();
     void unmount();
 
     Store& m_store;
-    StaleNames m_staleNames;
     Operations m_operations;
     OpenFiles& m_files;
     UniqueFd m_signals;

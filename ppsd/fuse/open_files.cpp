@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <new>
 #include <utility>
 
 namespace {
@@ -65,10 +66,21 @@ OpenFile& OpenFiles::file(std::uint64_t handle) {
     return *entryOf(handle).file;
 }
 
+std::size_t OpenFiles::exchangeWritten(std::uint64_t handle, std::size_t size) {
+    return std::exchange(entryOf(handle).written, size);
+}
+
 // False when there is nothing to answer with yet.
 bool OpenFiles::answerRead(fuse_req_t request, OpenFile& file, std::size_t size) {
     std::string bytes;
-    switch (file.read(fuse_req_ctx(request)->uid, size, bytes)) {
+    ReadOutcome outcome = ReadOutcome::kNothing;
+    try {
+        outcome = file.read(fuse_req_ctx(request)->uid, size, bytes);
+    } catch (const std::bad_alloc&) {
+        fuse_reply_err(request, ENOMEM);
+        return true;
+    }
+    switch (outcome) {
         case ReadOutcome::kBytes:
             fuse_reply_buf(request, bytes.data(), bytes.size());
             return true;
@@ -148,7 +160,13 @@ void OpenFiles::wake(Entry& entry) {
         ++read;
     }
     entry.waiting.erase(entry.waiting.begin(), read);
-    if (entry.isPolled && entry.file->readiness().readable) {
+    bool isReadable = true;
+    try {
+        isReadable = entry.file->readiness().readable;
+    } catch (const std::bad_alloc&) {
+        // Whoever is woken asks again, and is told then.
+    }
+    if (entry.isPolled && isReadable) {
         entry.isPolled = false;
         fuse_lowlevel_notify_poll(entry.waker.get());
     }

@@ -25,6 +25,9 @@ class OpenFiles : public ReadinessListener {
 
     OpenFile& file(std::uint64_t handle);
 
+    // Remembers the size of a write; gives that of the one before.
+    static std::size_t exchangeWritten(std::uint64_t handle, std::size_t size);
+
     // Answers the read now, or keeps the request until there is something to read.
     void read(fuse_req_t request, std::uint64_t handle, std::size_t size, bool nonBlocking);
 
@@ -60,6 +63,7 @@ class OpenFiles : public ReadinessListener {
         std::unique_ptr<fuse_pollhandle, PollHandleDeleter> waker;
         bool isPolled = false;  // and the kernel has not been told of a change since
         std::vector<WaitingRead> waiting;
+        std::size_t written = 0;  // by the last write
     };
 
     // A file that is to be looked at, or not; there as long as the file.

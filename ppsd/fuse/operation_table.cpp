@@ -112,7 +112,7 @@ void readFile(fuse_req_t request, fuse_ino_t, std::size_t size, off_t, fuse_file
 void writeFile(fuse_req_t request, fuse_ino_t, const char* bytes, std::size_t size, off_t offset,
                fuse_file_info* info) {
     serve(request, [&](Operations& operations) {
-        operations.write(request, bytes, size, offset, info->fh);
+        operations.write(request, bytes, size, offset, info->flags, info->fh);
     });
 }
 

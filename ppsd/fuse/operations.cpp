@@ -68,23 +68,8 @@ int parsePlainName(const char* text, ObjectName& parsed) {
 
 }  // namespace
 
-Operations::Operations(Store& store, OpenFiles& files, StaleNames& staleNames)
-    : m_store(store), m_files(files), m_staleNames(staleNames) {
-    m_inodes[FUSE_ROOT_ID] = {store.root(), {}, 1, {}};
-    store.tellLeaving(
-        [this](const DirectoryNode& folder, const Node& node) { leaving(folder, node); });
-}
-
-// The kernel keeps each name that it was told, and so each of the node's aliases, until it wants
-// the memory back; and what it keeps is kept here. Names that are served once and never again would
-// add up, so it is asked to let go.
-void Operations::leaving(const DirectoryNode& folder, const Node& node) {
-    for (std::uint64_t bits = 0; bits < 1U << OpenOptions::kBits; ++bits) {
-        const Inode* inode = find(inodeNumber(node, OpenOptions::fromBits(bits)));
-        if (inode != nullptr) {
-            m_staleNames.add(inodeNumber(folder, {}), inode->spelling);
-        }
-    }
+Operations::Operations(Store& store, OpenFiles& files) : m_store(store), m_files(files) {
+    m_inodes[FUSE_ROOT_ID] = {store.root(), {}, 1};
 }
 
 Operations::Inode* Operations::find(fuse_ino_t number) {
@@ -113,22 +98,20 @@ std::shared_ptr<DirectoryNode> Operations::findFolder(fuse_ino_t number) {
 
 // Makes the entry to answer with and counts that the kernel was told. Time-outs stay 0: served
 // objects come and go by themselves, so the kernel has to ask each time.
-fuse_entry_param Operations::remember(const std::shared_ptr<Node>& node, OpenOptions options,
-                                      std::string spelling) {
+fuse_entry_param Operations::remember(const std::shared_ptr<Node>& node, OpenOptions options) {
     fuse_entry_param entry{};
     entry.ino = inodeNumber(*node, options);
     entry.attr = statusOf(*node);
     Inode& inode = m_inodes[entry.ino];
     inode.node = node;
     inode.options = options;
-    inode.spelling = std::move(spelling);
     ++inode.lookups;
     return entry;
 }
 
 void Operations::replyEntry(fuse_req_t request, const std::shared_ptr<Node>& node,
-                            OpenOptions options, std::string spelling) {
-    const fuse_entry_param entry = remember(node, options, std::move(spelling));
+                            OpenOptions options) {
+    const fuse_entry_param entry = remember(node, options);
     if (fuse_reply_entry(request, &entry) != 0) {
         forget(entry.ino, 1);
     }
@@ -148,7 +131,7 @@ void Operations::lookup(fuse_req_t request, fuse_ino_t folder, const char* name)
     } else if (node->kind == NodeKind::kDirectory && parsed.options.bits() != 0) {
         fuse_reply_err(request, EINVAL);
     } else {
-        replyEntry(request, node, parsed.options, name);
+        replyEntry(request, node, parsed.options);
     }
 }
 
@@ -260,7 +243,7 @@ void Operations::answerMade(fuse_req_t request, int error, const std::shared_ptr
         if (error != 0) {
             fuse_reply_err(request, error);
         } else {
-            replyEntry(request, node, {}, node->name);
+            replyEntry(request, node, {});
         }
     });
 }
@@ -348,20 +331,18 @@ void Operations::create(fuse_req_t request, fuse_ino_t folder, const char* name,
     const bool mustBeNew = (flags & O_EXCL) != 0;
     m_store.create(
         parent, parsed, callerOf(request), mode, accessOf(request, flags),
-        [this, request, mustBeNew, options = parsed.options, spelling = std::string(name)](
+        [this, request, mustBeNew, options = parsed.options](
             int failure, const std::shared_ptr<Node>& node, std::unique_ptr<OpenFile> file) {
             if (failure == EEXIST && !mustBeNew) {
                 failure = ESTALE;  // it came into being just now: the kernel looks again
             }
-            answerOrRefuse(request, [&] {
-                answerCreate(request, failure, node, options, spelling, std::move(file));
-            });
+            answerOrRefuse(request,
+                           [&] { answerCreate(request, failure, node, options, std::move(file)); });
         });
 }
 
 void Operations::answerCreate(fuse_req_t request, int error, const std::shared_ptr<Node>& node,
-                              OpenOptions options, const std::string& spelling,
-                              std::unique_ptr<OpenFile> file) {
+                              OpenOptions options, std::unique_ptr<OpenFile> file) {
     if (error != 0) {
         fuse_reply_err(request, error);
         return;
@@ -370,7 +351,7 @@ void Operations::answerCreate(fuse_req_t request, int error, const std::shared_p
     const std::uint64_t handle = m_files.add(callerOf(request).user, std::move(file));
     fuse_entry_param entry{};
     try {
-        entry = remember(node, options, spelling);
+        entry = remember(node, options);
     } catch (...) {
         m_files.release(handle);
         throw;
@@ -382,11 +363,15 @@ void Operations::answerCreate(fuse_req_t request, int error, const std::shared_p
 }
 
 // The kernel cuts a write that is gathered from more than 256 buffers in two, which shows only when
-// the second piece comes: a stream has no position, but the pieces have.
+// the second piece comes: a stream has no position, but a piece has, right behind the one before.
+// (What is appended has one too, of no meaning.)
 void Operations::write(fuse_req_t request, const char* bytes, std::size_t size, off_t offset,
-                       std::uint64_t handle) {
+                       int flags, std::uint64_t handle) {
     OpenFile& file = m_files.file(handle);
-    if (file.isStream() && offset != 0) {
+    const std::size_t before = m_files.exchangeWritten(handle, size);
+    const bool isBehind = offset != 0 && static_cast<std::uint64_t>(offset) == before;
+    if (file.isStream() && isBehind && (flags & O_APPEND) == 0) {
+        m_files.exchangeWritten(handle, before + size);
         file.takeBackCutWrite();
         fuse_reply_err(request, EMSGSIZE);
         return;

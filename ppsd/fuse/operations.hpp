@@ -17,7 +17,6 @@
 #include <unordered_map>
 
 #include "ppsd/fuse/open_files.hpp"
-#include "ppsd/fuse/stale_names.hpp"
 #include "ppsd/store/store.hpp"
 
 // Runs an answer that may want memory before it is given: without any, the caller is told ENOMEM,
@@ -34,8 +33,8 @@ void answerOrRefuse(fuse_req_t request, Answer answer) {
 // Everything happens on the thread of the request loop; the store and the open files are its own.
 class Operations {
   public:
-    // All must outlive the operations.
-    Operations(Store& store, OpenFiles& files, StaleNames& staleNames);
+    // Both must outlive the operations.
+    Operations(Store& store, OpenFiles& files);
 
     void lookup(fuse_req_t request, fuse_ino_t folder, const char* name);
     void forget(fuse_ino_t inode, std::uint64_t count);
@@ -49,7 +48,7 @@ class Operations {
                 const char* newName, unsigned flags);
     void open(fuse_req_t request, fuse_ino_t inode, int flags);
     void create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode, int flags);
-    void write(fuse_req_t request, const char* bytes, std::size_t size, off_t offset,
+    void write(fuse_req_t request, const char* bytes, std::size_t size, off_t offset, int flags,
                std::uint64_t handle);
     void openDirectory(fuse_req_t request, fuse_ino_t inode);
     void readDirectory(fuse_req_t request, std::size_t size, off_t offset, std::uint64_t handle);
@@ -64,7 +63,6 @@ class Operations {
         std::shared_ptr<Node> node;
         OpenOptions options;
         std::uint64_t lookups = 0;  // how often the kernel was told; it forgets as often
-        std::string spelling;       // the name by which it was looked up last, options included
     };
     struct OpenListing {
         Charge place;
@@ -75,20 +73,15 @@ class Operations {
     Inode* find(fuse_ino_t number);
     static std::shared_ptr<Node> subjectOf(const Inode& inode);
     std::shared_ptr<DirectoryNode> findFolder(fuse_ino_t number);
-    fuse_entry_param remember(const std::shared_ptr<Node>& node, OpenOptions options,
-                              std::string spelling);
-    void replyEntry(fuse_req_t request, const std::shared_ptr<Node>& node, OpenOptions options,
-                    std::string spelling);
+    fuse_entry_param remember(const std::shared_ptr<Node>& node, OpenOptions options);
+    void replyEntry(fuse_req_t request, const std::shared_ptr<Node>& node, OpenOptions options);
     void answerMade(fuse_req_t request, int error, const std::shared_ptr<Node>& node);
     void answerOpen(fuse_req_t request, int error, std::unique_ptr<OpenFile> file);
     void answerCreate(fuse_req_t request, int error, const std::shared_ptr<Node>& node,
-                      OpenOptions options, const std::string& spelling,
-                      std::unique_ptr<OpenFile> file);
-    void leaving(const DirectoryNode& folder, const Node& node);
+                      OpenOptions options, std::unique_ptr<OpenFile> file);
 
     Store& m_store;
     OpenFiles& m_files;
-    StaleNames& m_staleNames;
     std::unordered_map<fuse_ino_t, Inode> m_inodes;
     std::unordered_map<std::uint64_t, OpenListing> m_listings;
     std::uint64_t m_nextListing = 1;

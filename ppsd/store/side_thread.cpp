@@ -51,13 +51,14 @@ void SideThread::loop(const char* name) {
 }
 
 void SideThread::run(std::function<void()> work) {
-    m_isBusy = true;
     if (!m_thread.joinable()) {
+        m_isBusy = true;
         work();
         m_isDone = true;
         return;
     }
     m_work = std::move(work);
+    m_isBusy = true;
     m_go.release();
 }
 

@@ -145,7 +145,6 @@ bool Store::isStored(const Node& node) const {
 // Takes a stored node out of the tree; those who hold it keep it.
 void Store::take(DirectoryNode& folder, std::string_view name) noexcept {
     const auto found = folder.stored.find(name);
-    m_leaving(folder, *found->second);
     found->second->parent = nullptr;
     folder.stored.erase(found);
     folder.listing.reset();
@@ -419,16 +418,15 @@ int Store::serve(DirectoryNode& folder, std::string_view name, const Metadata& m
     }
     auto served = std::make_shared<ServedNode>(m_nextNumber++, std::string(name), metadata);
     served->channel = std::make_shared<Channel>(served->name, m_listener, m_accounts);
-    auto server = std::make_unique<ServerFile>(served->channel, options, std::move(place), user,
-                                               [this, served] {
-                                                   if (served->parent != nullptr) {
-                                                       DirectoryNode& parent = *served->parent;
-                                                       m_leaving(parent, *served);
-                                                       served->parent = nullptr;
-                                                       parent.served.erase(served->name);
-                                                       parent.listing.reset();
-                                                   }
-                                               });
+    auto server =
+        std::make_unique<ServerFile>(served->channel, options, std::move(place), user, [served] {
+            if (served->parent != nullptr) {
+                DirectoryNode& parent = *served->parent;
+                served->parent = nullptr;
+                parent.served.erase(served->name);
+                parent.listing.reset();
+            }
+        });
     folder.served[served->name] = served;
     served->parent = &folder;
     folder.listing.reset();
@@ -778,9 +776,6 @@ void Store::beginRename(const std::shared_ptr<DirectoryNode>& folder, const std:
     }
     const std::shared_ptr<Node> replaced = find(*newFolder, newName);
     const bool clearsFolder = replaced != nullptr && replaced->kind == NodeKind::kDirectory;
-    if (clearsFolder) {
-        static_cast<DirectoryNode&>(*replaced).isLeaving = true;
-    }
     // Empty once the folder that stood there is gone, even if the rest fails.
     const auto cleared = std::make_shared<bool>(false);
     const auto entry = std::make_shared<DirectoryNode::Stored>();
@@ -809,4 +804,7 @@ void Store::beginRename(const std::shared_ptr<DirectoryNode>& folder, const std:
             }
             done(failure);
         });
+    if (clearsFolder) {
+        static_cast<DirectoryNode&>(*replaced).isLeaving = true;
+    }
 }

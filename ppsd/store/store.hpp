@@ -68,11 +68,6 @@ class Store {
     void endChanges(int error) { m_changes.end(error); }
     const Disk& disk() const { return m_disk; }
 
-    // Hears of every node just before it leaves its folder: a served object that ends, a stored one
-    // that is removed, replaced or renamed. It must not throw, nor call the store.
-    using Leaving = std::function<void(const DirectoryNode& folder, const Node& node)>;
-    void tellLeaving(Leaving leaving) { m_leaving = std::move(leaving); }
-
     const std::shared_ptr<DirectoryNode>& root() const { return m_root; }
 
     // What `name` (without options) means in `folder` now, or null.
@@ -167,7 +162,6 @@ class Store {
     Accounts& m_accounts;
     Disk m_disk;
     Changes m_changes;
-    Leaving m_leaving = [](const DirectoryNode&, const Node&) {};
     std::shared_ptr<DirectoryNode> m_root;
     std::uint64_t m_nextNumber = 1;   // of a node; the root takes 1
     std::uint64_t m_nextClient = 1;   // the connection id of the next client

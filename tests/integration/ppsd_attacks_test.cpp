@@ -503,32 +503,6 @@ TEST_F(PpsdAttack, WantOfMemoryIsTheErrorOfWhoeverAskedAndTheServiceLives) {
     EXPECT_EQ(PpsFile(path("/obj"), kCreate).write("a::1\n"), 0);
 }
 
-TEST_F(PpsdAttack, NamesThatAreServedOnceAndNeverAgainLeaveNothing) {
-    startService();
-    const auto serveMany = [this](int first) {
-        return asOther([&] {
-            for (int i = first; i < first + 5000; ++i) {
-                const std::string name = own(kAttacker, "/n" + std::to_string(i));
-                PpsFile server(name + "?server", kCreate);
-                PpsFile client(name + "?wait,delta", O_RDWR);
-                if (server.error() != 0 || client.error() != 0) {
-                    return 1;
-                }
-            }
-            return 0;
-        });
-    };
-    ASSERT_EQ(serveMany(0), 0);
-    const std::size_t before = residentBytes();
-    ASSERT_EQ(serveMany(5000), 0);
-    ASSERT_EQ(serveMany(10000), 0);
-    if (!kIsInstrumented) {
-        // The last ones may be on their way to the system still.
-        EXPECT_TRUE(waitUntil([&] { return residentBytes() < before + kMebibyte; }))
-            << residentBytes() - before << " bytes more for ten thousand names";
-    }
-}
-
 TEST_F(PpsdAttack, ManyFoldersThatAreListedAtOnceShareTheirListing) {
     startService();
     ASSERT_EQ(asOther([this] {

@@ -43,8 +43,11 @@ void readTable(const char* path, std::vector<TcpSocket>* sockets) {
 }
 
 std::string contentOf(const std::filesystem::path& path) {
+    // Through the stream, which takes it for the end when the process goes under the read.
     std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
 }
 
 // A process that is ending has no memory any more, and with it no environment either.

@@ -167,11 +167,12 @@ TEST_F(StoreTest, WriteRenewsTheTime) {
 }
 
 TEST_F(StoreTest, ReplacedObjectLivesOnForItsDescriptorsAndTouchesItsSuccessorNoMore) {
-    const auto replaced = create("b");
+    auto replaced = create("b");
     ASSERT_EQ(put(*create("a"), "a::1\n"), 0);
     ASSERT_EQ(rename("a", "b", true), 0);
     EXPECT_EQ(put(*replaced, "b::2\n"), 0);
     EXPECT_EQ(read(*replaced), "@b\nb::2\n");
+    replaced.reset();  // the store outlives its files
     store = nullptr;
     store = makeStore();
     ASSERT_EQ(store->load(), 0);
