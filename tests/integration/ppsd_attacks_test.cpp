@@ -61,6 +61,7 @@ class PpsdAttack : public ::testing::Test {
     void SetUp() override {
         QUIL_SKIP_WITHOUT_FUSE();
         QUIL_SKIP_UNLESS_ROOT();
+        ASSERT_EQ(pipe2(m_begun, O_CLOEXEC), 0);
     }
     void TearDown() override {
         for (const pid_t child : m_children) {
@@ -100,6 +101,17 @@ class PpsdAttack : public ::testing::Test {
     }
     void start(uid_t user, const std::function<int()>& action) {
         m_children.push_back(startAs(user, action));
+    }
+
+    // An attacker says once that it is at work; nothing is measured before all have.
+    void tellBegun() const { static_cast<void>(!write(m_begun[1], "y", 1)); }
+    void awaitBegun(int attackers) const {
+        for (int i = 0; i < attackers; ++i) {
+            pollfd source{m_begun[0], POLLIN, 0};
+            char byte = 0;
+            ASSERT_EQ(poll(&source, 1, 60000), 1) << i << " of " << attackers << " are at work";
+            ASSERT_EQ(read(m_begun[0], &byte, 1), 1);
+        }
     }
 
     std::string path(const std::string& name) const { return m_ppsd.path(name); }
@@ -143,6 +155,7 @@ class PpsdAttack : public ::testing::Test {
     PpsdMount m_ppsd{m_root};
     PpsFile m_server{"", O_RDWR};
     std::vector<pid_t> m_children;
+    int m_begun[2] = {-1, -1};  // closed with the test's process
 };
 
 // A bound that an idle machine keeps twenty times over, and that an unfair service misses.
@@ -158,20 +171,18 @@ TEST_F(PpsdAttack, TwoThousandHalfReadDescriptorsShareOneText) {
     }
     ASSERT_EQ(chmod(path("/large").c_str(), 0644), 0);
     const std::size_t before = residentBytes();
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     start(kAttacker, [&] {
         std::vector<PpsFile> readers;
-        char opened = 'y';
         for (int i = 0; i < 2000; ++i) {
             readers.emplace_back(path("/large"), O_RDONLY);
-            opened = readers.back().read(100).size() == 100 ? opened : 'n';
+            if (readers.back().read(100).size() != 100) {
+                return 1;  // and the test waits in vain
+            }
         }
-        return write(ends[1], &opened, 1) == 1 ? pause() : 1;
+        tellBegun();
+        return pause();
     });
-    char opened = 0;
-    ASSERT_EQ(read(ends[0], &opened, 1), 1);
-    EXPECT_EQ(opened, 'y');
+    ASSERT_NO_FATAL_FAILURE(awaitBegun(1));
     if (!kIsInstrumented) {
         EXPECT_LT(residentBytes(), before + 10 * kMebibyte);
     }
@@ -182,17 +193,15 @@ TEST_F(PpsdAttack, QueuesOfAThousandClientsAreHeldToTheShareOfTheirUser) {
     PpsFile server(path("/ipc?server"), kCreate);
     ASSERT_EQ(chmod(path("/ipc").c_str(), 0666), 0);
     const std::size_t before = residentBytes();
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     start(kAttacker, [&] {
         std::vector<PpsFile> clients;
         for (int i = 0; i < 1000; ++i) {
             clients.emplace_back(path("/ipc"), O_RDWR);
         }
-        return write(ends[1], "y", 1) == 1 ? pause() : 1;
+        tellBegun();
+        return pause();
     });
-    char byte = 0;
-    ASSERT_EQ(read(ends[0], &byte, 1), 1);
+    ASSERT_NO_FATAL_FAILURE(awaitBegun(1));
     const std::string text = line(64 * 1024);
     int taken = 0;
     for (std::string notice = server.read(); !notice.empty(); notice = server.read()) {
@@ -216,12 +225,16 @@ TEST_F(PpsdAttack, ThreeStormsOfOpeningDelayNobodyElse) {
     startEcho();
     for (int i = 0; i < 3; ++i) {
         start(kAttacker, [this] {
-            for (;;) {
+            for (int n = 0;; ++n) {
                 PpsFile(path("/ipc"), O_RDWR).write("storm::1\n");
+                if (n == 100) {
+                    tellBegun();
+                }
             }
             return 0;
         });
     }
+    ASSERT_NO_FATAL_FAILURE(awaitBegun(3));
     EXPECT_LT(typicalRequest(), kFairMilliseconds);
 }
 
@@ -235,11 +248,14 @@ TEST_F(PpsdAttack, WritersOnASlowDiskDelayNoServedObject) {
             PpsFile object(own(kAttacker, "/o" + std::to_string(i)), kCreate);
             for (int n = 0;; ++n) {
                 object.write("n:n:" + std::to_string(n) + "\n");
+                if (n == 0) {
+                    tellBegun();
+                }
             }
             return 0;
         });
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    ASSERT_NO_FATAL_FAILURE(awaitBegun(10));
     EXPECT_LT(typicalRequest(), kFairMilliseconds);
 }
 
@@ -254,11 +270,14 @@ TEST_F(PpsdAttack, WritersOnASlowDiskLeaveAnotherUserItsTurns) {
                 object.write("n:n:" + std::to_string(n) + "\n");
                 mkdir(own(kAttacker, "/d" + std::to_string(i)).c_str(), 0755);
                 rmdir(own(kAttacker, "/d" + std::to_string(i)).c_str());
+                if (n == 0) {
+                    tellBegun();
+                }
             }
             return 0;
         });
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ASSERT_NO_FATAL_FAILURE(awaitBegun(20));
     const int slowest = asOther(
         [this] {
             PpsFile object(own(kInnocent, "/mine"), kCreate);
@@ -292,10 +311,13 @@ TEST_F(PpsdAttack, TenThousandPolledDescriptorsOfAnObjectThatChangesDelayNobodyE
         for (int n = 0;; ++n) {
             object.write("n:n:" + std::to_string(n) + "\n");
             epoll_wait(set, events.data(), static_cast<int>(events.size()), 0);
+            if (n == 0) {
+                tellBegun();
+            }
         }
         return 0;
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    ASSERT_NO_FATAL_FAILURE(awaitBegun(1));
     EXPECT_LT(typicalRequest(), kFairMilliseconds);
 }
 
@@ -304,31 +326,24 @@ TEST_F(PpsdAttack, WritersOfObjectsOfManyAttributesDelayNobodyElse) {
     setenv("QUIL_SYNC_MILLISECONDS", "10", 1);
     startService();
     startEcho();
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     for (int i = 0; i < 10; ++i) {
         start(kAttacker, [&, i] {
             PpsFile object(own(kAttacker, "/o" + std::to_string(i)), kCreate);
             fill(object);
-            static_cast<void>(!write(ends[1], "y", 1));
+            tellBegun();
             for (int n = 0;; ++n) {
                 object.write("k5::" + std::to_string(n) + "\n");
             }
             return 0;
         });
     }
-    char byte = 0;
-    for (int i = 0; i < 10; ++i) {
-        ASSERT_EQ(read(ends[0], &byte, 1), 1);
-    }
+    ASSERT_NO_FATAL_FAILURE(awaitBegun(10));
     EXPECT_LT(typicalRequest(), kFairMilliseconds);
 }
 
 TEST_F(PpsdAttack, DifferencesToAnObjectOfManyAttributesDelayNobodyElse) {
     startService();
     startEcho();
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     start(kAttacker, [&] {
         PpsFile object(own(kAttacker, "/watched"), kCreate);
         fill(object);
@@ -339,7 +354,7 @@ TEST_F(PpsdAttack, DifferencesToAnObjectOfManyAttributesDelayNobodyElse) {
             epoll_event event{EPOLLIN | EPOLLET, {nullptr}};
             epoll_ctl(set, EPOLL_CTL_ADD, watchers.back().fd(), &event);
         }
-        static_cast<void>(!write(ends[1], "y", 1));
+        tellBegun();
         std::vector<epoll_event> events(200);
         for (int n = 0;; ++n) {
             object.write("k5::" + std::to_string(n) + "\n");
@@ -347,8 +362,7 @@ TEST_F(PpsdAttack, DifferencesToAnObjectOfManyAttributesDelayNobodyElse) {
         }
         return 0;
     });
-    char byte = 0;
-    ASSERT_EQ(read(ends[0], &byte, 1), 1);
+    ASSERT_NO_FATAL_FAILURE(awaitBegun(1));
     EXPECT_LT(typicalRequest(), kFairMilliseconds);
 }
 
@@ -455,7 +469,9 @@ TEST_F(PpsdAttack, ServingAndReadingWaitForNoSyncInTheSameFolder) {
         EXPECT_EQ(object.write("a::2\n"), 0);
         isDone = true;
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    // Its new text lies aside as long as it is being synced.
+    ASSERT_TRUE(waitUntil(
+        [&] { return access(m_root.path("/var/lib/ppsd/tree/?new").c_str(), F_OK) == 0; }));
     PpsFile server(path("/ipc?server"), kCreate);
     PpsFile client(path("/ipc"), O_RDWR);
     EXPECT_EQ(client.write("a::1\n"), 0);
@@ -513,17 +529,15 @@ TEST_F(PpsdAttack, ManyFoldersThatAreListedAtOnceShareTheirListing) {
               }),
               0);
     const std::size_t before = residentBytes();
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     start(kAttacker, [&] {
         std::vector<int> folders;
         for (int i = 0; i < 2000; ++i) {
             folders.push_back(open(own(kAttacker, "").c_str(), O_RDONLY | O_DIRECTORY));
         }
-        return write(ends[1], "y", 1) == 1 ? pause() : 1;
+        tellBegun();
+        return pause();
     });
-    char byte = 0;
-    ASSERT_EQ(read(ends[0], &byte, 1), 1);
+    ASSERT_NO_FATAL_FAILURE(awaitBegun(1));
     if (!kIsInstrumented) {
         EXPECT_LT(residentBytes(), before + 4 * kMebibyte);
     }
