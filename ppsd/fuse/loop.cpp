@@ -1,7 +1,6 @@
-// One thread, one poll: requests of the kernel, signals, and what other threads have finished for
-// it: the disk's work, and names that the kernel was asked to forget. The device is non-blocking,
-// because a request can be withdrawn between poll and read, and a read that then blocks would not
-// see a signal.
+// One thread, one poll: requests of the kernel, signals, and what the disk's thread has finished.
+// The device is non-blocking, because a request can be withdrawn between poll and read, and a read
+// that then blocks would not see a signal.
 
 #include "ppsd/fuse/loop.hpp"
 
@@ -76,7 +75,7 @@ int Loop::serveOne(fuse_buf& buffer) {
     return received == -EAGAIN || received == -EINTR ? 0 : -received;
 }
 
-// Waits for anything, and deals with what the other threads have finished. 0 or an errno value.
+// Waits for anything, and deals with what the disk's thread has finished. 0 or an errno value.
 int Loop::wait(int milliseconds, bool& isSignalled, bool& isRequested) {
     pollfd sources[] = {{fuse_session_fd(m_session), POLLIN, 0},
                         {m_signals.get(), POLLIN, 0},

@@ -121,8 +121,8 @@ void pollFile(fuse_req_t request, fuse_ino_t, fuse_file_info* info, fuse_pollhan
           [&](Operations& operations) { operations.files().poll(request, info->fh, waker); });
 }
 
-void releaseFile(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
-    self(request).files().release(info->fh);
+void releaseFile(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
+    self(request).release(inode, info->fh);
     fuse_reply_err(request, 0);
 }
 

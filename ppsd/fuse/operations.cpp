@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <iterator>
 #include <utility>
 
 #include "ppsd/fuse/caller.hpp"
@@ -23,9 +24,13 @@ namespace {
 
 constexpr std::uint64_t kRootNumber = 1;
 
+// The first of the numbers of a node, or of the one that is made after it.
+fuse_ino_t firstNumber(std::uint64_t node) {
+    return node << OpenOptions::kBits;
+}
+
 fuse_ino_t inodeNumber(const Node& node, OpenOptions options) {
-    return node.number == kRootNumber ? FUSE_ROOT_ID
-                                      : (node.number << OpenOptions::kBits) | options.bits();
+    return node.number == kRootNumber ? FUSE_ROOT_ID : firstNumber(node.number) | options.bits();
 }
 
 struct stat statusOf(const Node& node) {
@@ -300,22 +305,25 @@ void Operations::open(fuse_req_t request, fuse_ino_t inode, int flags) {
         fuse_reply_err(request, ENOENT);
         return;
     }
-    m_store.open(
-        found->node, found->options, accessOf(request, flags),
-        [this, request](int error, const std::shared_ptr<Node>&, std::unique_ptr<OpenFile> file) {
-            answerOrRefuse(request, [&] { answerOpen(request, error, std::move(file)); });
-        });
+    m_store.open(found->node, found->options, accessOf(request, flags),
+                 [this, request, inode](int error, const std::shared_ptr<Node>&,
+                                        std::unique_ptr<OpenFile> file) {
+                     answerOrRefuse(request,
+                                    [&] { answerOpen(request, inode, error, std::move(file)); });
+                 });
 }
 
-void Operations::answerOpen(fuse_req_t request, int error, std::unique_ptr<OpenFile> file) {
+void Operations::answerOpen(fuse_req_t request, fuse_ino_t inode, int error,
+                            std::unique_ptr<OpenFile> file) {
     if (error != 0) {
         fuse_reply_err(request, error);
         return;
     }
     const bool isStream = file->isStream();
     const std::uint64_t handle = m_files.add(callerOf(request).user, std::move(file));
+    countOpen(inode);
     if (replyOpen(request, handle, isStream) != 0) {
-        m_files.release(handle);
+        release(inode, handle);
     }
 }
 
@@ -356,9 +364,38 @@ void Operations::answerCreate(fuse_req_t request, int error, const std::shared_p
         m_files.release(handle);
         throw;
     }
+    countOpen(entry.ino);
     if (replyCreate(request, entry, handle, isStream) != 0) {
-        m_files.release(handle);
+        release(entry.ino, handle);
         forget(entry.ino, 1);
+    }
+}
+
+void Operations::countOpen(fuse_ino_t inode) {
+    if (Inode* opened = find(inode)) {
+        ++opened->opens;
+    }
+}
+
+void Operations::release(fuse_ino_t inode, std::uint64_t handle) {
+    std::shared_ptr<Node> node;
+    if (Inode* released = find(inode)) {
+        node = subjectOf(*released);
+        --released->opens;
+    }
+    m_files.release(handle);
+    if (node != nullptr && node->kind == NodeKind::kServed && node->parent == nullptr) {
+        forgetServed(*node);
+    }
+}
+
+// The kernel keeps the names that it was told of, and so their numbers, until it wants its memory;
+// what is known of those that were served, and are not any more, goes as soon as nobody has them
+// open. To the kernel they are unknown then, which is what they are.
+void Operations::forgetServed(const Node& node) {
+    const auto end = m_inodes.lower_bound(firstNumber(node.number + 1));
+    for (auto next = m_inodes.lower_bound(firstNumber(node.number)); next != end;) {
+        next = next->second.opens == 0 ? m_inodes.erase(next) : std::next(next);
     }
 }
 

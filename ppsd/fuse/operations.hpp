@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <new>
 #include <string>
@@ -48,6 +49,7 @@ class Operations {
                 const char* newName, unsigned flags);
     void open(fuse_req_t request, fuse_ino_t inode, int flags);
     void create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode, int flags);
+    void release(fuse_ino_t inode, std::uint64_t handle);
     void write(fuse_req_t request, const char* bytes, std::size_t size, off_t offset, int flags,
                std::uint64_t handle);
     void openDirectory(fuse_req_t request, fuse_ino_t inode);
@@ -63,6 +65,7 @@ class Operations {
         std::shared_ptr<Node> node;
         OpenOptions options;
         std::uint64_t lookups = 0;  // how often the kernel was told; it forgets as often
+        std::size_t opens = 0;      // open files
     };
     struct OpenListing {
         Charge place;
@@ -74,15 +77,18 @@ class Operations {
     static std::shared_ptr<Node> subjectOf(const Inode& inode);
     std::shared_ptr<DirectoryNode> findFolder(fuse_ino_t number);
     fuse_entry_param remember(const std::shared_ptr<Node>& node, OpenOptions options);
+    void countOpen(fuse_ino_t inode);
+    void forgetServed(const Node& node);
     void replyEntry(fuse_req_t request, const std::shared_ptr<Node>& node, OpenOptions options);
     void answerMade(fuse_req_t request, int error, const std::shared_ptr<Node>& node);
-    void answerOpen(fuse_req_t request, int error, std::unique_ptr<OpenFile> file);
+    void answerOpen(fuse_req_t request, fuse_ino_t inode, int error,
+                    std::unique_ptr<OpenFile> file);
     void answerCreate(fuse_req_t request, int error, const std::shared_ptr<Node>& node,
                       OpenOptions options, std::unique_ptr<OpenFile> file);
 
     Store& m_store;
     OpenFiles& m_files;
-    std::unordered_map<fuse_ino_t, Inode> m_inodes;
+    std::map<fuse_ino_t, Inode> m_inodes;
     std::unordered_map<std::uint64_t, OpenListing> m_listings;
     std::uint64_t m_nextListing = 1;
 };

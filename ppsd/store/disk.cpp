@@ -26,6 +26,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <new>
 #include <utility>
 
 #include "ppsd/store/files.hpp"
@@ -52,6 +53,28 @@ bool isThere(int folder, const std::string& name) {
 
 int renameEntry(int fromFolder, const std::string& from, int toFolder, const std::string& to) {
     return renameat(fromFolder, from.c_str(), toFolder, to.c_str()) == 0 ? 0 : errno;
+}
+
+// Brings to the medium that an entry was moved from a folder `from` to `to`, its name there being
+// `toName`. Where that fails it is moved back, so that what is seen of the tree is what is stored.
+int syncOrUndo(int to, const std::string& toName, int from, const std::string& fromName) {
+    int error = syncFolder(to);
+    if (error == 0 && from != to) {
+        error = syncFolder(from);
+    }
+    if (error != 0) {
+        renameEntry(to, toName, from, fromName);
+    }
+    return error;
+}
+
+// What is left of a removed folder, which is gone in any case: what stays is removed another time.
+void clearAway(int folder) noexcept {
+    try {
+        removeFlatFolder(folder, kOldFolder);
+    } catch (const std::bad_alloc&) {
+        return;
+    }
 }
 
 // The name under which the change of this number is written.
@@ -350,21 +373,32 @@ int Disk::makeDirectory(const std::string& path, const Metadata& metadata) {
     if (error == 0) {
         error = renameEntry(parent.get(), kNewFolder, parent.get(), name);
     }
+    if (error == 0) {
+        error = syncFolder(parent.get());
+        if (error != 0) {
+            renameEntry(parent.get(), name, parent.get(), kNewFolder);
+        }
+    }
     if (error != 0) {
         removeFlatFolder(parent.get(), kNewFolder);
-        return error;
     }
-    return syncFolder(parent.get());
+    return error;
 }
 
 int Disk::removeObject(const std::string& path) {
     UniqueFd folder;
     std::string name;
-    const int error = openFolderOf(path, folder, name);
-    if (error != 0) {
-        return error;
+    int error = openFolderOf(path, folder, name);
+    if (error == 0) {
+        error = renameEntry(folder.get(), name, folder.get(), kNewFile);
     }
-    return unlinkat(folder.get(), name.c_str(), 0) == 0 ? syncFolder(folder.get()) : errno;
+    if (error == 0) {
+        error = syncOrUndo(folder.get(), kNewFile, folder.get(), name);
+    }
+    if (error == 0) {
+        unlinkat(folder.get(), kNewFile, 0);
+    }
+    return error;
 }
 
 int Disk::removeDirectory(const std::string& path) {
@@ -388,11 +422,12 @@ int Disk::removeDirectory(const std::string& path) {
     }
     removeFlatFolder(parent.get(), kOldFolder);
     error = renameEntry(parent.get(), name, parent.get(), kOldFolder);
-    if (error != 0) {
-        return error;
+    if (error == 0) {
+        error = syncOrUndo(parent.get(), kOldFolder, parent.get(), name);
     }
-    error = syncFolder(parent.get());
-    removeFlatFolder(parent.get(), kOldFolder);
+    if (error == 0) {
+        clearAway(parent.get());
+    }
     return error;
 }
 
@@ -409,7 +444,7 @@ int Disk::rename(const std::string& from, const std::string& to) {
         error = renameEntry(source.get(), sourceName, target.get(), targetName);
     }
     if (error == 0) {
-        error = syncFolder(target.get());
+        error = syncOrUndo(target.get(), targetName, source.get(), sourceName);
     }
-    return error == 0 ? syncFolder(source.get()) : error;
+    return error;
 }

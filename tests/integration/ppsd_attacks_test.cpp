@@ -549,3 +549,52 @@ TEST_F(PpsdAttack, ManyFoldersThatAreListedAtOnceShareTheirListing) {
         EXPECT_LT(residentBytes(), before + 4 * kMebibyte);
     }
 }
+
+// The kernel goes on knowing names that it was told of.
+TEST_F(PpsdAttack, NamesServedOnceAndGoneLeaveNothingBehind) {
+    startService();
+    const auto serveNames = [this](int begin, int end) {
+        for (int i = begin; i < end; ++i) {
+            const std::string name = path("/name" + std::to_string(i));
+            const PpsFile server(name + "?server", kCreate);
+            const PpsFile client(name, O_RDWR);
+            ASSERT_EQ(client.error(), 0);
+        }
+    };
+    serveNames(0, 1000);
+    const std::size_t before = residentBytes();
+    serveNames(1000, 11000);
+    if (!kIsInstrumented) {
+        EXPECT_LT(residentBytes(), before + 2 * kMebibyte);
+    }
+}
+
+// Each waits in the kernel for a lock on the folder that another holds until its answer comes.
+TEST_F(PpsdAttack, EndOfTheServiceEndsTheWaitOfAllWhoChangeOneFolder) {
+    startService();
+    std::vector<pid_t> changers;
+    for (int i = 0; i < 8; ++i) {
+        changers.push_back(startAs(kAttacker, [this, i] {
+            const std::string name = own(kAttacker, "/o" + std::to_string(i));
+            for (int n = 0;; ++n) {
+                if (PpsFile(name, kCreate).error() == ENOTCONN) {
+                    return 0;
+                }
+                unlink(name.c_str());
+                PpsFile(own(kAttacker, "/s" + std::to_string(i)) + "?server", kCreate);
+                if (n == 50) {
+                    tellBegun();
+                }
+            }
+        }));
+    }
+    m_children = changers;
+    ASSERT_NO_FATAL_FAILURE(awaitBegun(8));
+    m_ppsd.kill();
+    for (const pid_t changer : changers) {
+        int status = -1;
+        EXPECT_TRUE(waitUntil([&] { return waitpid(changer, &status, WNOHANG) == changer; }));
+        EXPECT_EQ(status, 0);
+        std::erase(m_children, changer);
+    }
+}

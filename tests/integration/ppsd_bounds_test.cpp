@@ -86,6 +86,19 @@ TEST_F(PpsdBounds, MessageOfMoreThan256BuffersIsRefusedWhole) {
     EXPECT_EQ(server.read().size(), tag.size() + 256 * text.size()) << "the most that is one piece";
 }
 
+// Where each message of the same size would otherwise look like the second piece of one.
+TEST_F(PpsdBounds, MessagesOfADescriptorThatAppendsAreWholeEach) {
+    PpsFile server(serverPath(), kServer | O_APPEND);
+    PpsFile client(path(), O_RDWR | O_APPEND);
+    const std::string tag = tagOf(server.read());
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(client.write("a::1\n"), 0);
+        EXPECT_EQ(server.read(), tag + "a::1\n");
+        EXPECT_EQ(server.write("a::1\n"), 0);
+        EXPECT_EQ(client.read(), "@ipc\na::1\n");
+    }
+}
+
 // Whoever reads on the spot may have read the first piece; then its writer is gone, and so is known
 // to have broken off.
 TEST_F(PpsdBounds, MessageThatWasCutUnderItsReadersEyesEndsTheConnection) {

@@ -7,6 +7,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <string>
 #include <vector>
@@ -20,6 +21,7 @@ using Steps = std::vector<std::string>;
 
 Steps steps;
 std::string treeFolder;
+std::string failingSync;  // of this folder
 
 // `path` as it lies below the tree of the store, "." for the tree itself.
 std::string inTree(const std::string& path) {
@@ -57,6 +59,10 @@ extern "C" int fsync(int fd) {
         steps.push_back("sync " + pathOf(fd) +
                         (S_ISREG(status.st_mode) ? bytes(status.st_size) : ""));
     }
+    if (!failingSync.empty() && pathOf(fd) == failingSync) {
+        errno = EIO;
+        return -1;
+    }
     return static_cast<int>(syscall(SYS_fsync, fd));
 }
 
@@ -73,6 +79,16 @@ class SyncOrder : public ::testing::Test {
         EXPECT_EQ(disk.open(), 0);
         treeFolder = root.path("/store/tree");
         steps.clear();
+    }
+    ~SyncOrder() override { failingSync.clear(); }
+
+    // What is stored in the folder, by name.
+    std::string list(const std::string& folder) {
+        std::string names;
+        for (const Disk::Entry& entry : disk.load(folder)) {
+            names += entry.name + (entry.isDirectory ? "/ " : " ");
+        }
+        return names;
     }
 
     const Metadata metadata{1, 2, 0640, {3, 4}};
@@ -106,7 +122,29 @@ TEST_F(SyncOrder, RemovedObjectIsGoneFromTheMedium) {
     ASSERT_EQ(disk.saveObject("obj", record), 0);
     steps.clear();
     ASSERT_EQ(disk.removeObject("obj"), 0);
-    EXPECT_EQ(steps, Steps{"sync ."});
+    EXPECT_EQ(steps, (Steps{"rename obj to ?new", "sync ."}));
+    EXPECT_EQ(list(""), "");
+}
+
+TEST_F(SyncOrder, ChangeOfAFolderThatCannotBeSyncedIsTakenBack) {
+    ASSERT_EQ(disk.makeDirectory("one", metadata), 0);
+    ASSERT_EQ(disk.makeDirectory("two", metadata), 0);
+    ASSERT_EQ(disk.saveObject("one/obj", record), 0);
+    failingSync = "one";
+    EXPECT_EQ(disk.removeObject("one/obj"), EIO);
+    EXPECT_EQ(disk.rename("one/obj", "two/obj"), EIO);
+    EXPECT_EQ(disk.rename("one/obj", "one/other"), EIO);
+    EXPECT_EQ(disk.makeDirectory("one/folder", metadata), EIO);
+    failingSync = "two";
+    EXPECT_EQ(disk.rename("one/obj", "two/obj"), EIO);
+    failingSync = ".";
+    EXPECT_EQ(disk.removeDirectory("two"), EIO);
+    failingSync.clear();
+    EXPECT_EQ(list(""), "one/ two/ ");
+    EXPECT_EQ(list("one"), "obj ");
+    EXPECT_EQ(list("two"), "");
+    EXPECT_EQ(disk.rename("one/obj", "two/obj"), 0);
+    EXPECT_EQ(disk.removeDirectory("one"), 0);
 }
 
 TEST_F(SyncOrder, RemovedFolderIsGoneFromTheMedium) {
