@@ -65,10 +65,9 @@ Store::Access accessOf(fuse_req_t request, int flags) {
             {caller->uid, caller->gid, processOf(caller->pid)}};
 }
 
-// A name on which options make no sense.
-int parsePlainName(const char* text, ObjectName& parsed) {
-    const int error = parseObjectName(text, parsed);
-    return error == 0 && parsed.options.bits() != 0 ? EINVAL : error;
+// For a name on which options make no sense.
+int refuseOptions(int error, const ObjectName& name) {
+    return error == 0 && name.options.bits() != 0 ? EINVAL : error;
 }
 
 }  // namespace
@@ -101,6 +100,11 @@ std::shared_ptr<DirectoryNode> Operations::findFolder(fuse_ino_t number) {
     return isFolder ? std::static_pointer_cast<DirectoryNode>(inode->node) : nullptr;
 }
 
+int Operations::findPlace(fuse_ino_t folder, const char* name, Place& place) {
+    place.folder = findFolder(folder);
+    return place.folder == nullptr ? ENOENT : parseObjectName(name, place.name);
+}
+
 // Makes the entry to answer with and counts that the kernel was told. Time-outs stay 0: served
 // objects come and go by themselves, so the kernel has to ask each time.
 fuse_entry_param Operations::remember(const std::shared_ptr<Node>& node, OpenOptions options) {
@@ -123,20 +127,19 @@ void Operations::replyEntry(fuse_req_t request, const std::shared_ptr<Node>& nod
 }
 
 void Operations::lookup(fuse_req_t request, fuse_ino_t folder, const char* name) {
-    ObjectName parsed;
-    const std::shared_ptr<DirectoryNode> parent = findFolder(folder);
-    const int error = parent == nullptr ? ENOENT : parseObjectName(name, parsed);
+    Place place;
+    const int error = findPlace(folder, name, place);
     if (error != 0) {
         fuse_reply_err(request, error);
         return;
     }
-    const std::shared_ptr<Node> node = m_store.find(*parent, parsed.name);
+    const std::shared_ptr<Node> node = m_store.find(*place.folder, place.name.name);
     if (node == nullptr) {
         fuse_reply_err(request, ENOENT);
-    } else if (node->kind == NodeKind::kDirectory && parsed.options.bits() != 0) {
+    } else if (node->kind == NodeKind::kDirectory && place.name.options.bits() != 0) {
         fuse_reply_err(request, EINVAL);
     } else {
-        replyEntry(request, node, parsed.options);
+        replyEntry(request, node, place.name.options);
     }
 }
 
@@ -213,23 +216,21 @@ void Operations::setAttributes(fuse_req_t request, fuse_ino_t inode, const struc
 
 void Operations::makeDirectory(fuse_req_t request, fuse_ino_t folder, const char* name,
                                mode_t mode) {
-    ObjectName parsed;
-    const std::shared_ptr<DirectoryNode> parent = findFolder(folder);
-    const int error = parent == nullptr ? ENOENT : parsePlainName(name, parsed);
+    Place place;
+    const int error = refuseOptions(findPlace(folder, name, place), place.name);
     if (error != 0) {
         fuse_reply_err(request, error);
         return;
     }
-    m_store.makeDirectory(parent, parsed.name, callerOf(request), mode,
+    m_store.makeDirectory(place.folder, place.name.name, callerOf(request), mode,
                           [this, request](int failure, const std::shared_ptr<Node>& node) {
                               answerMade(request, failure, node);
                           });
 }
 
 void Operations::makeNode(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode) {
-    ObjectName parsed;
-    const std::shared_ptr<DirectoryNode> parent = findFolder(folder);
-    int error = parent == nullptr ? ENOENT : parsePlainName(name, parsed);
+    Place place;
+    int error = refuseOptions(findPlace(folder, name, place), place.name);
     if (error == 0 && !S_ISREG(mode)) {
         error = EPERM;
     }
@@ -238,7 +239,7 @@ void Operations::makeNode(fuse_req_t request, fuse_ino_t folder, const char* nam
         return;
     }
     m_store.create(
-        parent, parsed, callerOf(request), mode, {},
+        place.folder, place.name, callerOf(request), mode, {},
         [this, request](int failure, const std::shared_ptr<Node>& node,
                         const std::unique_ptr<OpenFile>&) { answerMade(request, failure, node); });
 }
@@ -254,38 +255,34 @@ void Operations::answerMade(fuse_req_t request, int error, const std::shared_ptr
 }
 
 void Operations::unlink(fuse_req_t request, fuse_ino_t folder, const char* name) {
-    ObjectName parsed;
-    const std::shared_ptr<DirectoryNode> parent = findFolder(folder);
-    const int error = parent == nullptr ? ENOENT : parsePlainName(name, parsed);
+    Place place;
+    const int error = refuseOptions(findPlace(folder, name, place), place.name);
     if (error != 0) {
         fuse_reply_err(request, error);
         return;
     }
-    m_store.removeObject(callerOf(request).user, parent, parsed.name,
+    m_store.removeObject(callerOf(request).user, place.folder, place.name.name,
                          [request](int failure) { fuse_reply_err(request, failure); });
 }
 
 void Operations::removeDirectory(fuse_req_t request, fuse_ino_t folder, const char* name) {
-    ObjectName parsed;
-    const std::shared_ptr<DirectoryNode> parent = findFolder(folder);
-    const int error = parent == nullptr ? ENOENT : parsePlainName(name, parsed);
+    Place place;
+    const int error = refuseOptions(findPlace(folder, name, place), place.name);
     if (error != 0) {
         fuse_reply_err(request, error);
         return;
     }
-    m_store.removeDirectory(callerOf(request).user, parent, parsed.name,
+    m_store.removeDirectory(callerOf(request).user, place.folder, place.name.name,
                             [request](int failure) { fuse_reply_err(request, failure); });
 }
 
 void Operations::rename(fuse_req_t request, fuse_ino_t folder, const char* name,
                         fuse_ino_t newFolder, const char* newName, unsigned flags) {
-    ObjectName from;
-    ObjectName to;
-    const std::shared_ptr<DirectoryNode> source = findFolder(folder);
-    const std::shared_ptr<DirectoryNode> target = findFolder(newFolder);
-    int error = source == nullptr || target == nullptr ? ENOENT : parsePlainName(name, from);
+    Place from;
+    Place to;
+    int error = refuseOptions(findPlace(folder, name, from), from.name);
     if (error == 0) {
-        error = parsePlainName(newName, to);
+        error = refuseOptions(findPlace(newFolder, newName, to), to.name);
     }
     if (error == 0 && (flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) {
         error = EINVAL;
@@ -294,7 +291,7 @@ void Operations::rename(fuse_req_t request, fuse_ino_t folder, const char* name,
         fuse_reply_err(request, error);
         return;
     }
-    m_store.rename(callerOf(request).user, source, from.name, target, to.name,
+    m_store.rename(callerOf(request).user, from.folder, from.name.name, to.folder, to.name.name,
                    (flags & RENAME_NOREPLACE) == 0,
                    [request](int failure) { fuse_reply_err(request, failure); });
 }
@@ -329,17 +326,16 @@ void Operations::answerOpen(fuse_req_t request, fuse_ino_t inode, int error,
 
 void Operations::create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode,
                         int flags) {
-    ObjectName parsed;
-    const std::shared_ptr<DirectoryNode> parent = findFolder(folder);
-    const int error = parent == nullptr ? ENOENT : parseObjectName(name, parsed);
+    Place place;
+    const int error = findPlace(folder, name, place);
     if (error != 0) {
         fuse_reply_err(request, error);
         return;
     }
     const bool mustBeNew = (flags & O_EXCL) != 0;
     m_store.create(
-        parent, parsed, callerOf(request), mode, accessOf(request, flags),
-        [this, request, mustBeNew, options = parsed.options](
+        place.folder, place.name, callerOf(request), mode, accessOf(request, flags),
+        [this, request, mustBeNew, options = place.name.options](
             int failure, const std::shared_ptr<Node>& node, std::unique_ptr<OpenFile> file) {
             if (failure == EEXIST && !mustBeNew) {
                 failure = ESTALE;  // it came into being just now: the kernel looks again

@@ -73,9 +73,17 @@ class Operations {
         std::shared_ptr<Charge> charge;
     };
 
+    // Where a name in a folder leads.
+    struct Place {
+        std::shared_ptr<DirectoryNode> folder;
+        ObjectName name;
+    };
+
     Inode* find(fuse_ino_t number);
     static std::shared_ptr<Node> subjectOf(const Inode& inode);
     std::shared_ptr<DirectoryNode> findFolder(fuse_ino_t number);
+    // 0 or an errno value.
+    int findPlace(fuse_ino_t folder, const char* name, Place& place);
     fuse_entry_param remember(const std::shared_ptr<Node>& node, OpenOptions options);
     void countOpen(fuse_ino_t inode);
     void forgetServed(const Node& node);

@@ -8,10 +8,12 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -109,3 +111,15 @@ class DirectoryNode : public Node {
     std::weak_ptr<Listing> listing;  // of what is there now; forgotten with every change
     bool isLeaving = false;          // its removal is on its way to the disk
 };
+
+// Relative to the root, for which it is empty: of a node, and of a name in a folder.
+std::string pathOf(const Node& node);
+std::string pathOf(const DirectoryNode& folder, std::string_view name);
+
+// Folders above this one, and itself: 0 for the root.
+int levelOf(const DirectoryNode& folder);
+// Levels of folders that a node brings along: 0 for an object.
+int heightOf(const Node& node);
+
+// For the metadata of what changes.
+timespec currentTime();

@@ -33,6 +33,9 @@ class Store {
         bool writes = true;
         bool truncates = false;
         Opener opener = {};
+
+        // A server reads what clients write and writes what they read.
+        bool canServe() const { return reads && writes; }
     };
 
     // What chmod, chown and touch change.
