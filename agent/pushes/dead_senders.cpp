@@ -3,6 +3,7 @@
 
 #include "agent/pushes/dead_senders.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 
@@ -13,7 +14,15 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kPauseBetweenLooks{1};
+// A look asks the kernel once for each connection: it may take a hundredth of the time, but comes
+// at least once a second.
+constexpr Clock::duration kShortestPause = std::chrono::milliseconds(50);
+constexpr Clock::duration kLongestPause = std::chrono::seconds(1);
+constexpr int kPausePerLook = 100;
+
+Clock::rep after(Clock::duration pause) {
+    return (Clock::now() + pause).time_since_epoch().count();
+}
 
 std::atomic<Clock::rep> g_nextLook{Clock::time_point::min().time_since_epoch().count()};
 
@@ -26,11 +35,12 @@ int letGoOfDeadSenders() {
 }
 
 void lookForDeadSenders() {
-    const Clock::time_point now = Clock::now();
+    const Clock::time_point begin = Clock::now();
     Clock::rep due = g_nextLook;
-    if (now.time_since_epoch().count() >= due &&
-        g_nextLook.compare_exchange_strong(due,
-                                           (now + kPauseBetweenLooks).time_since_epoch().count())) {
+    if (begin.time_since_epoch().count() >= due &&
+        g_nextLook.compare_exchange_strong(due, after(kLongestPause))) {
         letGoOfDeadSenders();
+        const Clock::duration taken = Clock::now() - begin;
+        g_nextLook = after(std::clamp(taken * kPausePerLook, kShortestPause, kLongestPause));
     }
 }

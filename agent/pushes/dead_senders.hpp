@@ -7,6 +7,6 @@
 // thread.
 int letGoOfDeadSenders();
 
-// The same, once a second at the most; for every push that comes, and whatever else needs
-// descriptors. Any thread.
+// The same, unless it was done a moment ago (at most a second); for every push that comes, and
+// whatever else needs descriptors. Any thread.
 void lookForDeadSenders();

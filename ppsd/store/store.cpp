@@ -1,5 +1,5 @@
-// What is in the tree, and how it is opened and served. Changes of the tree are in structure.cpp,
-// those of what stands in it in contents.cpp.
+// What is in the tree, and how it is opened and served. Changes of the tree are in
+// store_structure.cpp, those of what stands in it in store_contents.cpp.
 
 #include "ppsd/store/store.hpp"
 

@@ -21,7 +21,7 @@ def vanish(context, result, label, limit, count, seconds):
         senders.hear(20)
         measure_alone(context, result, innocents, context.pick(2, 0.5))
         before = device.descriptors()
-        innocents.begin(seconds, grace=3)
+        innocents.begin(seconds, grace=3)  # to the end: it is at a push that the dead are let go
         senders.begin_round(0, 0)
         told = senders.hear(40)
         peak = device.descriptors()
@@ -49,8 +49,8 @@ class VanishedSenders(Scenario):
 
     def run(self, context, result):
         count = context.pick(3000, 1000)
-        found = vanish(context, result, "", None, count, context.pick(9, 3.5))
-        low = vanish(context, result, " (300 descriptors)", 300, count, context.pick(9, 3.5))
+        found = vanish(context, result, "", None, count, context.pick(12, 6))
+        low = vanish(context, result, " (300 descriptors)", 300, count, context.pick(12, 6))
         for kind in (REQUESTS, PUSHES):
             result.attacked[kind] = found[kind]
             result.attacked[f"{kind}, 300 descriptors"] = low[kind]
