@@ -96,15 +96,18 @@ bool OpenFiles::answerRead(fuse_req_t request, OpenFile& file, std::size_t size)
     return false;
 }
 
-void OpenFiles::read(fuse_req_t request, std::uint64_t handle, std::size_t size, bool nonBlocking) {
+// A read for the kernel's page cache (of a mapping, or ahead) never waits: it holds a page that
+// others need, and the file, also when whoever caused it has gone.
+void OpenFiles::read(fuse_req_t request, std::uint64_t handle, std::size_t size,
+                     Impatience impatience) {
     Entry& entry = entryOf(handle);
     if (answerRead(request, *entry.file, size)) {
         return;
     }
     if (!entry.file->waits()) {
         fuse_reply_buf(request, nullptr, 0);
-    } else if (nonBlocking) {
-        fuse_reply_err(request, EAGAIN);
+    } else if (impatience != Impatience::kNone) {
+        fuse_reply_err(request, impatience == Impatience::kNonBlocking ? EAGAIN : EIO);
     } else if (fuse_req_interrupted(request) != 0) {
         // Asked beforehand, because the library must not find the request answered when it calls an
         // interrupt function from within its registration. No interrupt can come in between: they

@@ -28,8 +28,11 @@ class OpenFiles : public ReadinessListener {
     // Remembers the size of a write; gives that of the one before.
     static std::size_t exchangeWritten(std::uint64_t handle, std::size_t size);
 
+    // What a read is answered with that has nothing to read yet on a file where reads wait.
+    enum class Impatience { kNone, kNonBlocking, kForPageCache };
+
     // Answers the read now, or keeps the request until there is something to read.
-    void read(fuse_req_t request, std::uint64_t handle, std::size_t size, bool nonBlocking);
+    void read(fuse_req_t request, std::uint64_t handle, std::size_t size, Impatience impatience);
 
     // Answers with the present state and keeps `waker` (which may be null) to tell the kernel of
     // the next change.

@@ -103,9 +103,13 @@ void createFile(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t 
 }
 
 void readFile(fuse_req_t request, fuse_ino_t, std::size_t size, off_t, fuse_file_info* info) {
-    const bool nonBlocking = (info->flags & O_NONBLOCK) != 0;
+    using Impatience = OpenFiles::Impatience;
+    // The kernel names an owner of locks with a read that somebody has called, and with no other.
+    const Impatience impatience = info->lock_owner == 0             ? Impatience::kForPageCache
+                                  : (info->flags & O_NONBLOCK) != 0 ? Impatience::kNonBlocking
+                                                                    : Impatience::kNone;
     serve(request, [&](Operations& operations) {
-        operations.files().read(request, info->fh, size, nonBlocking);
+        operations.files().read(request, info->fh, size, impatience);
     });
 }
 

@@ -70,6 +70,26 @@ int refuseOptions(int error, const ObjectName& name) {
     return error == 0 && name.options.bits() != 0 ? EINVAL : error;
 }
 
+constexpr mode_t kPrivilegeBits = S_ISUID | S_ISGID;
+
+// Whether the caller may change the attributes of the node. The kernel has looked already, but goes
+// by what it knew of an open file when that was opened under the same name, options included: the
+// owner and the mode may have been changed since, under another.
+bool mayChange(const Node& node, uid_t caller, const struct stat& status, int which) {
+    const Metadata& present = node.latestMetadata();
+    if (caller == 0 || caller == present.owner) {
+        return true;
+    }
+    const mode_t mode = status.st_mode & 07777U;
+    // What the kernel takes from a file by itself that is written to.
+    const bool isStripped =
+        (mode & ~kPrivilegeBits) == (present.mode & ~kPrivilegeBits) && (mode & ~present.mode) == 0;
+    const bool changesMode = (which & FUSE_SET_ATTR_MODE) != 0 && !isStripped;
+    const bool setsTime =
+        (which & FUSE_SET_ATTR_MTIME) != 0 && (which & FUSE_SET_ATTR_MTIME_NOW) == 0;
+    return !changesMode && !setsTime && (which & (FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID)) == 0;
+}
+
 }  // namespace
 
 Operations::Operations(Store& store, OpenFiles& files) : m_store(store), m_files(files) {
@@ -175,6 +195,10 @@ void Operations::setAttributes(fuse_req_t request, fuse_ino_t inode, const struc
     }
     const std::shared_ptr<Node> node = subjectOf(*found);
     const uid_t user = callerOf(request).user;
+    if (!mayChange(*node, user, status, which)) {
+        fuse_reply_err(request, EPERM);
+        return;
+    }
     Store::MetadataChange change;
     if ((which & FUSE_SET_ATTR_MODE) != 0) {
         change.mode = status.st_mode & 07777U;

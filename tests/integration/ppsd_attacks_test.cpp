@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -14,6 +15,8 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <future>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -597,4 +600,76 @@ TEST_F(PpsdAttack, EndOfTheServiceEndsTheWaitOfAllWhoChangeOneFolder) {
         EXPECT_EQ(status, 0);
         std::erase(m_children, changer);
     }
+}
+
+// Such a read is the kernel's own, and goes on when whoever caused it has gone.
+TEST_F(PpsdAttack, ReadAheadOfAWaitingReaderHoldsUpNobody) {
+    startService();
+    ASSERT_EQ(PpsFile(path("/obj"), kCreate).write("a::1\n"), 0);
+    ASSERT_EQ(asOther(
+                  [this] {
+                      const PpsFile reader(path("/obj?wait"), O_RDONLY);
+                      reader.read();
+                      return posix_fadvise(reader.fd(), 0, 4096, POSIX_FADV_WILLNEED);
+                  },
+                  kAttacker),
+              0);
+    std::future<std::string> other = std::async(
+        std::launch::async, [this] { return PpsFile(path("/obj?wait"), O_RDONLY).read(); });
+    if (other.wait_for(std::chrono::seconds(20)) == std::future_status::timeout) {
+        ADD_FAILURE() << "the next reader hangs";
+        m_ppsd.kill();
+    }
+    EXPECT_EQ(other.get(), "@obj\na::1\n");
+}
+
+TEST_F(PpsdAttack, PageOfAMappingIsReadAtOnceOrNotAtAll) {
+    startService();
+    ASSERT_EQ(PpsFile(path("/obj"), kCreate).write("a::1\n"), 0);
+    const pid_t attacker = startAs(kAttacker, [this] {
+        const PpsFile reader(path("/obj?wait"), O_RDONLY);
+        reader.read();
+        void* page = mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, reader.fd(), 0);
+        return page == MAP_FAILED ? 1 : *static_cast<volatile char*>(page);
+    });
+    m_children.push_back(attacker);
+    int status = 0;
+    ASSERT_TRUE(waitUntil([&] { return waitpid(attacker, &status, WNOHANG) == attacker; }));
+    m_children.clear();
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGBUS) << status;
+}
+
+TEST_F(PpsdAttack, FormerOwnerHasNoSayOverAnObjectThatWasTaken) {
+    startService();
+    ASSERT_EQ(PpsFile(path("/obj"), kCreate).write("a::1\n"), 0);
+    ASSERT_EQ(chown(path("/obj").c_str(), kAttacker, kAttacker), 0);
+    int taken[2];
+    ASSERT_EQ(pipe2(taken, O_CLOEXEC), 0);
+    const pid_t attacker = startAs(kAttacker, [&] {
+        const PpsFile object(path("/obj?delta"), O_RDONLY);
+        tellBegun();
+        char byte = 0;
+        static_cast<void>(!read(taken[0], &byte, 1));
+        const timespec times[2] = {{1, 0}, {1, 0}};
+        const int errors[] = {fchmod(object.fd(), 0666) == 0 ? 0 : errno,
+                              fchown(object.fd(), -1, kAttacker) == 0 ? 0 : errno,
+                              futimens(object.fd(), times) == 0 ? 0 : errno};
+        return std::all_of(std::begin(errors), std::end(errors),
+                           [](int error) { return error == EPERM; })
+                   ? 0
+                   : 1;
+    });
+    m_children.push_back(attacker);
+    ASSERT_NO_FATAL_FAILURE(awaitBegun(1));
+    ASSERT_EQ(chown(path("/obj").c_str(), 0, 0), 0);
+    ASSERT_EQ(chmod(path("/obj").c_str(), 0600), 0);
+    ASSERT_EQ(write(taken[1], "y", 1), 1);
+    int status = -1;
+    ASSERT_EQ(waitpid(attacker, &status, 0), attacker);
+    m_children.clear();
+    EXPECT_EQ(status, 0);
+    struct stat object {};
+    ASSERT_EQ(stat(path("/obj").c_str(), &object), 0);
+    EXPECT_EQ(object.st_mode & 07777U, 0600U);
+    EXPECT_EQ(object.st_uid, 0U);
 }
