@@ -114,7 +114,6 @@ bool reopenClientObject() {
 }
 
 ssize_t writeToClients(const char* text, std::size_t length, int life) {
-    flushLogEcho();  // the object service may be slow to take it
     const std::shared_lock lock(writeLock());
     if (life != serviceLife()) {
         errno = ESTALE;

@@ -1,8 +1,11 @@
 // One condition, signalled once per node that the reader waits for. The reader tests for emptiness
 // after every wake, so spurious wakes are harmless. Nothing is logged or flushed under the lock: it
-// is a leaf.
+// is a leaf. Whoever takes a node in the reader's place logs what the reader would have: the log
+// tells what happens to a message, not on which thread.
 
 #include "agent/messages/message_queue.hpp"
+
+#include <utility>
 
 #include "agent/connections/connection.hpp"
 #include "agent/messages/push_message.hpp"
@@ -10,6 +13,25 @@
 #include "agent/support/wake_up.hpp"
 
 namespace {
+
+// Of a thread that goes on to takeHere(); and whether it has handled a node there.
+thread_local bool t_keepsReaderWaiting = false;
+thread_local bool t_hasHandled = false;
+
+void logPop() {
+    QUIL_LOG(LOG_LEVEL_DEBUG, "QuilMessageManager::pop called.\n");
+}
+
+void logWait(int result) {
+    QUIL_LOG(LOG_LEVEL_DEBUG, "QuilMessageManager::pop: done pthread_cond_wait rc[%d]", result);
+    if (result != 0) {
+        QUIL_LOG(LOG_LEVEL_ERROR, "pthread_cond_wait: rc[%d]", result);
+    }
+}
+
+void logNode(int size) {
+    QUIL_LOG(LOG_LEVEL_INFO, "pop: size of queue %d\n", size);
+}
 
 bool isPush(const QuilMessageNode& node) {
     return node.getType() == MESSAGE_PUSH;
@@ -85,7 +107,7 @@ bool QuilMessageManager::append(std::unique_ptr<QuilMessageNode>* node) {
         }
         m_size = static_cast<int>(m_nodes.size());
         m_requests += isPush(*m_nodes.back()) ? 0 : 1;
-        isAwaited = m_waiting > 0;
+        isAwaited = m_waiting > 0 && !m_isHandledHere && !t_keepsReaderWaiting;
     }
     // Behind the lock, so that the reader does not wake up only to wait for it.
     if (isAwaited) {
@@ -113,21 +135,21 @@ void QuilMessageManager::wakeLoopIfRoom(int size) {
 }
 
 std::unique_ptr<QuilMessageNode> QuilMessageManager::pop() {
-    QUIL_LOG(LOG_LEVEL_DEBUG, "QuilMessageManager::pop called.\n");
+    {
+        const QuilLock lock(m_mutex);
+        m_isHandledByReader = false;
+    }
+    logPop();
     int size = 0;
     std::unique_ptr<QuilMessageNode> node = take(&size);
     while (node == nullptr) {
         flushLogEcho();
         if (const std::optional<int> result = wait()) {
-            QUIL_LOG(LOG_LEVEL_DEBUG, "QuilMessageManager::pop: done pthread_cond_wait rc[%d]",
-                     *result);
-            if (*result != 0) {
-                QUIL_LOG(LOG_LEVEL_ERROR, "pthread_cond_wait: rc[%d]", *result);
-            }
+            logWait(*result);
         }
         node = take(&size);
     }
-    QUIL_LOG(LOG_LEVEL_INFO, "pop: size of queue %d\n", size);
+    logNode(size);
     wakeLoopIfRoom(size);
     return node;
 }
@@ -135,9 +157,14 @@ std::unique_ptr<QuilMessageNode> QuilMessageManager::pop() {
 std::unique_ptr<QuilMessageNode> QuilMessageManager::take(int* size) {
     const QuilLock lock(m_mutex);
     *size = static_cast<int>(m_nodes.size());
-    if (m_nodes.empty()) {
+    if (m_nodes.empty() || m_isHandledHere) {
         return nullptr;
     }
+    m_isHandledByReader = true;
+    return takeFront();
+}
+
+std::unique_ptr<QuilMessageNode> QuilMessageManager::takeFront() {
     std::unique_ptr<QuilMessageNode> node = std::move(m_nodes.front());
     m_nodes.pop_front();
     m_size = static_cast<int>(m_nodes.size());
@@ -147,11 +174,55 @@ std::unique_ptr<QuilMessageNode> QuilMessageManager::take(int* size) {
 
 std::optional<int> QuilMessageManager::wait() {
     const QuilLock lock(m_mutex);
-    if (!m_nodes.empty()) {
+    if (!m_nodes.empty() && !m_isHandledHere) {
         return std::nullopt;  // it came since take() looked, and its signal reached nobody
     }
     ++m_waiting;
     const int result = pthread_cond_wait(&m_condition, m_mutex.native());
     --m_waiting;
     return result;
+}
+
+void QuilMessageManager::keepReaderWaiting() {
+    t_keepsReaderWaiting = true;
+}
+
+std::unique_ptr<QuilMessageNode> QuilMessageManager::takeHere(
+    bool (*isQuick)(const QuilMessageNode&)) {
+    int size = 0;
+    bool isAwaited = false;
+    std::unique_ptr<QuilMessageNode> node;
+    {
+        const QuilLock lock(m_mutex);
+        size = static_cast<int>(m_nodes.size());
+        // A reader that is not in its wait is about to look.
+        const bool isReaderIdle = m_waiting > 0 && !m_isHandledByReader && !m_isHandledHere;
+        if (size > 0 && isReaderIdle && isQuick(*m_nodes.front())) {
+            m_isHandledHere = true;
+            node = takeFront();
+        }
+        isAwaited = node == nullptr && size > 0 && isReaderIdle;
+    }
+    if (node == nullptr) {
+        t_keepsReaderWaiting = t_hasHandled = false;
+        if (isAwaited) {
+            pthread_cond_signal(&m_condition);
+        }
+        return nullptr;
+    }
+    if (!t_hasHandled) {
+        logWait(0);  // in which the reader is
+    }
+    logNode(size);
+    wakeLoopIfRoom(size);
+    return node;
+}
+
+void QuilMessageManager::handledHere() {
+    {
+        const QuilLock lock(m_mutex);
+        m_isHandledHere = false;
+    }
+    t_hasHandled = true;
+    logPop();
 }

@@ -200,7 +200,8 @@ void QuilPushMessage::parseHeader(const std::string& token) {
 }
 
 void QuilPushMessage::createData() {
-    char text[kBase64Bytes] = {};
+    char text[kBase64Bytes];
+    text[0] = '\0';
     int length = -1;
     if (isDataHeld()) {
         const auto* data = reinterpret_cast<const unsigned char*>(m_payload.data());

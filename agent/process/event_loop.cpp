@@ -3,6 +3,9 @@
 // in yet. The set is built anew before every wait from the list of ports taken at the end of the
 // pass before, so a new port is watched from the next pass on. Everything that touches sockets of
 // pushes and requests of clients runs here, on the main thread, and nothing of it waits.
+//
+// What a pass costs does not hang on how many ports there are, but for their lines: what is known
+// of them is kept until one of them changes.
 
 #include "agent/process/event_loop.hpp"
 
@@ -10,6 +13,7 @@
 #include <sys/select.h>
 
 #include <algorithm>
+#include <bitset>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -23,10 +27,12 @@
 #include "agent/messages/message_queue.hpp"
 #include "agent/process/exchanges.hpp"
 #include "agent/process/handler_thread.hpp"
+#include "agent/process/port_watch.hpp"
 #include "agent/pushes/push_intake.hpp"
 #include "agent/requests/permissions.hpp"
 #include "agent/requests/request_reader.hpp"
 #include "agent/requests/session_requests.hpp"
+#include "agent/sessions/port_changes.hpp"
 #include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/support/log.hpp"
@@ -60,12 +66,21 @@ class DescriptorSet {
         m_highest = std::max(m_highest, descriptor);
     }
     bool has(int descriptor) const {
-        return isWatchable(descriptor) && FD_ISSET(descriptor, &m_set);
+        return isWatchable(descriptor) &&
+               (FD_ISSET(descriptor, &m_set) || m_ports.test(static_cast<std::size_t>(descriptor)));
     }
-    int wait() { return select(m_highest + 1, &m_set, nullptr, nullptr, nullptr); }
+    // Of a failed wait everything that was added is in the set.
+    int wait(const PortWatch& ports) {
+        const int count = select(m_highest + 1, &m_set, nullptr, nullptr, nullptr);
+        if (has(ports.descriptor())) {
+            m_ports = count > 0 ? ports.takeReady() : ports.all();
+        }
+        return count;
+    }
 
   private:
     fd_set m_set;
+    std::bitset<PortWatch::kNumbers> m_ports;  // of those that are not in m_set themselves
     int m_highest = 0;
 };
 
@@ -139,61 +154,69 @@ void endHold() {
     }
 }
 
-// Lines about each port, the same in every pass until a port changes.
-class PortLines {
-  public:
-    template <typename Logging>
-    void log(const std::vector<QuilPort*>& ports, Logging logLine) {
-        if (!isSame(ports)) {
-            m_lines.forget();
-        }
-        logFromMemory(&m_lines, [&] {
-            for (const QuilPort* port : ports) {
-                logLine(port->getPort(), port->getSocket());
-            }
-        });
-    }
-
-  private:
-    // Whether the lines of the last time would be the same. Without memory to compare with they are
-    // taken for others.
-    bool isSame(const std::vector<QuilPort*>& ports) {
-        const auto shows = [](const QuilPort* port, const std::pair<int, int>& shown) {
-            return port->getPort() == shown.first && port->getSocket() == shown.second;
-        };
-        if (std::equal(ports.begin(), ports.end(), m_shown.begin(), m_shown.end(), shows)) {
-            return true;
-        }
-        m_shown.clear();
-        try {
-            for (const QuilPort* port : ports) {
-                m_shown.emplace_back(port->getPort(), port->getSocket());
-            }
-        } catch (const std::bad_alloc&) {
-            m_shown.clear();
-            m_shown.shrink_to_fit();
-        }
-        return false;
-    }
-
-    std::vector<std::pair<int, int>> m_shown;  // port and descriptor
-    LogLines m_lines;
+// The ports as they were at the end of the pass before, and what changes with them alone.
+struct Ports {
+    std::vector<QuilPort*> list;
+    unsigned long changes = 0;  // countPortChanges() before the list was taken
+    bool isTaken = false;
+    LogLines setLines;   // "setting rfds" for each
+    LogLines nextLines;  // at the end of a pass, for each
+    PortWatch watch;
+    std::vector<int> sockets;  // that are to be watched
 };
 
+template <typename LogLine>
+void logPorts(const Ports& ports, LogLines* lines, LogLine logLine) {
+    logFromMemory(lines, [&] {
+        for (const QuilPort* port : ports.list) {
+            logLine(port->getPort(), port->getSocket());
+        }
+    });
+}
+
+// Puts the sockets that are to be watched into the set, or what stands for them.
+void addSockets(Ports* ports, unsigned long changes, const Room& room, DescriptorSet* set) {
+    const auto isToBeWatched = [&](const QuilPort& port) {
+        return isWatchable(port.getSocket()) && !port.isWaitingForClient() &&
+               room.forPushesOf(port);
+    };
+    try {
+        ports->sockets.clear();
+        for (const QuilPort* port : ports->list) {
+            if (isToBeWatched(*port)) {
+                ports->sockets.push_back(port->getSocket());
+            }
+        }
+        ports->watch.watch(ports->sockets, changes);
+        if (isWatchable(ports->watch.descriptor())) {
+            set->add(ports->watch.descriptor());
+        }
+        for (const int socket : ports->watch.others()) {
+            set->add(socket);
+        }
+    } catch (const std::bad_alloc&) {
+        for (const QuilPort* port : ports->list) {
+            if (isToBeWatched(*port)) {
+                set->add(port->getSocket());
+            }
+        }
+    }
+}
+
 // False when a descriptor that the loop cannot do without is out of range.
-bool buildSet(const std::vector<QuilPort*>& ports, PortLines* lines, DescriptorSet* set) {
+bool buildSet(Ports* ports, DescriptorSet* set) {
     QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Waiting (select)...");
     const Room room;
     const bool takesPushes = room.forPushes() && !isPushIntakePaused();
-    lines->log(ports, [](int port, int socket) {
+    const unsigned long changes = countPortChanges();
+    if (changes != ports->changes) {
+        ports->setLines.forget();
+    }
+    logPorts(*ports, &ports->setLines, [](int port, int socket) {
         QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: setting rfds: port [%d] fd[%d]", port, socket);
     });
-    for (const QuilPort* port : ports) {
-        const int socket = port->getSocket();
-        if (isWatchable(socket) && takesPushes && !port->isWaitingForClient() &&
-            room.forPushesOf(*port)) {
-            set->add(socket);
-        }
+    if (takesPushes) {
+        addSockets(ports, changes, room, set);
     }
     if (room.forPushes() && isWatchable(g_intake)) {
         set->add(g_intake);
@@ -217,10 +240,10 @@ bool buildSet(const std::vector<QuilPort*>& ports, PortLines* lines, DescriptorS
     return true;
 }
 
-void waitForEvents(DescriptorSet* set) {
+void waitForEvents(const Ports& ports, DescriptorSet* set) {
     flushLogEcho();
     errno = 0;
-    if (set->wait() <= 0) {
+    if (set->wait(ports.watch) <= 0) {
         // The pass goes on with the set as select left it. Kept on purpose: a port may have been
         // closed under the wait, and every reader below copes with a descriptor that has nothing to
         // give.
@@ -237,6 +260,7 @@ void servePorts(const std::vector<QuilPort*>& ports, const DescriptorSet& set) {
         try {
             QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: Port %d receiving data for App id [%s]",
                      port->getPort(), port->getName().c_str());
+            const HandlingHere handling;
             serverIfProcessData(port);
         } catch (...) {
             QUIL_LOG(LOG_LEVEL_WARNING,
@@ -249,6 +273,7 @@ void servePorts(const std::vector<QuilPort*>& ports, const DescriptorSet& set) {
 
 void serveSetAside() {
     try {
+        const HandlingHere handling;
         servePushIntake();
     } catch (...) {
         QUIL_LOG(LOG_LEVEL_WARNING,
@@ -293,6 +318,7 @@ void serveClient() {
     int count = 0;
     int error = 0;
     try {
+        const HandlingHere handling;
         count = clientPPSMessageGet();
         error = errno;
     } catch (...) {
@@ -309,37 +335,44 @@ void serveWakeUp() {
     takeWakeUp();
 }
 
-// Puts the ports of all sessions into `ports`, shown by `logPorts`. After an exception the list is
-// the one before: a loop that watched nothing would not come back by itself.
-template <typename LogPorts>
-void takePorts(std::vector<QuilPort*>* ports, const char* exceptionText, LogPorts logPorts) {
+// Takes the ports of all sessions, unless they are what they were; `log` shows them. After an
+// exception the list is the one before: a loop that watched nothing would not come back by itself.
+template <typename Log>
+void takePorts(Ports* ports, const char* exceptionText, Log log) {
     QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: All the valid ports are\n");
     try {
-        *ports = g_sessions->getAllPorts();
-        logPorts(*ports);
+        const unsigned long changes = countPortChanges();
+        // At this level taking the list has lines of its own.
+        if (!ports->isTaken || changes != ports->changes || isLogged(LOG_LEVEL_DEBUG)) {
+            ports->list = g_sessions->getAllPorts();
+            ports->setLines.forget();
+            ports->nextLines.forget();
+            ports->changes = changes;
+            ports->isTaken = true;
+        }
+        log();
     } catch (...) {
+        ports->isTaken = false;
         QUIL_LOG(LOG_LEVEL_WARNING, "%s", exceptionText);
     }
 }
 
-void takeFirstPorts(std::vector<QuilPort*>* taken) {
-    takePorts(taken, "quilAgentLoop: exception occurred when trying to get all ports\n",
-              [](const std::vector<QuilPort*>& ports) {
-                  QUIL_LOG(LOG_LEVEL_DEBUG, "ports->size() = %d", static_cast<int>(ports.size()));
-                  for (const QuilPort* port : ports) {
-                      QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: port [%d] fd[%d]", port->getPort(),
-                               port->getSocket());
-                  }
-              });
+void takeFirstPorts(Ports* ports) {
+    takePorts(ports, "quilAgentLoop: exception occurred when trying to get all ports\n", [=] {
+        QUIL_LOG(LOG_LEVEL_DEBUG, "ports->size() = %d", static_cast<int>(ports->list.size()));
+        for (const QuilPort* port : ports->list) {
+            QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop: port [%d] fd[%d]", port->getPort(),
+                     port->getSocket());
+        }
+    });
 }
 
-void takeNextPorts(PortLines* lines, std::vector<QuilPort*>* taken) {
-    takePorts(taken, "quilAgentLoop: exception occurred when trying to get all ports",
-              [lines](const std::vector<QuilPort*>& ports) {
-                  lines->log(ports, [](int port, int socket) {
-                      QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop 2: port[%d] fd[%d]", port, socket);
-                  });
-              });
+void takeNextPorts(Ports* ports) {
+    takePorts(ports, "quilAgentLoop: exception occurred when trying to get all ports", [=] {
+        logPorts(*ports, &ports->nextLines, [](int port, int socket) {
+            QUIL_LOG(LOG_LEVEL_INFO, "quilAgentLoop 2: port[%d] fd[%d]", port, socket);
+        });
+    });
 }
 
 }  // namespace
@@ -368,9 +401,7 @@ void quilAgentLoop() {
     g_pipeReadEnd = openWakeUp();
     g_intake = openPushIntake();
     g_clientWatch.watch(g_clientDescriptor);
-    std::vector<QuilPort*> ports;
-    PortLines setLines;
-    PortLines nextLines;
+    Ports ports;
     takeFirstPorts(&ports);
     if (g_sessions->processSimChange(quilDestroyChannel) == 0) {
         QUIL_LOG(LOG_LEVEL_ERROR, "QuilAgent: process SIM Change failed!");
@@ -379,14 +410,14 @@ void quilAgentLoop() {
     QUIL_LOG(LOG_LEVEL_INFO, "Entering quilAgentLoop...");
     for (;;) {
         DescriptorSet set;
-        if (!buildSet(ports, &setLines, &set)) {
+        if (!buildSet(&ports, &set)) {
             return;
         }
-        waitForEvents(&set);
+        waitForEvents(ports, &set);
         // Pushes first, then the client, then the wake-up, and only then the new list: a request
         // that frees a port cannot take it away from the one push that this pass found there. What
         // waits behind that push falls with the port.
-        servePorts(ports, set);
+        servePorts(ports.list, set);
         if (set.has(g_intake)) {
             serveSetAside();
         }
@@ -396,7 +427,7 @@ void quilAgentLoop() {
         if (set.has(g_pipeReadEnd)) {
             serveWakeUp();
         }
-        takeNextPorts(&nextLines, &ports);
+        takeNextPorts(&ports);
         QUIL_LOG(LOG_LEVEL_INFO, "\n\n");
     }
 }

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <deque>
@@ -31,6 +32,7 @@ class ParkedPushes {
     ParkedPushes(const ParkedPushes&) = delete;
     ParkedPushes& operator=(const ParkedPushes&) = delete;
 
+    bool isEmpty() const { return m_size == 0; }
     bool hasAny(const std::string& appId);
     // Parks a push behind its application's others. Without memory it is closed, with a line.
     void park(std::unique_ptr<QuilMessageNode> node);
@@ -56,6 +58,6 @@ class ParkedPushes {
     // A leaf: nothing is logged, closed or destroyed under it.
     QuilMutex m_lock;
     std::map<std::string, Queue> m_queues GUARDED_BY(m_lock);  // by application; none is empty
-    std::size_t m_size GUARDED_BY(m_lock) = 0;
+    std::atomic<std::size_t> m_size{0};                        // written under the lock
     std::uint64_t m_lastNumber GUARDED_BY(m_lock) = 0;
 };

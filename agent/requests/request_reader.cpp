@@ -202,7 +202,6 @@ void noteConnectionChange(const pps_decoder_t& decoder, const std::string& clien
 int clientPPSMessageGet() {
     QUIL_LOG(LOG_LEVEL_INFO, "clientIf_getMsg - Reading incoming IPC request.");
     g_request.fill('\0');
-    flushLogEcho();
     const int count = static_cast<int>(read(clientDescriptor(), g_request.data(), kRequestBytes));
     if (count == -1) {
         QUIL_LOG(LOG_LEVEL_WARNING, "clientPPSMessageGet: Unable to read push PPS object.");

@@ -123,7 +123,11 @@ void QuilSession::setToken(const std::string& token) {
 
 std::unique_ptr<QuilBaseState> QuilSession::setState(std::unique_ptr<QuilBaseState> next) {
     const Lock lock(m_lock);
+    const bool wasRegistered = isRegistered();
     m_state.swap(next);
+    if (isRegistered() != wasRegistered) {
+        notePortChange();
+    }
     return next;
 }
 

@@ -3,6 +3,7 @@
 
 #include "agent/sessions/session_manager.hpp"
 
+#include "agent/sessions/port_changes.hpp"
 #include "agent/sessions/saved_sim.hpp"
 #include "agent/support/log.hpp"
 
@@ -42,6 +43,7 @@ int QuilSessionManager::addSession(std::unique_ptr<QuilSession>& session) {
             if (found == m_sessions.end()) {
                 session->processEvent(EVENT_CREATE);
                 m_sessions[appId] = std::move(session);
+                notePortChange();
                 QUIL_LOG(LOG_LEVEL_INFO, "QuilSessionManager::addSession -> added key [%s]\n",
                          appId.c_str());
             } else if (found->second != nullptr) {
@@ -78,6 +80,7 @@ void QuilSessionManager::addSavedSession(std::unique_ptr<QuilSession> session) {
         const Lock lock(m_lock);
         try {
             m_sessions[appId] = std::move(session);
+            notePortChange();
             QUIL_LOG(LOG_LEVEL_INFO, "QuilSessionManager::addSavedSession -> added key [%s]\n",
                      appId.c_str());
         } catch (...) {
@@ -158,6 +161,7 @@ int QuilSessionManager::deleteSession(const std::string& providerAppId) {
         }
         if (found->second == nullptr) {
             m_sessions.erase(found);
+            notePortChange();
             return 0;
         }
         found->second->processEvent(EVENT_DELETE);
@@ -165,6 +169,7 @@ int QuilSessionManager::deleteSession(const std::string& providerAppId) {
             QUIL_LOG(LOG_LEVEL_INFO, "QuilSessionManager::deleteSession: session [%s] removed.",
                      providerAppId.c_str());
             m_sessions.erase(found);
+            notePortChange();
         }
         return 1;
     } catch (...) {
@@ -200,6 +205,7 @@ void QuilSessionManager::removeAll() {
     const Lock lock(m_lock);
     try {
         m_sessions.clear();
+        notePortChange();
     } catch (...) {
         QUIL_LOG(LOG_LEVEL_WARNING, "exception occurred when trying to remove ALL sessions.");
     }

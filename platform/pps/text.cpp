@@ -1,5 +1,7 @@
 #include "platform/pps/text.hpp"
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdio>
 
@@ -10,6 +12,23 @@ constexpr std::string_view kReplacementCharacter = "\xEF\xBF\xBD";
 bool isControl(char byte) {
     const auto code = static_cast<unsigned char>(byte);
     return code < 0x20 || code == 0x7F;
+}
+
+bool isAscii(char byte) {
+    return static_cast<unsigned char>(byte) < 0x80;
+}
+
+// Characters that are in a JSON string as they are.
+constexpr std::array<bool, 256> kStandsForItself = [] {
+    std::array<bool, 256> table{};
+    for (std::size_t code = 0x20; code < 0x7F; ++code) {
+        table[code] = code != '"' && code != '\\';
+    }
+    return table;
+}();
+
+bool standsForItself(char byte) {
+    return kStandsForItself[static_cast<unsigned char>(byte)];
 }
 
 bool isContinuation(char byte) {
@@ -155,9 +174,15 @@ std::string ppsUnescapeC(std::string_view text) {
 void ppsAppendJsonString(std::string& out, std::string_view value) {
     out += '"';
     while (!value.empty()) {
-        const char byte = value.front();
-        if (byte == '"' || byte == '\\' || isControl(byte)) {
-            appendJsonEscape(out, byte);
+        const auto* const end = std::find_if_not(value.begin(), value.end(), standsForItself);
+        const auto plain = static_cast<std::size_t>(end - value.begin());
+        out += value.substr(0, plain);
+        value.remove_prefix(plain);
+        if (value.empty()) {
+            break;
+        }
+        if (isAscii(value.front())) {
+            appendJsonEscape(out, value.front());
             value.remove_prefix(1);
             continue;
         }

@@ -259,17 +259,3 @@ TEST(ClientReplyWithoutObject, WriteFailsWithALine) {
     sendMessage(std::make_unique<QuilResponseMessage>("app", "1", "@ipc.17"));
     EXPECT_TRUE(wasLogged(5, "Wrote -1 bytes to pps.")) << recordedText();
 }
-
-// An object service that does not take it holds the thread up; what came before is to be seen.
-TEST_F(ClientReply, EchoIsWrittenOutBeforeTheReply) {
-    const CapturedOutput captured;
-    std::printf("before the reply");
-    ASSERT_EQ(captured.written(), "") << "the echo is not held back";
-    const std::string filling(4096, 'x');
-    while (send(clientDescriptor(), filling.data(), filling.size(), MSG_DONTWAIT) > 0) {
-    }
-    std::thread replying([] { sendMessage(make<QuilCreateSessionCompleteMessage>(0)); });
-    EXPECT_TRUE(waitUntil([&] { return !captured.written().empty(); }));
-    repliesSoFar();
-    replying.join();
-}

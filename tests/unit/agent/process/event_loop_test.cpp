@@ -19,6 +19,7 @@
 #include "agent/messages/push_message.hpp"
 #include "agent/messages/reply_messages.hpp"
 #include "agent/requests/permissions.hpp"
+#include "agent/sessions/port_changes.hpp"
 #include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/sessions/states/session_states.hpp"
@@ -379,6 +380,7 @@ TEST_F(EventLoop, SelectOnAClosedDescriptorIsLoggedAndSurvived) {
     const int number = listener.session->getPort().getSocket();
     const int spare = fcntl(number, F_DUPFD_CLOEXEC, 3);
     close(number);
+    notePortChange();  // as whoever closes one does
     wakeMainLoop();
     EXPECT_TRUE(waitForLogged(3, "quilAgentLoop: Select error [9] [Bad file descriptor]"))
         << recordedText();
