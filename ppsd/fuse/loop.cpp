@@ -1,14 +1,19 @@
-// One thread, one poll: requests of the kernel, signals, and what the disk's thread has finished.
-// The device is non-blocking, because a request can be withdrawn between poll and read, and a read
-// that then blocks would not see a signal.
+// One thread waits for requests of the kernel, and while there is work at the disk for that as
+// well. Where nothing but a request can come, the read that takes it is all the waiting there is;
+// beside others the device is non-blocking, because a request can be withdrawn between poll and
+// read.
+//
+// Signals interrupt the wait. One that comes just before it would be noticed by the next request
+// only, so it reminds of itself until the loop has ended.
 
 #include "ppsd/fuse/loop.hpp"
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
@@ -18,9 +23,32 @@
 
 namespace {
 
-bool setNonBlocking(int fd) {
-    const int flags = fcntl(fd, F_GETFL);
-    return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
+constexpr unsigned kReminderSeconds = 1;
+
+volatile std::sig_atomic_t g_isSignalled = 0;
+
+void remind(int /*signal*/) {
+    alarm(kReminderSeconds);
+}
+
+void noteSignal(int /*signal*/) {
+    g_isSignalled = 1;
+    alarm(kReminderSeconds);
+}
+
+bool handle(int signal, void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;  // without SA_RESTART
+    return sigaction(signal, &action, nullptr) == 0;
+}
+
+sigset_t endingSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGHUP);  // of a terminal that closes: a dead mount would stay otherwise
+    return set;
 }
 
 }  // namespace
@@ -36,14 +64,10 @@ Loop::~Loop() {
 }
 
 bool Loop::catchSignals() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGHUP);  // of a terminal that closes: a dead mount would stay otherwise
     std::signal(SIGPIPE, SIG_IGN);
-    m_signals = UniqueFd(signalfd(-1, &set, SFD_CLOEXEC));
-    return m_signals && sigprocmask(SIG_BLOCK, &set, nullptr) == 0;
+    const sigset_t set = endingSignals();
+    return sigprocmask(SIG_BLOCK, &set, nullptr) == 0 && handle(SIGALRM, remind) &&
+           handle(SIGTERM, noteSignal) && handle(SIGINT, noteSignal) && handle(SIGHUP, noteSignal);
 }
 
 bool Loop::mount(const std::string& mountPoint) {
@@ -62,9 +86,24 @@ bool Loop::mount(const std::string& mountPoint) {
         std::fprintf(stderr, "ppsd: cannot start a thread\n");
         return false;
     }
-    return setNonBlocking(fuse_session_fd(m_session));
+    return true;
 }
 
+int Loop::setBlocking(bool isBlocking) {
+    if (isBlocking == m_isBlocking) {
+        return 0;
+    }
+    const int device = fuse_session_fd(m_session);
+    const int flags = fcntl(device, F_GETFL);
+    if (flags < 0 ||
+        fcntl(device, F_SETFL, isBlocking ? flags & ~O_NONBLOCK : flags | O_NONBLOCK) != 0) {
+        return errno;
+    }
+    m_isBlocking = isBlocking;
+    return 0;
+}
+
+// Waits for a request, and answers it. 0 or an errno value.
 int Loop::serveOne(fuse_buf& buffer) {
     const int received = fuse_session_receive_buf(m_session, &buffer);
     if (received > 0) {
@@ -75,37 +114,37 @@ int Loop::serveOne(fuse_buf& buffer) {
     return received == -EAGAIN || received == -EINTR ? 0 : -received;
 }
 
-// Waits for anything, and deals with what the disk's thread has finished. 0 or an errno value.
-int Loop::wait(int milliseconds, bool& isSignalled, bool& isRequested) {
+// The same where there are others to wake, or work at the disk: one request and some of those take
+// turns.
+int Loop::serveSome(fuse_buf& buffer) {
     pollfd sources[] = {{fuse_session_fd(m_session), POLLIN, 0},
-                        {m_signals.get(), POLLIN, 0},
                         {m_store.diskDescriptor(), POLLIN, 0}};
-    if (poll(sources, std::size(sources), milliseconds) < 0) {
+    if (poll(sources, std::size(sources), m_files.hasChanged() ? 0 : -1) < 0) {
         return errno == EINTR ? 0 : errno;
     }
-    isRequested = sources[0].revents != 0;
-    isSignalled = sources[1].revents != 0;
-    if (sources[2].revents != 0) {
+    if (sources[1].revents != 0) {
         m_store.finishChanges();
-        m_files.wakeSome();
     }
+    if (sources[0].revents != 0) {
+        return serveOne(buffer);
+    }
+    m_files.wakeSome();
     return 0;
 }
 
 int Loop::run() {
+    const sigset_t set = endingSignals();
+    sigprocmask(SIG_UNBLOCK, &set, nullptr);
     fuse_buf buffer{};
     int error = 0;
-    bool isSignalled = false;
-    while (error == 0 && !isSignalled && fuse_session_exited(m_session) == 0) {
-        bool isRequested = false;
-        // While there are others to wake, one request and some of them take turns.
-        error = wait(m_files.hasChanged() ? 0 : -1, isSignalled, isRequested);
-        if (error == 0 && !isSignalled && isRequested) {
-            error = serveOne(buffer);
-        } else if (error == 0) {
-            m_files.wakeSome();
+    while (error == 0 && g_isSignalled == 0 && fuse_session_exited(m_session) == 0) {
+        const bool isAlone = !m_files.hasChanged() && !m_store.isDiskBusy();
+        error = setBlocking(isAlone);
+        if (error == 0) {
+            error = isAlone ? serveOne(buffer) : serveSome(buffer);
         }
     }
+    alarm(0);
     std::free(buffer.mem);
     end();
     return error;

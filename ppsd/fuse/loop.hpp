@@ -2,14 +2,12 @@
 
 #pragma once
 
-#include <csignal>
 #include <memory>
 #include <string>
 
 #include "ppsd/fuse/open_files.hpp"
 #include "ppsd/fuse/operations.hpp"
 #include "ppsd/store/store.hpp"
-#include "ppsd/store/unique_fd.hpp"
 
 struct fuse_session;
 
@@ -22,8 +20,8 @@ class Loop {
     // Closes all files and unmounts when that has not happened yet.
     ~Loop();
 
-    // Blocks SIGTERM, SIGINT and SIGHUP for this thread, to take them from a descriptor from now
-    // on, and ignores SIGPIPE. To be called before mount().
+    // Has SIGTERM, SIGINT and SIGHUP wait for run(), on whose thread this is called, and ignores
+    // SIGPIPE. To be called before mount(). Takes SIGALRM.
     bool catchSignals();
 
     // False when the mount fails; the library has then said why on standard error.
@@ -34,15 +32,16 @@ class Loop {
     int run();
 
   private:
+    int setBlocking(bool isBlocking);
     int serveOne(fuse_buf& buffer);
-    int wait(int milliseconds, bool& isSignalled, bool& isRequested);
+    int serveSome(fuse_buf& buffer);
     void end();
     void unmount();
 
     Store& m_store;
     Operations m_operations;
     OpenFiles& m_files;
-    UniqueFd m_signals;
     fuse_session* m_session = nullptr;
     bool m_isMounted = false;
+    bool m_isBlocking = true;  // the device
 };

@@ -151,6 +151,9 @@ void OpenFiles::readinessChanged(OpenFile& file) noexcept {
 }
 
 void OpenFiles::wakeSome() {
+    if (m_changed.empty()) {
+        return;
+    }
     const Clock::time_point end = Clock::now() + kWakeTime;
     for (std::size_t i = 0; i < kWakesAtATime && !m_changed.empty() && Clock::now() < end; ++i) {
         wake(*m_changed.take());

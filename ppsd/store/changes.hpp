@@ -59,7 +59,9 @@ class Changes {
 
     // From now on the disk's work is done by its own thread; until then, before add() returns.
     int startThread() { return m_thread.start("ppsd disk"); }
-    // Readable when finish() has something to do.
+    // Whether finish() will have something to do.
+    bool isBusy() const { return m_thread.isBusy(); }
+    // Readable when it has.
     int descriptor() const { return m_thread.descriptor(); }
 
     // `done` hears the end; when memory runs out, ENOMEM.

@@ -64,7 +64,9 @@ class Store {
     // Moves the disk's work to a thread of its own; until then every change is on disk, and told,
     // before its call returns. To be called with the signals blocked that the service waits for.
     int startDiskThread() { return m_changes.startThread(); }
-    // Readable when finishChanges() has something to do.
+    // Whether finishChanges() will have something to do.
+    bool isDiskBusy() const { return m_changes.isBusy(); }
+    // Readable when it has.
     int diskDescriptor() const { return m_changes.descriptor(); }
     void finishChanges() { m_changes.finish(); }
     // Lets what is at the disk end, and refuses what waits for it with `error`.
