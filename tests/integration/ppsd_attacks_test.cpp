@@ -446,6 +446,26 @@ TEST_F(PpsdAttack, FilesObjectsAndBytesOfOneUserEndWithItsShares) {
     EXPECT_EQ(PpsFile(path("/roots"), kCreate).write(line(60000)), 0);
 }
 
+TEST_F(PpsdAttack, ShareOf0IsNothingForAnybodyButRoot) {
+    startService({"--user-files", "0", "--user-objects", "0"});
+    PpsFile(path("/shared"), kCreate).write("a::1\n");
+    ASSERT_EQ(chmod(path("/shared").c_str(), 0666), 0);
+    EXPECT_EQ(asOther([this] { return PpsFile(path("/shared"), O_RDONLY).error(); }), ENFILE);
+    const auto makeFolder = [this] {
+        return mkdir(own(kAttacker, "/new").c_str(), 0755) == 0 ? 0 : errno;
+    };
+    EXPECT_EQ(asOther(makeFolder), EDQUOT);
+    EXPECT_EQ(makeFolder(), 0);
+    const auto enlarge = [this] { return PpsFile(path("/shared"), O_RDWR).write(line(100)); };
+    for (const auto& [option, error] :
+         {std::pair("--user-memory", ENOBUFS), std::pair("--user-store", EDQUOT)}) {
+        ASSERT_EQ(m_ppsd.stop(), 0);
+        ASSERT_TRUE(m_ppsd.start({option, "0"}));
+        EXPECT_EQ(asOther(enlarge), error) << option;
+        EXPECT_EQ(PpsFile(path("/shared"), O_RDWR).write("b::1\n"), 0) << option;
+    }
+}
+
 TEST_F(PpsdAttack, RootHasNoShare) {
     startService({"--user-memory", "100000", "--user-files", "10", "--user-objects", "5",
                   "--user-store", "50000"});
