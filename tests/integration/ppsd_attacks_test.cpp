@@ -224,6 +224,43 @@ TEST_F(PpsdAttack, QueuesOfAThousandClientsAreHeldToTheShareOfTheirUser) {
     EXPECT_EQ(server.write(notice.substr(1, notice.find('\n')) + text), 0) << "another user";
 }
 
+TEST_F(PpsdAttack, LazyProgramTakesTheRoomOfItsUsersOthers) {
+    startService({"--user-memory", "300000"});
+    PpsFile server(path("/ipc?server"), kCreate);
+    PpsFile second(path("/second?server"), kCreate);
+    PpsFile object(path("/obj"), kCreate);
+    for (const char* name : {"/ipc", "/second", "/obj"}) {
+        ASSERT_EQ(chmod(path(name).c_str(), 0666), 0);
+    }
+    const int fault = asOther([&] {
+        const PpsFile lazy(path("/ipc"), O_RDWR);
+        PpsFile other(path("/second"), O_RDWR);
+        const std::string notice = server.read();
+        const std::string tag = notice.substr(1, notice.find('\n'));
+        for (std::size_t size = 64 * 1024; size >= 8; size /= 2) {
+            while (server.write(tag + line(size)) == 0) {
+            }
+        }
+        if (other.write(line(100)) != ENOBUFS) {
+            return 1;
+        }
+        if (PpsFile(path("/second"), O_RDWR).error() != ENOBUFS) {
+            return 2;
+        }
+        if (PpsFile(path("/obj"), O_RDWR).write(line(100)) != ENOBUFS) {
+            return 3;
+        }
+        // Hung up on, and not told as when the server ends.
+        return second.write(line(100)) == 0 && other.read().empty() &&
+                       other.write(line(100)) == EPIPE
+                   ? 0
+                   : 4;
+    });
+    EXPECT_EQ(fault, 0);
+    EXPECT_EQ(asOther([&] { return PpsFile(path("/second"), O_RDWR).write(line(100)); }, kInnocent),
+              0);
+}
+
 TEST_F(PpsdAttack, ThreeStormsOfOpeningDelayNobodyElse) {
     startService();
     startEcho(std::chrono::microseconds(200));
