@@ -8,9 +8,11 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string>
 
 #include "platform/root/root.hpp"
@@ -30,6 +32,24 @@ struct CommandLine {
 
 void complain(const std::string& text) {
     std::fprintf(stderr, "ppsd: %s\n", text.c_str());
+}
+
+// CLI11 itself takes a number that is negative or too large for another one, and leading zeros for
+// an octal one.
+CLI::Validator wholeNumber() {
+    return {[](std::string& text) -> std::string {
+                std::size_t value = 0;
+                const char* end = text.data() + text.size();
+                const auto [stop, error] = std::from_chars(text.data(), end, value);
+                if (error != std::errc{} || stop != end) {
+                    return "must be a whole number from 0 to " +
+                           std::to_string(std::numeric_limits<std::size_t>::max()) +
+                           ", without a unit";
+                }
+                text = std::to_string(value);
+                return "";
+            },
+            ""};
 }
 
 // Tells a service manager that set NOTIFY_SOCKET that the mount is live.
@@ -161,12 +181,14 @@ int main(int argc, char** argv) {
         app.add_option(option, commandLine.shares[static_cast<std::size_t>(holding)],
                        "Share of each user but root: " + of)
             ->type_name("N")
+            ->transform(wholeNumber())
             ->capture_default_str();
     };
     addShare("--user-memory", Holding::kMemory, "bytes of messages and texts that wait");
     addShare("--user-files", Holding::kFiles, "open files");
     addShare("--user-objects", Holding::kObjects, "stored objects and folders");
     addShare("--user-store", Holding::kStored, "bytes of stored objects");
+    app.footer("N is a whole number without a unit. With 0, users other than root get nothing.");
     CLI11_PARSE(app, argc, argv);
 
     Background background;

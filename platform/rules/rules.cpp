@@ -139,7 +139,45 @@ bool fits(const Rule& rule, const Person& person) {
            person.groupNames.end();
 }
 
+// Behind the ']' of the '[' at `start`; npos when there is none. A ']' is a letter like any other
+// in front, behind a backslash, and within "[:", "[=" and "[.", which end with ":]" and its kin.
+std::size_t endOfBrackets(const std::string& pattern, std::size_t start) {
+    std::size_t at = start + 1;
+    if (at < pattern.size() && (pattern[at] == '!' || pattern[at] == '^')) {
+        ++at;
+    }
+    for (const std::size_t front = at; at < pattern.size();) {
+        if (pattern[at] == ']' && at != front) {
+            return at + 1;
+        }
+        const char kind = pattern[at] == '[' && at + 1 < pattern.size() ? pattern[at + 1] : '\0';
+        const std::size_t close = kind == ':' || kind == '=' || kind == '.'
+                                      ? pattern.find(']', at + 2)
+                                      : std::string::npos;
+        if (close != std::string::npos && close > at + 3 && pattern[close - 1] == kind) {
+            at = close + 1;
+        } else {
+            at += pattern[at] == '\\' ? 2 : 1;
+        }
+    }
+    return std::string::npos;
+}
+
 }  // namespace
+
+bool Rule::hasOpenBracket() const {
+    for (std::size_t at = 0; at < pattern.size();) {
+        if (pattern[at] != '[') {
+            at += pattern[at] == '\\' ? 2 : 1;
+            continue;
+        }
+        at = endOfBrackets(pattern, at);
+        if (at == std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
 
 std::string Rule::text() const {
     return std::string("allow ") + (subject == Subject::User ? "user " : "group ") + name + " " +

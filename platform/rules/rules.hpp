@@ -43,6 +43,9 @@ struct Rule {
     std::string name;                     // as written
     std::string pattern;
 
+    // Whether the pattern has a '[' without its ']', which stands for itself then: good, but seldom
+    // meant.
+    bool hasOpenBracket() const;
     // The line again, without comment and further blanks.
     std::string text() const;
 };

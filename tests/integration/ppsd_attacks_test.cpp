@@ -227,6 +227,43 @@ TEST_F(PpsdAttack, QueuesOfAThousandClientsAreHeldToTheShareOfTheirUser) {
     EXPECT_EQ(server.write(notice.substr(1, notice.find('\n')) + text), 0) << "another user";
 }
 
+TEST_F(PpsdAttack, LazyProgramTakesTheRoomOfItsUsersOthers) {
+    startService({"--user-memory", "300000"});
+    PpsFile server(path("/ipc?server"), kCreate);
+    PpsFile second(path("/second?server"), kCreate);
+    PpsFile object(path("/obj"), kCreate);
+    for (const char* name : {"/ipc", "/second", "/obj"}) {
+        ASSERT_EQ(chmod(path(name).c_str(), 0666), 0);
+    }
+    const int fault = asOther([&] {
+        const PpsFile lazy(path("/ipc"), O_RDWR);
+        PpsFile other(path("/second"), O_RDWR);
+        const std::string notice = server.read();
+        const std::string tag = notice.substr(1, notice.find('\n'));
+        for (std::size_t size = 64 * 1024; size >= 8; size /= 2) {
+            while (server.write(tag + line(size)) == 0) {
+            }
+        }
+        if (other.write(line(100)) != ENOBUFS) {
+            return 1;
+        }
+        if (PpsFile(path("/second"), O_RDWR).error() != ENOBUFS) {
+            return 2;
+        }
+        if (PpsFile(path("/obj"), O_RDWR).write(line(100)) != ENOBUFS) {
+            return 3;
+        }
+        // Hung up on, and not told as when the server ends.
+        return second.write(line(100)) == 0 && other.read().empty() &&
+                       other.write(line(100)) == EPIPE
+                   ? 0
+                   : 4;
+    });
+    EXPECT_EQ(fault, 0);
+    EXPECT_EQ(asOther([&] { return PpsFile(path("/second"), O_RDWR).write(line(100)); }, kInnocent),
+              0);
+}
+
 TEST_F(PpsdAttack, ThreeStormsOfOpeningDelayNobodyElse) {
     startService();
     startEcho(std::chrono::microseconds(200));
@@ -447,6 +484,26 @@ TEST_F(PpsdAttack, FilesObjectsAndBytesOfOneUserEndWithItsShares) {
     EXPECT_EQ(fill(kAttacker), EDQUOT);
     EXPECT_EQ(fill(kInnocent), EDQUOT);
     EXPECT_EQ(PpsFile(path("/roots"), kCreate).write(line(60000)), 0);
+}
+
+TEST_F(PpsdAttack, ShareOf0IsNothingForAnybodyButRoot) {
+    startService({"--user-files", "0", "--user-objects", "0"});
+    PpsFile(path("/shared"), kCreate).write("a::1\n");
+    ASSERT_EQ(chmod(path("/shared").c_str(), 0666), 0);
+    EXPECT_EQ(asOther([this] { return PpsFile(path("/shared"), O_RDONLY).error(); }), ENFILE);
+    const auto makeFolder = [this] {
+        return mkdir(own(kAttacker, "/new").c_str(), 0755) == 0 ? 0 : errno;
+    };
+    EXPECT_EQ(asOther(makeFolder), EDQUOT);
+    EXPECT_EQ(makeFolder(), 0);
+    const auto enlarge = [this] { return PpsFile(path("/shared"), O_RDWR).write(line(100)); };
+    for (const auto& [option, error] :
+         {std::pair("--user-memory", ENOBUFS), std::pair("--user-store", EDQUOT)}) {
+        ASSERT_EQ(m_ppsd.stop(), 0);
+        ASSERT_TRUE(m_ppsd.start({option, "0"}));
+        EXPECT_EQ(asOther(enlarge), error) << option;
+        EXPECT_EQ(PpsFile(path("/shared"), O_RDWR).write("b::1\n"), 0) << option;
+    }
 }
 
 TEST_F(PpsdAttack, RootHasNoShare) {

@@ -17,6 +17,7 @@
 #include <fstream>
 #include <future>
 #include <iterator>
+#include <limits>
 
 #include "tests/integration/pps_files.hpp"
 #include "tests/support/ppsd_mount.hpp"
@@ -514,6 +515,27 @@ TEST_F(PpsdService, UnknownCommandLineOptionIsRefused) {
     std::string printed;
     EXPECT_NE(run("--bogus", printed), 0);
     EXPECT_TRUE(contains(printed, "--bogus")) << printed;
+}
+
+TEST_F(PpsdService, ShareThatIsNoWholeNumberIsRefusedWithItsOption) {
+    for (const std::string option :
+         {"--user-memory", "--user-files", "--user-objects", "--user-store"}) {
+        for (const std::string value :
+             {"-1", "99999999999999999999", "16M", "1e3", "1.5", "0x10", "+5", "' 5'", "x"}) {
+            std::string printed;
+            EXPECT_GT(run(option + " " + value, printed), 100) << value;
+            EXPECT_TRUE(contains(printed, option + ": must be a whole number from 0 to "))
+                << value << ": " << printed;
+        }
+    }
+}
+
+TEST_F(PpsdService, LargestShareAndOneWithLeadingZerosAreTaken) {
+    const std::string largest = std::to_string(std::numeric_limits<std::size_t>::max());
+    ASSERT_TRUE(m_ppsd.start({"--user-memory", largest, "--user-files", "0000000099",
+                              "--user-objects", largest, "--user-store", largest}))
+        << m_ppsd.output();
+    EXPECT_EQ(PpsFile(path("/obj"), kCreate).write("a::1\n"), 0);
 }
 
 // A service manager's socket, by its path or, with '@' in front, by its abstract name.

@@ -8,6 +8,7 @@
 
 #include "tests/integration/served_agent.hpp"
 #include "tests/integration/tool_process.hpp"
+#include "tests/support/agent/in_child.hpp"
 #include "tests/support/ppsd_mount.hpp"
 
 namespace {
@@ -147,6 +148,23 @@ TEST_F(Ppsctl, WriteSpeaksToAServer) {
                   .status,
               0);
     EXPECT_EQ(agent.take("createSession").id, "7");
+}
+
+// The client of one message is never full, so it is the share also where a server hangs.
+TEST_F(Ppsctl, WritePastTheShareSaysSoWithAServerAndWithout) {
+    ASSERT_EQ(m_ppsd.stop(), 0);
+    ASSERT_TRUE(m_ppsd.start({"--user-memory", "0"}));
+    ASSERT_EQ(chmod(m_ppsd.path().c_str(), 0755), 0);
+    ASSERT_EQ(chmod(m_ppsd.path("/test/object").c_str(), 0666), 0);
+    const int server = open(m_ppsd.path("/test/served?server").c_str(), O_RDWR | O_CREAT, 0666);
+    ASSERT_EQ(fchmod(server, 0666), 0);
+    for (const char* object : {"test/object", "test/served"}) {
+        const std::string error = asOrdinaryUser([&] {
+            return run({"write", object, "a=2"}).error;
+        });
+        EXPECT_TRUE(contains(error, "your share of the object service's memory is spent")) << error;
+    }
+    close(server);
 }
 
 TEST_F(Ppsctl, ClientsShowsWhoHasAServedObjectOpen) {

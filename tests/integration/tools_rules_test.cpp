@@ -82,6 +82,40 @@ TEST_F(QuilctlRules, CheckWarnsOfNamesThatNobodyHas) {
     EXPECT_FALSE(contains(result.output, "'root'"));
 }
 
+TEST_F(QuilctlRules, CheckWarnsOfAnOpenBracket) {
+    const std::string path = write("allow user 1 com.[a-c]\nallow user 2 com.[ab\n");
+    const ToolRun result = run({"check", path, "--json"});
+    EXPECT_EQ(result.status, 0);
+    const auto warning = nlohmann::json::parse(result.output);
+    EXPECT_EQ(warning["line"], 2);
+    EXPECT_EQ(warning["severity"], "warning");
+    EXPECT_EQ(
+        warning["words"],
+        "has a pattern with a '[' that no ']' ends: it stands for itself; write '\\[' where that "
+        "is meant");
+}
+
+TEST_F(QuilctlRules, CheckWarnsOfAFileWithoutARule) {
+    write("# allow user * *\n");
+    configure();
+    const ToolRun result = run({"check"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output,
+              "warning: /etc/quilagent.rules has no rule: root alone may act for applications\n"
+              "/etc/quilagent.rules: 0 rules, no bad line\n");
+    const auto warning = nlohmann::json::parse(run({"check", "--json"}).output);
+    EXPECT_EQ(warning["severity"], "warning");
+    EXPECT_FALSE(warning.contains("line"));
+    configure("http-timeout 60\n");
+    EXPECT_FALSE(contains(run({"check"}).output, "warning"));
+}
+
+TEST_F(QuilctlRules, CheckOfAFileThatIsTooLargeIsStatus3) {
+    const ToolRun result = run({"check", write(std::string(65537, '\n'))});
+    EXPECT_EQ(result.status, 3);
+    EXPECT_TRUE(contains(result.error, "more than 65536 bytes")) << result.error;
+}
+
 TEST_F(QuilctlRules, FileThatCannotBeReadIsStatus3) {
     for (const Words& arguments : {Words{"check", m_root.path("/none")},
                                    Words{"explain", "1000", "x", "--file", m_root.path("/none")}}) {

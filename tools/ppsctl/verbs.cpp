@@ -80,10 +80,9 @@ Problem problemOf(int error, const std::string& path) {
         case ENOTCONN:
             return {kNotThere, "the object's server went away", "start it again"};
         case ENOBUFS:
-            return {kRefused,
-                    "the object's server does not read, or your share of the service's memory is "
-                    "spent",
-                    "look whether the server hangs, and what of yours does not read"};
+            return {kRefused, "your share of the object service's memory is spent",
+                    "see which of your programs does not read, and whether a server hangs that one "
+                    "of them writes to"};
         case ENFILE:
             return {kRefused, "you have as many objects open as your share allows",
                     "close some, or raise ppsd's --user-files"};

@@ -18,7 +18,7 @@ using quilclient::Verb;
 
 constexpr const char* kFooter =
     "Exit status: 0 done, 1 refused (code and meaning are shown), 2 usage,\n"
-    "3 agent or object service not there, 4 time-out.\n"
+    "3 agent or object service not there, or a file not to be read, 4 time-out.\n"
     "QUIL_ROOT sets the folder below which /pps and /etc/quilagent.conf are\n"
     "looked for. Colours: only on a terminal, never with NO_COLOR.";
 

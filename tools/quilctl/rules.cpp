@@ -70,18 +70,23 @@ std::string withoutRules() {
            ": everybody may act for every application";
 }
 
+// `line` 0 stands for the whole file.
 void showRemark(const NamedRules& rules, int line, const std::string& words, bool isWarning,
                 bool json) {
     if (json) {
-        printJson({{"file", rules.path},
-                   {"line", line},
-                   {"severity", isWarning ? "warning" : "problem"},
-                   {"words", words}});
+        nlohmann::ordered_json object = {{"file", rules.path}};
+        if (line != 0) {
+            object["line"] = line;
+        }
+        object["severity"] = isWarning ? "warning" : "problem";
+        object["words"] = words;
+        printJson(object);
         return;
     }
     const Style style(stdout);
     const std::string kind = isWarning ? "warning: " : "problem: ";
-    const std::string text = rules.path + " line " + std::to_string(line) + " " + words;
+    const std::string where = line == 0 ? "" : " line " + std::to_string(line);
+    const std::string text = rules.path + where + " " + words;
     std::printf("%s%s\n", (isWarning ? style.warning(kind) : style.bad(kind)).c_str(),
                 wrapped(visible(text), 9, 9).c_str());
 }
@@ -93,6 +98,29 @@ bool isKnown(const Rule& rule) {
     }
     return rule.subject == Rule::Subject::User ? userNumber(rule.name).has_value()
                                                : isGroup(rule.name).value_or(true);
+}
+
+// What a line, or the lack of any, may be meant otherwise.
+void showWarnings(const NamedRules& rules, bool json) {
+    for (const Rule& rule : rules.file.rules.rules()) {
+        if (!isKnown(rule)) {
+            const bool isUser = rule.subject == Rule::Subject::User;
+            showRemark(rules, rule.line,
+                       "names a " + std::string(isUser ? "user '" : "group '") + rule.name +
+                           "', which this system does not know",
+                       true, json);
+        }
+        if (rule.hasOpenBracket()) {
+            showRemark(rules, rule.line,
+                       "has a pattern with a '[' that no ']' ends: it stands for itself; write "
+                       "'\\[' where that is meant",
+                       true, json);
+        }
+    }
+    const bool isEmpty = rules.file.isSound() && rules.file.rules.rules().empty();
+    if (!rules.path.empty() && isEmpty) {
+        showRemark(rules, 0, "has no rule: root alone may act for applications", true, json);
+    }
 }
 
 // The user as typed. kDone, or what has been said instead.
@@ -173,15 +201,7 @@ ExitStatus checkRules(const std::string& file, bool json) {
     for (const RuleError& error : rules->file.rules.errors()) {
         showRemark(*rules, error.line, error.reason, false, json);
     }
-    for (const Rule& rule : rules->file.rules.rules()) {
-        if (!isKnown(rule)) {
-            const bool isUser = rule.subject == Rule::Subject::User;
-            showRemark(*rules, rule.line,
-                       "names a " + std::string(isUser ? "user '" : "group '") + rule.name +
-                           "', which this system does not know",
-                       true, json);
-        }
-    }
+    showWarnings(*rules, json);
     if (!rules->file.isSound()) {
         return kRefused;
     }

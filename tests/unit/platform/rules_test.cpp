@@ -111,6 +111,22 @@ TEST(Rules, PatternsAreThoseOfTheShellAndCoverTheWholeId) {
     EXPECT_TRUE(fits("caf\xc3\xa9*", "caf\xc3\xa9.x"));
 }
 
+TEST(Rules, BracketWithoutItsEndIsNoticed) {
+    const auto isOpen = [](const std::string& pattern) {
+        const Rules rules("allow user ann " + pattern);
+        return rules.rules().size() == 1 && rules.rules()[0].hasOpenBracket();
+    };
+    for (const char* pattern : {"[", "com.[x", "[]", "[!]", "[^]", "[a\\]", "[]a", "a[b]c[d",
+                                "[[:alpha:]", "[[=a=]", "[[.-.]", "*[?", "\\\\[", "[%u"}) {
+        EXPECT_TRUE(isOpen(pattern)) << pattern;
+    }
+    for (const char* pattern :
+         {"com.x", "[a-c]", "[]]", "[!]]", "[[]", "[a\\]]", "\\[x", "x]", "[[:alpha:]]", "[[=a=]]",
+          "[[.-.]]", "[[:]", "[[==]", "[a][b]", "[%u]*"}) {
+        EXPECT_FALSE(isOpen(pattern)) << pattern;
+    }
+}
+
 TEST(Rules, IdWithAZeroByteFitsNoPattern) {
     EXPECT_FALSE(mayAct("allow user ann com.bank", kAnn, std::string("com.bank\0x", 10)));
     EXPECT_FALSE(mayAct("allow user ann *", kAnn, std::string("\0", 1)));
