@@ -181,6 +181,7 @@ void addSockets(Ports* ports, unsigned long changes, const Room& room, Descripto
                room.forPushesOf(port);
     };
     try {
+        const QuilLock lock(portSocketLock());
         ports->sockets.clear();
         for (const QuilPort* port : ports->list) {
             if (isToBeWatched(*port)) {

@@ -8,17 +8,20 @@
 #include <bitset>
 #include <vector>
 
+#include "agent/connections/owned_socket.hpp"
+
 // Main thread only.
 class PortWatch {
   public:
     static constexpr int kNumbers = 256;  // of the descriptors that can be in the set
 
     // Watches these sockets, each below kNumbers, and no others. `changes` is countPortChanges()
-    // as it was before they were collected: the same number may mean another socket after it.
+    // as it was before they were collected: the same number may mean another socket after it. To
+    // be called with portSocketLock() held since then.
     void watch(const std::vector<int>& sockets, unsigned long changes);
 
     // What to put into the set; -1 when no socket is behind it.
-    int descriptor() const { return m_watched.empty() ? -1 : m_set; }
+    int descriptor() const { return m_watched.empty() ? -1 : m_set.get(); }
     // Sockets that could not be put behind it, for want of memory or because they are none any
     // more: to be put into the set themselves.
     const std::vector<int>& others() const { return m_others; }
@@ -31,7 +34,7 @@ class PortWatch {
   private:
     void enter(const std::vector<int>& sockets);
 
-    int m_set = -1;  // open until the process ends
+    OwnedSocket m_set{-1};
     std::vector<int> m_watched;
     std::vector<int> m_others;
     std::vector<int> m_wanted;  // what watch() was given last

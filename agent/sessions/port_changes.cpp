@@ -15,3 +15,8 @@ unsigned long countPortChanges() {
 void notePortChange() {
     ++g_changes;
 }
+
+QuilMutex& portSocketLock() {
+    static auto* const lock = new QuilMutex();
+    return *lock;
+}

@@ -13,6 +13,7 @@
 #include "agent/connections/hang_up.hpp"
 #include "agent/connections/listening_socket.hpp"
 #include "agent/connections/push_descriptors.hpp"
+#include "agent/sessions/port_changes.hpp"
 #include "agent/sessions/states/session_states.hpp"
 #include "agent/support/decoder_string.hpp"
 #include "agent/support/high_descriptor.hpp"
@@ -28,6 +29,11 @@ using Lock = QuilLock<QuilRecursiveMutex>;
 // Whether nobody waits on that connection any more, as far as can be told.
 bool isDead(const QuilPushSocket& kept) {
     return hasHungUpFor(kept.getSocket(), patienceWithHungUp());
+}
+
+int closeSocketOfPort(int socket) {
+    const QuilLock lock(portSocketLock());
+    return close(socket);
 }
 
 }  // namespace
@@ -233,7 +239,7 @@ void QuilSession::stopListenOnPort() {
         // A failed shutdown leaves the descriptor open, on purpose: it may no longer be ours to
         // close.
         if (result == 0) {
-            const int closed = close(socket);
+            const int closed = closeSocketOfPort(socket);
             QUIL_LOG(LOG_LEVEL_DEBUG, "stopListenOnPort: close fd %d returned %d", socket, closed);
         }
     }

@@ -375,16 +375,22 @@ TEST_F(EventLoop, InterruptedSelectIsLoggedAndSurvived) {
 }
 
 TEST_F(EventLoop, SelectOnAClosedDescriptorIsLoggedAndSurvived) {
-    const Listener listener = addListener("app", "@ipc.17");
+    const Listener listener = addListener("app", "@ipc.17", 200);
     startLoop();
     const int number = listener.session->getPort().getSocket();
     const int spare = fcntl(number, F_DUPFD_CLOEXEC, 3);
-    close(number);
+    {
+        const QuilLock lock(portSocketLock());
+        close(number);
+    }
     notePortChange();  // as whoever closes one does
     wakeMainLoop();
     EXPECT_TRUE(waitForLogged(3, "quilAgentLoop: Select error [9] [Bad file descriptor]"))
         << recordedText();
-    ASSERT_EQ(dup3(spare, number, O_CLOEXEC), number);
+    {
+        const QuilLock lock(portSocketLock());
+        ASSERT_EQ(dup3(spare, number, O_CLOEXEC), number);
+    }
     sendPush(listener.port);
     EXPECT_EQ(nextReply(), kNotification);
 }
