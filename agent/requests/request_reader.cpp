@@ -27,8 +27,7 @@ namespace {
 // One read asks for all of it, so a message of this size fills it to the last byte.
 constexpr std::size_t kRequestBytes = 8192;
 
-// Main thread only. The byte behind the request is always zero: a full buffer is still a text that
-// ends.
+// Main thread only. The byte behind the request is zero, for which there is always room.
 std::array<char, kRequestBytes + 1> g_request{};
 
 struct Request {
@@ -201,12 +200,12 @@ void noteConnectionChange(const pps_decoder_t& decoder, const std::string& clien
 
 int clientPPSMessageGet() {
     QUIL_LOG(LOG_LEVEL_INFO, "clientIf_getMsg - Reading incoming IPC request.");
-    g_request.fill('\0');
     const int count = static_cast<int>(read(clientDescriptor(), g_request.data(), kRequestBytes));
     if (count == -1) {
         QUIL_LOG(LOG_LEVEL_WARNING, "clientPPSMessageGet: Unable to read push PPS object.");
         return -1;
     }
+    g_request[static_cast<std::size_t>(count)] = '\0';
     QUIL_LOG(LOG_LEVEL_DEBUG, "clientPPSMessageGet: len %d recv: << %s >>", count,
              g_request.data());
     clientProcessRequest(g_request.data());

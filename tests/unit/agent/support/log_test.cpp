@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,6 +30,15 @@ std::string levelsLogged() {
 std::string lastLine() {
     const std::vector<RecordedLine> lines = recordedLines();
     return lines.empty() ? "(none)" : lines.back().text;
+}
+
+// A line of that format, and the text that the C library makes of it.
+template <typename... Arguments>
+void expectFormattedAsBySnprintf(const char* format, Arguments... arguments) {
+    char expected[8192];
+    ASSERT_GE(snprintf(expected, sizeof expected, format, arguments...), 0);
+    logMessage(5, nullptr, 0, format, arguments...);
+    EXPECT_EQ(lastLine(), "QUIL: " + std::string(expected, strnlen(expected, 4095)));
 }
 
 // Echoes one line, given errno `before`; gives errno behind it.
@@ -122,6 +133,24 @@ TEST(Log, LongerTextIsCutTo4095Characters) {
 TEST(Log, TextIsAnArgumentAndNeverAFormat) {
     logMessage(5, "a%sb.cpp", 1, "%s", "%s%n%d");
     EXPECT_EQ(lastLine(), "QUIL:a%sb.cpp(1): %s%n%d");
+}
+
+TEST(Log, TextIsWhatTheFormatSays) {
+    const std::string half(2048, 'h');
+    for (const int number : {0, 7, -1, 2147483647, -2147483647 - 1}) {
+        expectFormattedAsBySnprintf("%d", number);
+        expectFormattedAsBySnprintf("a[%d] b[%d]\n", number, -7);
+        expectFormattedAsBySnprintf("%x and %5d.", static_cast<unsigned>(number), number);
+        expectFormattedAsBySnprintf("%s%s%d", half.c_str(), half.c_str(), number);
+        expectFormattedAsBySnprintf("%d%s%.*s", number, half.c_str(), 2047, half.c_str());
+    }
+    expectFormattedAsBySnprintf("%s", "");
+    expectFormattedAsBySnprintf("nothing");
+    expectFormattedAsBySnprintf("%d%% of [%s]", 50, "it");
+    expectFormattedAsBySnprintf("%lu [%.*s] %s", 18446744073709551615UL, 2, "cut", "whole");
+    const char* volatile none = nullptr;
+    logMessage(5, nullptr, 0, "[%s]", none);
+    EXPECT_EQ(lastLine(), "QUIL: [(null)]");
 }
 
 TEST(Log, EmptyTextIsALine) {
