@@ -45,6 +45,7 @@ class Costs(unittest.TestCase):
     def test_OneMoreSystemCallIsNoticed(self):
         self.assertEqual(words(record_of(calls=4.0), record_of(calls=4.98))[CALLS], "grew")
         self.assertEqual(words(record_of(calls=4.0), record_of(calls=4.3))[CALLS], "same")
+        self.assertEqual(words(record_of(calls=10.02), record_of(calls=11.0))[CALLS], "grew")
 
     def test_ShrunkFigureIsSaidAndIsNoFailure(self):
         verdicts = judge.compare(record_of(), record_of(calls=11.0, instructions=890))

@@ -4,7 +4,7 @@ The record is one object: "figures" by their names, "calls" by name of the same 
 and "built with", without which instructions say nothing.
 """
 
-SHARE = 0.10
+PERCENT = 10
 INSTRUCTIONS = "instructions"
 
 
@@ -23,7 +23,9 @@ class Verdict:
 
     def change_that_counts(self):
         """Calls are whole ones, but for what a count of many catches from its edges."""
-        return max(1, SHARE * self.recorded) if is_call_count(self.name) else SHARE * self.recorded
+        if is_call_count(self.name):
+            return max(1, PERCENT * round(self.recorded) / 100)
+        return PERCENT * self.recorded / 100
 
     def judge(self):
         if self.recorded is None:
