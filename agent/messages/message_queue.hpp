@@ -27,8 +27,9 @@ class QuilMessageManager {
     QuilMessageManager(const QuilMessageManager&) = delete;
     QuilMessageManager& operator=(const QuilMessageManager&) = delete;
 
-    // Appends a node, taking ownership, and wakes the reader. 1, or 0 when the node is null or
-    // memory ran out: then the node is freed, and the connection of a push in it is closed.
+    // Appends a node, taking ownership, and wakes the reader, unless it is kept waiting. 1, or 0
+    // when the node is null or memory ran out: then the node is freed, and the connection of a push
+    // in it is closed.
     int push(std::unique_ptr<QuilMessageNode> node);
     // Waits until there is a node and gives it to the caller, who has handled the one before. For
     // the one reader.

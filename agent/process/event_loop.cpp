@@ -2,7 +2,8 @@
 // one, the listening socket of every port, and one descriptor for all connections whose push is not
 // in yet. The set is built anew before every wait from the list of ports taken at the end of the
 // pass before, so a new port is watched from the next pass on. Everything that touches sockets of
-// pushes and requests of clients runs here, on the main thread, and nothing of it waits.
+// pushes and requests of clients runs here, on the main thread, and waits for nobody but the object
+// service.
 //
 // What a pass costs does not hang on how many ports there are, but for their lines: what is known
 // of them is kept until one of them changes.

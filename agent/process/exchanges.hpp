@@ -45,8 +45,9 @@ class QuilExchanges {
     QuilExchanges& operator=(const QuilExchanges&) = delete;
 
     // Takes the node when it begins an exchange, or when its application has one under way; it is
-    // handled (handleNode) in its turn. False: it is the caller's to handle, now. For the message
-    // handler thread alone. Where no thread can be started the exchange runs before this returns.
+    // handled (handleNode) in its turn. False: it is the caller's to handle, now. For one thread at
+    // a time, in the order of the queue. Where no thread can be started the exchange runs before
+    // this returns.
     bool take(std::unique_ptr<QuilMessageNode>* node);
 
     // Whether many nodes wait in some lane, or in that application's. For the main loop, before

@@ -13,9 +13,13 @@
 #include "agent/process/dispatch.hpp"
 #include "agent/process/exchanges.hpp"
 #include "agent/pushes/parked_pushes.hpp"
+#include "agent/pushes/push_intake.hpp"
 #include "agent/support/log.hpp"
 
 namespace {
+
+// An event that took so long has waited for the object service.
+constexpr std::chrono::milliseconds kLong{100};
 
 void handleNext(std::unique_ptr<QuilMessageNode> node) {
     try {
@@ -67,6 +71,10 @@ HandlingHere::~HandlingHere() {
     while (std::unique_ptr<QuilMessageNode> node = queue->takeHere(isQuick)) {
         handleNext(std::move(node));
         queue->handledHere();
+    }
+    const auto taken = std::chrono::steady_clock::now() - m_begin;
+    if (taken >= kLong) {
+        postponePushIntake(taken);
     }
 }
 

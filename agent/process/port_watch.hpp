@@ -22,8 +22,8 @@ class PortWatch {
 
     // What to put into the set; -1 when no socket is behind it.
     int descriptor() const { return m_watched.empty() ? -1 : m_set.get(); }
-    // Sockets that could not be put behind it, for want of memory or because they are none any
-    // more: to be put into the set themselves.
+    // Sockets that could not be put behind it, for want of memory or of a low descriptor, or
+    // because they are none any more: to be put into the set themselves.
     const std::vector<int>& others() const { return m_others; }
 
     // The sockets behind the descriptor that are ready now.

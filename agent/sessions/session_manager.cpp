@@ -295,6 +295,7 @@ std::vector<QuilPort*> QuilSessionManager::getAllPorts() {
         }
         m_ports.swap(ports);
     } catch (...) {
+        notePortChange();  // the list is to be taken again
         QUIL_LOG(LOG_LEVEL_WARNING, "exception occurred when trying to get all ports.");
     }
     return m_ports;

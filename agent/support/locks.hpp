@@ -2,9 +2,9 @@
 // which lock its caller holds (REQUIRES), and clang's -Wthread-safety refuses code that breaks the
 // promise. g++ sees plain pthread mutexes.
 //
-// Lock order, outermost first: data manager, session manager, session, push sockets of a session.
-// The message queue, the configuration and the log are leaves: whoever holds one of them takes no
-// other.
+// Lock order, outermost first: data manager, session manager, session, push sockets of a session or
+// sockets of ports (portSocketLock), under which that of the lanes may be taken. The message queue,
+// the lanes, the configuration and the log are leaves: whoever holds one of them takes no other.
 
 #pragma once
 

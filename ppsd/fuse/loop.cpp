@@ -144,6 +144,8 @@ int Loop::run() {
             error = isAlone ? serveOne(buffer) : serveSome(buffer);
         }
     }
+    // No more of them, or one would end the program by which an ordinary user unmounts.
+    sigprocmask(SIG_BLOCK, &set, nullptr);
     alarm(0);
     std::free(buffer.mem);
     end();

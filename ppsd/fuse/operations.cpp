@@ -33,6 +33,10 @@ fuse_ino_t inodeNumber(const Node& node, OpenOptions options) {
     return node.number == kRootNumber ? FUSE_ROOT_ID : firstNumber(node.number) | options.bits();
 }
 
+OpenOptions optionsOf(fuse_ino_t inode) {
+    return OpenOptions::fromBits(inode & ((1U << OpenOptions::kBits) - 1));
+}
+
 struct stat statusOf(const Node& node) {
     struct stat status {};
     const bool isDirectory = node.kind == NodeKind::kDirectory;
@@ -323,7 +327,9 @@ void Operations::rename(fuse_req_t request, fuse_ino_t folder, const char* name,
 void Operations::open(fuse_req_t request, fuse_ino_t inode, int flags) {
     const Inode* found = find(inode);
     if (found == nullptr) {
-        fuse_reply_err(request, ENOENT);
+        // Its server has just gone. Who comes to serve may have said O_CREAT: the kernel looks
+        // again.
+        fuse_reply_err(request, optionsOf(inode).server ? ESTALE : ENOENT);
         return;
     }
     m_store.open(found->node, found->options, accessOf(request, flags),

@@ -295,6 +295,7 @@ void Disk::saveAll(std::vector<Save>& saves) {
     std::map<std::string, OpenFolder> folders;
     std::vector<OpenFolder*> folderAt(saves.size());
     std::vector<std::string> names(saves.size());
+    std::vector<bool> isNew(saves.size());
     for (std::size_t i = 0; i < saves.size(); ++i) {
         Save& save = saves[i];
         const std::size_t slash = save.path.rfind('/');
@@ -302,9 +303,9 @@ void Disk::saveAll(std::vector<Save>& saves) {
         names[i] = save.isDirectory ? kDirectoryRecord : save.path.substr(isAtTop ? 0 : slash + 1);
         const std::string path =
             save.isDirectory ? save.path : save.path.substr(0, isAtTop ? 0 : slash);
-        const auto [found, isNew] = folders.try_emplace(path);
+        const auto [found, isFirst] = folders.try_emplace(path);
         folderAt[i] = &found->second;
-        if (isNew) {
+        if (isFirst) {
             found->second.error = openPath(path, found->second.fd);
         }
         save.error = found->second.error;
@@ -318,6 +319,7 @@ void Disk::saveAll(std::vector<Save>& saves) {
             continue;
         }
         const int folder = folderAt[i]->fd.get();
+        isNew[i] = !isThere(folder, names[i]);
         saves[i].error = renameEntry(folder, asideName(i), folder, names[i]);
         if (saves[i].error != 0) {
             unlinkat(folder, asideName(i).c_str(), 0);
@@ -329,8 +331,11 @@ void Disk::saveAll(std::vector<Save>& saves) {
         folder.error = folder.isChanged ? syncFolder(folder.fd.get()) : 0;
     }
     for (std::size_t i = 0; i < saves.size(); ++i) {
-        if (saves[i].error == 0) {
+        if (saves[i].error == 0 && folderAt[i]->error != 0) {
             saves[i].error = folderAt[i]->error;
+            if (isNew[i]) {
+                unlinkat(folderAt[i]->fd.get(), names[i].c_str(), 0);
+            }
         }
     }
 }
@@ -440,11 +445,21 @@ int Disk::rename(const std::string& from, const std::string& to) {
     if (error == 0) {
         error = openFolderOf(to, target, targetName);
     }
-    if (error == 0) {
-        error = renameEntry(source.get(), sourceName, target.get(), targetName);
+    if (error != 0) {
+        return error;
     }
+    // What is replaced keeps a name until the other has its own for good.
+    unlinkat(target.get(), kNewFile, 0);
+    const bool isReplacing =
+        linkat(target.get(), targetName.c_str(), target.get(), kNewFile, 0) == 0;
+    error = renameEntry(source.get(), sourceName, target.get(), targetName);
     if (error == 0) {
         error = syncOrUndo(target.get(), targetName, source.get(), sourceName);
+    }
+    if (isReplacing && error != 0 && !isThere(target.get(), targetName)) {
+        renameEntry(target.get(), kNewFile, target.get(), targetName);
+    } else if (isReplacing) {
+        unlinkat(target.get(), kNewFile, 0);
     }
     return error;
 }

@@ -2,10 +2,10 @@
 // docs/formats/store.md.
 //
 // Paths given here are relative to the root of the tree, "" for the root itself. Results of type
-// int are 0 or an errno value. After anything but 0 the tree on disk is as before, but for what was
-// written over (the text of an object, the object that another took the name of) when the last step
-// failed, the sync of a folder: either version may be there then. Every change is on the medium
-// when its call returns 0. Not thread-safe: one thread at a time uses it.
+// int are 0 or an errno value. After anything but 0 the tree on disk is as before, as long as the
+// machine runs: where the last step failed, the sync of a folder, an object may have the text that
+// was to be written, and a power cut may leave the change or what was before it. Every change is on
+// the medium when its call returns 0. Not thread-safe: one thread at a time uses it.
 
 #pragma once
 

@@ -1,5 +1,7 @@
 // Pushes of every size and shape through the whole stack.
 
+#include <csignal>
+
 #include "tests/integration/device.hpp"
 
 namespace {
@@ -143,6 +145,24 @@ TEST_F(AgentPush, SenderThatDripsIsClosedAfterThePushTimeout) {
         ASSERT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
     }
     EXPECT_TRUE(m_client->isSilent(0.1)) << "never delivered short";
+}
+
+// Its bytes have come in time; that nobody could read them is not its sender's fault.
+TEST_F(AgentPush, PushThatIsNotInYetOutlastsAnObjectServiceThatStops) {
+    const PushSender slow(m_port);
+    slow.send(kExample.substr(0, 61));
+    ASSERT_TRUE(waitUntil([this] { return agentLog().find("recved [61]") != std::string::npos; }));
+    const PushSender other(m_port);
+    kill(m_ppsd->pid(), SIGSTOP);
+    other.send("POST /x HTTP/1.1\r\nContent-Length: 1\r\nPush-Message-ID: m2\r\n\r\nx");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    slow.send(kExample.substr(61));
+    std::this_thread::sleep_for(std::chrono::milliseconds(3000));
+    kill(m_ppsd->pid(), SIGCONT);
+    EXPECT_EQ(m_client->next().id, " m2");
+    EXPECT_EQ(m_client->next().id, " m1");
+    m_client->request("acceptPush", " m1", kApp);
+    EXPECT_TRUE(isAcknowledgement(slow.readToEnd()));
 }
 
 TEST_F(AgentPush, HeadersWithQuotesAndControlBytesReachTheApplicationAsTheyAre) {

@@ -147,6 +147,29 @@ TEST_F(SyncOrder, ChangeOfAFolderThatCannotBeSyncedIsTakenBack) {
     EXPECT_EQ(disk.removeDirectory("one"), 0);
 }
 
+TEST_F(SyncOrder, ReplacedObjectIsThereAgainWhenTheRenameIsTakenBack) {
+    const Record other{metadata, "b::2\n"};
+    ASSERT_EQ(disk.saveObject("a", record), 0);
+    ASSERT_EQ(disk.saveObject("b", other), 0);
+    failingSync = ".";
+    EXPECT_EQ(disk.rename("a", "b"), EIO);
+    failingSync.clear();
+    const std::vector<Disk::Entry> entries = disk.load("");
+    ASSERT_EQ(entries.size(), 2U);
+    EXPECT_EQ(entries[0].record.lines, record.lines);
+    EXPECT_EQ(entries[1].record.lines, other.lines);
+    EXPECT_EQ(disk.rename("a", "b"), 0);
+    EXPECT_EQ(list(""), "b ");
+}
+
+TEST_F(SyncOrder, NewObjectOfAFolderThatCannotBeSyncedIsNotThere) {
+    failingSync = ".";
+    EXPECT_EQ(disk.saveObject("new", record), EIO);
+    failingSync.clear();
+    EXPECT_EQ(list(""), "");
+    EXPECT_EQ(disk.makeDirectory("new", metadata), 0);
+}
+
 TEST_F(SyncOrder, RemovedFolderIsGoneFromTheMedium) {
     ASSERT_EQ(disk.makeDirectory("folder", metadata), 0);
     steps.clear();
