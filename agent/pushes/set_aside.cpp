@@ -39,11 +39,19 @@ void asOfItsPort(const PushConnection& connection, Work work) {
              port.getSocket());
 }
 
-bool watch(int poll, int descriptor, std::uint64_t number) {
+// `operation` begins to watch the descriptor, or goes on.
+bool watch(int poll, int operation, int descriptor, std::uint64_t number,
+           std::uint32_t events = EPOLLIN) {
     epoll_event event{};
-    event.events = EPOLLIN;
+    event.events = events;
     event.data.u64 = number;
-    return epoll_ctl(poll, EPOLL_CTL_ADD, descriptor, &event) == 0;
+    return epoll_ctl(poll, operation, descriptor, &event) == 0;
+}
+
+// A connection tells once, and again when its push is still not in: with the push it may go to
+// whoever keeps it for the answer, and is not asked after here any more.
+bool watchOnce(int poll, int operation, const PushConnection& connection, std::uint64_t number) {
+    return watch(poll, operation, connection.socket(), number, EPOLLIN | EPOLLONESHOT);
 }
 
 }  // namespace
@@ -56,7 +64,7 @@ SetAsideConnections::SetAsideConnections()
     }
     OwnedSocket high(moveToHighDescriptor(m_timer.release()));
     m_timer.reset(high.release());
-    watch(m_poll.get(), m_timer.get(), kTimerNumber);
+    watch(m_poll.get(), EPOLL_CTL_ADD, m_timer.get(), kTimerNumber);
 }
 
 void SetAsideConnections::add(std::unique_ptr<PushConnection> connection) {
@@ -71,7 +79,7 @@ void SetAsideConnections::add(std::unique_ptr<PushConnection> connection) {
         m_deadlines.erase(deadline);
         throw;
     }
-    if (!watch(m_poll.get(), added.socket(), number)) {
+    if (!watchOnce(m_poll.get(), EPOLL_CTL_ADD, added, number)) {
         QUIL_LOG(LOG_LEVEL_WARNING,
                  "setAside: push for app id [%s] cannot be waited for: errno[%d] error[%s]",
                  added.appId().c_str(), errno, strerror(errno));
@@ -111,7 +119,8 @@ void SetAsideConnections::advance(std::uint64_t number) {
                      "quilAgentLoop: exception occurred when trying to serverIfProcessData");
         }
     });
-    if (progress == PushConnection::Progress::Done) {
+    if (progress == PushConnection::Progress::Done ||
+        !watchOnce(m_poll.get(), EPOLL_CTL_MOD, *found->second, number)) {
         remove(found);
     }
 }

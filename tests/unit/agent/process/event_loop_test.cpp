@@ -561,6 +561,23 @@ TEST_F(EventLoop, PushWhoseBytesComeLaterIsDelivered) {
 }
 
 // Two senders wait on two ports, and pushes have no descriptor left.
+// The connection is kept for the answer, and is nothing that the loop has to see to any more.
+TEST_F(EventLoop, SenderThatHangsUpOnAPushThatWasSetAsideCostsNoPasses) {
+    const Listener listener = addListener("app", "@ipc.17");
+    startLoop();
+    const int sender = connectTo(listener.port);
+    send(sender, kPush.data(), kPush.size() - 1, 0);
+    ASSERT_TRUE(waitForLogged(5, "serverIfProcessData 1: recved [" +
+                                     std::to_string(kPush.size() - 1) + "] bytes of data"));
+    send(sender, kPush.data() + kPush.size() - 1, 1, 0);
+    EXPECT_EQ(nextReply(), kNotification);
+    close(sender);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const int before = passes();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_LE(passes(), before + 1);
+}
+
 TEST_F(EventLoop, WantOfDescriptorsCostsFewPassesAndRequestsGoOn) {
     const Listener first = addListener("a", "@ipc.17");
     const Listener second = addListener("b", "@ipc.17");
