@@ -83,11 +83,12 @@ class Device:
     corner = 0  # of the range of ports, another one for each device of this process
 
     def __init__(self, context, configuration=(), descriptor_limit=None, agent_arguments=(), before_agent=None,
-                 preload=None):
+                 preload=None, agent_under=()):
         self.context = context
         self.descriptor_limit = descriptor_limit
         self.agent_arguments = list(agent_arguments)
         self.before_agent = before_agent
+        self.agent_under = list(agent_under)  # a program that runs the agent, and its arguments
         self.preload = preload  # for the object service
         self.configuration = ["proxy-port 0", *configuration]
         self.root = tempfile.mkdtemp(prefix="quilhostile.")
@@ -145,7 +146,7 @@ class Device:
 
     # Programs
 
-    def start(self, name, *arguments, log, prepare=None):
+    def start(self, name, *arguments, log, prepare=None, under=()):
         parent = os.getpid()
 
         def in_child():
@@ -154,9 +155,9 @@ class Device:
             die_with_parent(parent)
 
         with open(self.path(f"/{log}"), "ab") as output:
-            process = subprocess.Popen([f"{self.context.programs}/{name}", *arguments], env=self.environment,
-                                       stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
-                                       start_new_session=True, preexec_fn=in_child)
+            process = subprocess.Popen([*under, f"{self.context.programs}/{name}", *arguments],
+                                       env=self.environment, stdin=subprocess.DEVNULL, stdout=output,
+                                       stderr=subprocess.STDOUT, start_new_session=True, preexec_fn=in_child)
         self.context.guard.add(process.pid)
         self.processes.append(process)
         return process
@@ -210,7 +211,8 @@ class Device:
                 self.before_agent()
 
         user = f"{AGENT_USER}:{AGENT_USER}" if is_root() else str(os.getuid())
-        self.agent = self.start("quilagent", *self.agent_arguments, "-U", user, log="agent.log", prepare=limits)
+        self.agent = self.start("quilagent", *self.agent_arguments, "-U", user, log="agent.log", prepare=limits,
+                                under=self.agent_under)
 
     def wait_for_agent(self):
         wait_until(lambda: os.path.exists(self.ipc) or self.agent.poll() is not None, AGENT_START_SECONDS)
@@ -244,9 +246,10 @@ class Device:
         except OSError:
             return 0
 
-    def memory_kib(self):
+    def memory_kib(self, process=None):
+        """Of the agent, or another program of the device."""
         try:
-            with open(f"/proc/{self.agent.pid}/status", encoding="ascii") as file:
+            with open(f"/proc/{(process or self.agent).pid}/status", encoding="ascii") as file:
                 return next((int(line.split()[1]) for line in file if line.startswith("VmRSS:")), 0)
         except OSError:
             return 0

@@ -2,16 +2,16 @@
 // same program measures the agent and the floor, so that only what stands between sender and
 // application differs.
 //
-//     bench_load OBJECT MODE COUNT BYTES ADDRESS APPLICATION=PORT...
+//     bench_load OBJECT MODE COUNT BYTES SOURCE APPLICATION=PORT...
 //
 //     close     one push after the other; the sender closes behind its last byte
 //     wait      the same, and the sender waits for the answer, which the application asks for at
 //     once request   no push: a request of the application and its reply senders   one sender for
 //     each APPLICATION at once, each of which waits for its answer; COUNT pushes in all
 //
-// ADDRESS is where pushes go, one of 127.0.0.0/8: ports that a sender closed first stay taken for a
-// minute, for that address alone. Prints one JSON object. Exit status: 0 measured, 1 something was
-// lost or refused, 2 wrong arguments.
+// SOURCE is where pushes come from, an address of 127.0.0.0/8: ports that a sender closed first
+// stay taken for a minute, for that address alone. Prints one JSON object. Exit status: 0 measured,
+// 1 something was lost or refused, 2 wrong arguments.
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -50,7 +50,7 @@ struct Arguments {
     std::string mode;
     std::size_t count = 0;
     std::size_t bytes = 0;
-    std::string address;
+    std::string source;
     std::vector<Application> applications;
 };
 
@@ -137,7 +137,7 @@ void Load::measurePushes(bool isWaiting) {
     std::array<char, kAnswerBytes + 1> answer{};
     for (std::size_t i = 0; i < m_arguments.count; ++i) {
         const auto begin = Clock::now();
-        const int socket = bench::connectTo(m_arguments.address, port);
+        const int socket = bench::connectFrom(m_arguments.source, port);
         bench::sendAll(socket, push);
         if (!isWaiting) {
             close(socket);
@@ -186,7 +186,7 @@ void Load::sendAndWait(std::size_t application, std::size_t count) const {
     std::array<char, kAnswerBytes> answer{};
     for (std::size_t i = 0; i < count; ++i) {
         const int socket =
-            bench::connectTo(m_arguments.address, m_arguments.applications[application].port);
+            bench::connectFrom(m_arguments.source, m_arguments.applications[application].port);
         bench::sendAll(socket, push);
         bench::receiveAll(socket, answer);
         close(socket);
@@ -217,14 +217,14 @@ int main(int count, char** words) {
     Arguments arguments;
     if (count < 7) {
         std::fprintf(stderr,
-                     "Usage: bench_load OBJECT MODE COUNT BYTES ADDRESS APPLICATION=PORT...\n");
+                     "Usage: bench_load OBJECT MODE COUNT BYTES SOURCE APPLICATION=PORT...\n");
         return 2;
     }
     arguments.object = words[1];
     arguments.mode = words[2];
     arguments.count = std::max<std::size_t>(1, bench::numberOf(words[3]));
     arguments.bytes = bench::numberOf(words[4]);
-    arguments.address = words[5];
+    arguments.source = words[5];
     for (int i = 6; i < count; ++i) {
         const std::string word = words[i];
         const std::size_t equals = word.find('=');

@@ -56,7 +56,7 @@ std::string packetText(int head, const std::string& body) {
 class Peer {
   public:
     Peer(std::uint16_t port, const std::string& name)
-        : m_socket(bench::connectTo("127.0.0.1", port)) {
+        : m_socket(bench::connectFrom("127.0.0.1", port)) {
         const int one = 1;
         setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
         // Protocol level 4, clean session, to be heard of at least once a minute.

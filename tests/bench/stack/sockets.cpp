@@ -16,14 +16,24 @@ constexpr int kPatienceMilliseconds = 10000;
 
 }  // namespace
 
-int connectTo(const std::string& address, std::uint16_t port) {
+int connectFrom(const std::string& source, std::uint16_t port) {
+    sockaddr_in own{};
+    own.sin_family = AF_INET;
+    if (inet_pton(AF_INET, source.c_str(), &own.sin_addr) != 1) {
+        fail(source.c_str());
+    }
     sockaddr_in peer{};
     peer.sin_family = AF_INET;
     peer.sin_port = htons(port);
-    if (inet_pton(AF_INET, address.c_str(), &peer.sin_addr) != 1) {
-        fail("address");
-    }
+    peer.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // The port is chosen by connect(), which looks at both ends: one that is free for this peer
+    // alone will do.
+    const int one = 1;
+    if (setsockopt(socket, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &one, sizeof one) != 0 ||
+        bind(socket, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0) {
+        fail("bind");
+    }
     if (connect(socket, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0) {
         fail("connect");
     }

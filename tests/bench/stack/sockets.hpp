@@ -11,8 +11,8 @@
 
 namespace bench {
 
-// A new connection to a loopback address.
-int connectTo(const std::string& address, std::uint16_t port);
+// A new connection to a port of 127.0.0.1, from `source`, an address of 127.0.0.0/8.
+int connectFrom(const std::string& source, std::uint16_t port);
 
 void sendAll(int socket, std::string_view bytes);
 
