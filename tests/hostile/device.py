@@ -80,15 +80,16 @@ class Context:
 
 
 class Device:
+    has_own_sessions = True  # each program its own: what is typed at the terminal does not end it
     corner = 0  # of the range of ports, another one for each device of this process
 
     def __init__(self, context, configuration=(), descriptor_limit=None, agent_arguments=(), before_agent=None,
-                 preload=None, agent_under=()):
+                 preload=None):
         self.context = context
         self.descriptor_limit = descriptor_limit
         self.agent_arguments = list(agent_arguments)
         self.before_agent = before_agent
-        self.agent_under = list(agent_under)  # a program that runs the agent, and its arguments
+        self.agent_under = []  # a program that runs the agent, and its arguments
         self.preload = preload  # for the object service
         self.configuration = ["proxy-port 0", *configuration]
         self.root = tempfile.mkdtemp(prefix="quilhostile.")
@@ -157,7 +158,8 @@ class Device:
         with open(self.path(f"/{log}"), "ab") as output:
             process = subprocess.Popen([*under, f"{self.context.programs}/{name}", *arguments],
                                        env=self.environment, stdin=subprocess.DEVNULL, stdout=output,
-                                       stderr=subprocess.STDOUT, start_new_session=True, preexec_fn=in_child)
+                                       stderr=subprocess.STDOUT, start_new_session=self.has_own_sessions,
+                                       preexec_fn=in_child)
         self.context.guard.add(process.pid)
         self.processes.append(process)
         return process

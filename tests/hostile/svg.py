@@ -87,13 +87,15 @@ def draw_lines(path, title, x_name, x_labels, y_name, lines):
 
     parts = begin(title)
     for number, label in enumerate(x_labels):
-        parts.append(f'<text x="{x(number):.1f}" y="{HEIGHT - BOTTOM + 20}" text-anchor="middle">{escape(label)}</text>')
+        parts.append(f'<text x="{x(number):.1f}" y="{HEIGHT - BOTTOM + 20}" text-anchor="middle">{escape(label)}'
+                     '</text>')
     parts.append(f'<text x="{WIDTH / 2}" y="{HEIGHT - 14}" text-anchor="middle">{escape(x_name)}</text>')
     for number in range(steps + 1):
         value = top * number / steps
         parts.append(f'<line x1="{LEFT}" y1="{y(value):.1f}" x2="{WIDTH - RIGHT}" y2="{y(value):.1f}" stroke="#ddd"/>')
         parts.append(f'<text x="{LEFT - 8}" y="{y(value) + 4:.1f}" text-anchor="end">{value:,g}</text>')
-    parts.append(f'<text transform="translate(20,{HEIGHT / 2}) rotate(-90)" text-anchor="middle">{escape(y_name)}</text>')
+    parts.append(f'<text transform="translate(20,{HEIGHT / 2}) rotate(-90)" text-anchor="middle">{escape(y_name)}'
+                 '</text>')
     for number, line in enumerate(lines):
         places = [(x(at), y(value)) for at, value in enumerate(line.values)]
         points = " ".join(f"{across:.1f},{down:.1f}" for across, down in places)

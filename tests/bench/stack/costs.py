@@ -71,8 +71,13 @@ def measure_calls(figures, agents, agent_with_log):
 
 def instructions_of(context, mode, pushes):
     """All instructions of an agent from its start to its end."""
-    output = f"--callgrind-out-file={os.devnull}"
-    with Agent(context, 1, under=["valgrind", "--tool=callgrind", output]) as agent:
+    agent = Agent(context, 1)
+    # There already, and everybody's to write: the agent changes its user between the begin of the file and its end.
+    output = agent.device.path("/findings/instructions")
+    open(output, "wb").close()
+    os.chmod(output, 0o666)
+    agent.device.agent_under = ["valgrind", "--vgdb=no", "--tool=callgrind", f"--callgrind-out-file={output}"]
+    with agent:
         agent.load(mode, pushes, SIZE)
         found = re.search(r"Collected : (\d+)", agent.end_agent())
         return int(found.group(1)) if found else None

@@ -54,9 +54,9 @@ class Documents:
 
     def run_text(self):
         facts = self.facts
-        return (f"Measured on {facts['date']} by `scripts/bench`: {facts['rounds']} rounds of {facts['count']:,} of each "
-                f"kind, on {'as many CPUs as there are' if facts['two_cpus'] else 'one CPU'} of a machine that has "
-                f"{facts['processors']}; Linux {facts['kernel']}.")
+        where = "as many CPUs as there are" if facts["two_cpus"] else "one CPU"
+        return (f"Measured on {facts['date']} by `scripts/bench`: {facts['rounds']} rounds of {facts['count']:,} of "
+                f"each kind, on {where} of a machine with {facts['processors']}.")
 
     def goals_table(self):
         met = sum(goal.is_met is True for goal in self.goals)
@@ -72,7 +72,8 @@ class Documents:
         for name in names:
             row = self.figures.get(name)
             if row:
-                rows.append([name, f"{row.value:.1f}", f"{row.p99:.1f}", times_text(self.figures.times_floor(name) or 1)])
+                times = 1 if row.floor is None else self.figures.times_floor(name)
+                rows.append([name, f"{row.value:.1f}", f"{row.p99:.1f}", times_text(times)])
         return table(["", "p50, us", "p99, us", "times the floor"], rows)
 
     def measures(self):
@@ -138,7 +139,8 @@ class Documents:
                        [f"{size:,}" for size in SIZES], "times the floor of the same size", lines)
 
     def draw_senders(self):
-        lines = [svg.Line(subject, colour, [self.figures.get(name_of(subject, RATE, senders_text(count))).value
-                                            for count in SENDERS]) for colour, subject in ((GREY, FLOOR), (BLUE, "agent"))]
+        lines = [svg.Line(subject, colour, [
+            self.figures.get(name_of(subject, RATE, senders_text(count))).value for count in SENDERS])
+            for colour, subject in ((GREY, FLOOR), (BLUE, "agent"))]
         svg.draw_lines(f"{self.folder}/senders.svg", "Throughput by senders", "senders at once",
                        [str(count) for count in SENDERS], "pushes a second", lines)

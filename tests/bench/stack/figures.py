@@ -1,4 +1,5 @@
-"""What was measured: for each thing some rounds, of which the medians count."""
+"""What was measured: for each thing some rounds, of which the medians count. One thing by another is the median of what
+it is in each round: a machine that gets slower for some seconds does so for both."""
 
 import statistics
 
@@ -65,15 +66,14 @@ class Figures:
 
     def times_floor(self, name):
         """How many times the floor a thing takes, or which part of the floor's rate it reaches."""
-        row = self.rows.get(name)
-        floor = self.rows.get(row.floor) if row else None
-        return row.value / floor.value if floor else None
+        return self.times(name, self.rows[name].floor) if name in self.rows else None
 
     def times(self, name, other):
         """The one by the other; None where one of them was not measured."""
         if name not in self.rows or other not in self.rows:
             return None
-        return self.rows[name].value / self.rows[other].value
+        return statistics.median(mine["p50"] / others["p50"]
+                                 for mine, others in zip(self.rows[name].rounds, self.rows[other].rounds))
 
     def cost(self, name):
         return self.costs[name][0] if name in self.costs else None

@@ -57,7 +57,7 @@ def calls(figures, sessions, *conditions):
 def spread_goals(figures, is_two_cpus):
     """On one CPU a wait also holds the turns of the others, so that only the floor can say what p99 is to be had."""
     for mode in (CLOSES, WAITS):
-        row, floor = figures.get(agent(APPLICATION, 1, mode)), figures.get(name_of(FLOOR, APPLICATION, mode))
+        row, floor = (figures.get(name) for name in (agent(APPLICATION, 1, mode), name_of(FLOOR, APPLICATION, mode)))
         if is_two_cpus:
             yield Goal(f"push to application, {mode}: p99 by its p50, two CPUs", row and row.spread, P99_TWO_CPUS)
             continue

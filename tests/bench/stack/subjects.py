@@ -151,10 +151,16 @@ def read_log(control, log):
                 return count
 
 
+class MeasuredDevice(Device):
+    # The kernel shares the processor among sessions first: in one of their own, the programs would lose against the
+    # rest of the machine where the floor does not.
+    has_own_sessions = False
+
+
 class Agent:
     """A device whose agent has sessions, each with a channel. Its system log is read, or not there."""
 
-    def __init__(self, context, sessions, is_log_read=False, under=()):
+    def __init__(self, context, sessions, is_log_read=False):
         self.context = context
         self.sessions = sessions
         self.is_log_read = is_log_read
@@ -162,7 +168,7 @@ class Agent:
         # Where the machine has no log, nothing has to be hidden.
         if is_log_read or os.path.exists("/dev/log"):
             self.log = OwnLogSocket(context.guard, is_log_read)
-        self.device = Device(context, agent_under=under, before_agent=self.log.enter if self.log else None)
+        self.device = MeasuredDevice(context, before_agent=self.log.enter if self.log else None)
         self.apps = [f"a{number}" for number in range(sessions)]
         self.ports = {}
 
@@ -189,7 +195,7 @@ class Agent:
         return set(self.ports.values()) <= listening_ports()
 
     def load(self, mode, count, size, senders=1, turn=0):
-        """`turn` gives each round an address of its own: a port that a sender has closed first is taken for a minute."""
+        """`turn` gives each round an address of its own, as a port that a sender closed first is taken for a minute."""
         apps = self.apps[-senders:]
         return run_load(self.context, "bench_load", self.device.ipc, mode, count, size, f"127.0.0.{turn % 250 + 1}",
                         *(f"{app}={self.ports[app]}" for app in apps))
