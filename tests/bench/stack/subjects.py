@@ -177,6 +177,9 @@ class Agent:
             if self.is_log_read:
                 Worker.kept.add(self.log.socket.fileno())
                 self.reader = Worker(read_log, self.log.socket)
+            if not self.device.agent_under:
+                # As an installed service has it; a program that runs the agent says there what it saw.
+                os.symlink(os.devnull, self.device.path("/agent.log"))
             self.device.__enter__()
             application = Application(self.device.ipc)
             for app in self.apps:
