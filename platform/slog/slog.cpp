@@ -289,8 +289,11 @@ std::ptrdiff_t sendTogether(const SlogEntry* lines, std::size_t count) {
         messages[ready].msg_hdr.msg_iov = parts[ready];
         messages[ready].msg_hdr.msg_iovlen = 2;
     }
-    if (ready == 0 || connection() == 0 || !reportLostLines()) {
+    if (ready == 0) {
         return 0;
+    }
+    if (connection() == 0 || !reportLostLines()) {
+        return -1;
     }
     const int sent = sendmmsg(g_socket.load(), messages, static_cast<unsigned>(ready),
                               MSG_DONTWAIT | MSG_NOSIGNAL);

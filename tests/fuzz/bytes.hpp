@@ -10,9 +10,10 @@
 #include <vector>
 
 // Ends the process unless the condition holds: that is how a fuzzer tells what it found.
-inline void require(bool condition, int line = __builtin_LINE()) {
+inline void require(bool condition, int line = __builtin_LINE(),
+                    const char* file = __builtin_FILE()) {
     if (!condition) {
-        std::fprintf(stderr, "not as it should be: line %d\n", line);
+        std::fprintf(stderr, "not as it should be: %s line %d\n", file, line);
         std::abort();
     }
 }

@@ -9,7 +9,6 @@
 #include <array>
 #include <cerrno>
 #include <deque>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <set>
@@ -32,6 +31,7 @@ namespace {
 constexpr std::size_t kMostOperations = 300;
 constexpr std::size_t kMostFiles = 40;
 constexpr std::size_t kMostFolders = 4;
+constexpr std::size_t kMostNodes = 6;
 constexpr std::size_t kMostListings = 6;
 constexpr uid_t kUsers = 4;  // the first is root
 constexpr Shares kShares = {6000, 8, 6, 3000};
@@ -55,12 +55,11 @@ std::size_t bytesOf(const model::Node& node) {
     return model::linesOf(node.values).size();
 }
 
-class Run {
+class Run : public StoreHarness {
   public:
-    Run(Bytes& bytes, const ScratchRoot& root) : m_bytes(bytes), m_path(root.path("/store")) {
-        std::filesystem::remove_all(m_path);
-        load();
-    }
+    Run(Bytes& bytes, const ScratchRoot& root)
+        : StoreHarness(bytes, root, {kNames, kMostFolders, kMostNodes, kShares}),
+          m_most(allHeld()) {}
 
     void step() {
         m_user = m_bytes.below(8) % kUsers;
@@ -97,7 +96,7 @@ class Run {
                 rename();
                 break;
             case 13:
-                m_bytes.flag() ? truncate() : changeOwner();
+                m_bytes.flag() ? truncateSome() : changeOwner();
                 break;
             case 14:
                 m_bytes.flag() ? list() : openClients();
@@ -113,7 +112,7 @@ class Run {
         checkHeld();
         checkReadiness();
         if (m_isRefused || ++m_steps % 4 == 0) {
-            checkFolder(*m_store->root(), *m_model.root());
+            checkTree();
         }
     }
 
@@ -122,14 +121,6 @@ class Run {
   private:
     using Held = std::array<Shares, kUsers>;
 
-    struct Pair {
-        std::unique_ptr<OpenFile> file;
-        std::unique_ptr<model::File> model;
-        std::shared_ptr<Node> node;  // of an object, else null
-        uid_t user;
-        Readiness was;
-        std::size_t begun = 0;  // bytes of the text that it is in the middle of
-    };
     struct KeptListing {
         std::shared_ptr<Listing> listing;
         std::shared_ptr<Charge> charge;
@@ -145,15 +136,6 @@ class Run {
         uid_t maker;
         uid_t writer;
     };
-
-    void load() {
-        m_store = std::make_unique<Store>(
-            m_path, m_listener, [](const std::string&) { std::abort(); }, m_accounts);
-        require(m_store->load() == 0);
-        m_nodes.clear();
-        m_folders.assign(1, {m_store->root(), m_model.root()});
-        m_most = allHeld();
-    }
 
     std::size_t held(uid_t user, Holding holding) const { return m_accounts.held(user, holding); }
     Held allHeld() const {
@@ -176,7 +158,7 @@ class Run {
     std::size_t mostMemory(uid_t user) const {
         std::size_t bytes = 0;
         std::set<const model::Channel*> channels;
-        for (const Pair& pair : m_files) {
+        for (const FilePair& pair : m_files) {
             const model::File& file = *pair.model;
             if (file.channel != nullptr) {
                 channels.insert(file.channel.get());
@@ -201,7 +183,7 @@ class Run {
         return bytes;
     }
 
-    static std::size_t keptBytes(const Pair& pair) {
+    static std::size_t keptBytes(const FilePair& pair) {
         const model::File& file = *pair.model;
         std::size_t bytes = file.rest.empty() ? 0 : pair.begun;
         bytes += file.options.delta ? model::linesOf(file.seenValues).size() : 0;
@@ -262,10 +244,6 @@ class Run {
         return bytes;
     }
 
-    const NodePair& pickFolder() {
-        return m_folders[m_bytes.below(static_cast<unsigned>(m_folders.size()))];
-    }
-    std::string pickName() { return kNames[m_bytes.below(std::size(kNames))]; }
     OpenOptions pickOptions() {
         const unsigned byte = m_bytes.next();
         return OpenOptions::fromBits(byte < 64 ? byte % 8 : byte < 128 ? 4 : 0);
@@ -275,46 +253,23 @@ class Run {
         const Opener opener{m_user, m_user, static_cast<pid_t>(byte / 32 % 2)};
         return {byte % 8 != 3, byte % 8 != 2, byte % 16 == 4, opener};
     }
-    Store::Owner owner() const { return {m_user, m_user}; }
-
-    void keep(std::unique_ptr<OpenFile> file, std::unique_ptr<model::File> model,
-              const std::shared_ptr<Node>& node) {
-        require(file != nullptr);
-        const bool isObject = model->channel == nullptr;
-        m_files.push_back({std::move(file),
-                           std::move(model),
-                           isObject ? node : nullptr,
-                           m_user,
-                           {true, false},
-                           0});
-    }
 
     void create() {
         if (m_files.size() == kMostFiles) {
             return;
         }
-        const NodePair folder = pickFolder();
-        const std::string name = pickName();
-        const OpenOptions options = pickOptions();
-        const Store::Access access = pickAccess();
-        NodePair made;
-        std::unique_ptr<OpenFile> file;
-        const int result = ended([&](const Done& done) {
-            m_store->create(folderOf(folder), {name, options}, owner(), 0666, access,
-                            kept(made.node, file, done));
-        });
+        const Place place = pickPlace();
+        Opening made{{}, pickOptions(), pickAccess()};
+        const int result = createInStore(place, made);
         if (isRefusal(result)) {
-            refused(result == ENFILE ? hasNoFileLeft()
-                                     : result == EDQUOT && hasNoObjectLeft() && !options.server);
+            refused(result == ENFILE
+                        ? hasNoFileLeft()
+                        : result == EDQUOT && hasNoObjectLeft() && !made.options.server);
             return;
         }
-        auto model = std::make_unique<model::File>();
-        require(result == m_model.create(*folder.model, name, modelOf(options), modelOf(access),
-                                         made.model, *model));
+        createInModel(place, made, result);
         if (result == 0) {
-            madeBy(*made.model);
-            keep(std::move(file), std::move(model), made.node);
-            remember(made);
+            madeBy(*made.node.model);
         }
     }
 
@@ -323,56 +278,25 @@ class Run {
         m_payers[&node] = {m_user, m_user};
     }
 
-    void remember(const NodePair& found) {
-        require((found.node == nullptr) == (found.model == nullptr));
-        if (found.node == nullptr) {
-            return;
-        }
-        if (found.model->kind == model::Node::kFolder && m_folders.size() < kMostFolders) {
-            m_folders.push_back(found);
-        }
-        m_nodes.push_front(found);
-        m_nodes.resize(std::min<std::size_t>(m_nodes.size(), 6));
-    }
-
-    void lookUp() {
-        const NodePair folder = pickFolder();
-        const std::string name = pickName();
-        remember({m_store->find(*folderOf(folder), name), m_model.find(*folder.model, name)});
-    }
-
-    const NodePair* pickNode() {
-        return m_nodes.empty() ? nullptr
-                               : &m_nodes[m_bytes.below(static_cast<unsigned>(m_nodes.size()))];
-    }
-
     void open() {
         const NodePair* const picked = pickNode();
         if (picked == nullptr || m_files.size() == kMostFiles) {
             return;
         }
-        NodePair opened = *picked;
-        const OpenOptions options = pickOptions();
-        const Store::Access access = pickAccess();
-        std::unique_ptr<OpenFile> file;
-        const std::shared_ptr<Node> node = opened.node;
-        const int result = ended([&](const Done& done) {
-            m_store->open(node, options, access, kept(opened.node, file, done));
-        });
+        Opening opened{*picked, pickOptions(), pickAccess()};
+        const int result = openInStore(opened);
         if (isRefusal(result)) {
             refused(result == ENFILE ? hasNoFileLeft()
                                      : result == ENOBUFS && hasNoRoomFor(kClientBytes));
             return;
         }
-        auto model = std::make_unique<model::File>();
-        const std::shared_ptr<model::Node> looked = opened.model;
+        const std::shared_ptr<model::Node> looked = opened.node.model;
         const int version = looked->version;
-        require(result == m_model.open(opened.model, modelOf(options), modelOf(access), *model));
+        openInModel(opened, result);
         if (result == 0) {
             notePayer(*looked, version, 0);
-            opened.model->owner = opened.model == looked ? looked->owner : m_user;
-            keep(std::move(file), std::move(model), opened.node);
-            remember(opened);
+            model::Node& node = *opened.node.model;
+            node.owner = &node == looked.get() ? looked->owner : m_user;
         }
     }
 
@@ -411,13 +335,8 @@ class Run {
         return lines;
     }
 
-    Pair* pickFile() {
-        return m_files.empty() ? nullptr
-                               : &m_files[m_bytes.below(static_cast<unsigned>(m_files.size()))];
-    }
-
     void write() {
-        Pair* pair = pickFile();
+        FilePair* pair = pickFile();
         if (pair == nullptr) {
             return;
         }
@@ -443,7 +362,7 @@ class Run {
         }
     }
 
-    void mayRefuseWrite(const Pair& pair, int result, std::size_t bytes) {
+    void mayRefuseWrite(const FilePair& pair, int result, std::size_t bytes) {
         const model::File& file = *pair.model;
         if (file.channel == nullptr) {
             const std::size_t most = bytesOf(*file.node) + bytes;
@@ -470,7 +389,7 @@ class Run {
 
     // Which clients a message to all had no room for: those that were hung up on.
     void findFull(const model::Channel& channel, std::size_t bytes) {
-        for (const Pair& pair : m_files) {
+        for (const FilePair& pair : m_files) {
             if (pair.model->channel.get() != &channel || pair.model->client == 0 ||
                 pair.model->isEnded) {
                 continue;
@@ -489,27 +408,20 @@ class Run {
             std::string bytes;
             m_clientLists.front().file->read(m_clientLists.front().user, 40, bytes);
         }
-        Pair* pair = pickFile();
+        FilePair* pair = pickFile();
         if (pair == nullptr || !pair->model->reads) {
             return;  // the kernel refuses it
         }
         m_user = pair->user;
-        const std::size_t size = m_bytes.flag() ? 1U << 20 : 1 + m_bytes.next();
-        std::string bytes;
-        const ReadOutcome outcome = pair->file->read(pair->user, size, bytes);
-        if (outcome == ReadOutcome::kRefused) {
+        const Reading reading = readInStore(*pair);
+        if (reading.outcome == ReadOutcome::kRefused) {
             const model::File& file = *pair->model;
             require(file.channel == nullptr);
             const std::size_t kept = bytesOf(*file.node) * 2 + keptBytes(*pair) + kTagBytes;
             refused(hasNoRoomFor(kept));
             return;
         }
-        const bool isBegun = !pair->model->rest.empty();
-        const std::string expected = pair->model->read(size);
-        pair->begun = isBegun ? pair->begun : expected.size() + pair->model->rest.size();
-        require((outcome == ReadOutcome::kBytes) == !expected.empty());
-        require((outcome == ReadOutcome::kEnd) == (expected.empty() && pair->model->isEnded));
-        require(outcome != ReadOutcome::kBytes || bytes == expected);
+        readInModel(*pair, reading);
     }
 
     void close() {
@@ -519,12 +431,7 @@ class Run {
         if (!m_clientLists.empty() && m_bytes.below(4) == 0) {
             m_clientLists.pop_front();
         }
-        if (m_files.empty()) {
-            return;
-        }
-        const unsigned index = m_bytes.below(static_cast<unsigned>(m_files.size()));
-        m_files[index].model->close();
-        m_files.erase(m_files.begin() + index);
+        closeFile();
     }
 
     void list() {
@@ -562,74 +469,27 @@ class Run {
         }
     }
 
-    void changeFolder() {
-        const NodePair folder = pickFolder();
-        const std::string name = pickName();
-        switch (m_bytes.below(3)) {
-            case 0:
-                makeFolder(folder, name);
-                break;
-            case 1:
-                require(ended([&](const Done& done) {
-                            m_store->removeDirectory(m_user, folderOf(folder), name, done);
-                        }) == m_model.removeFolder(*folder.model, name));
-                break;
-            default:
-                require(ended([&](const Done& done) {
-                            m_store->removeObject(m_user, folderOf(folder), name, done);
-                        }) == m_model.removeObject(*folder.model, name));
-                break;
-        }
-    }
-
-    void makeFolder(const NodePair& folder, const std::string& name) {
+    void makeFolder(const Place& place) override {
         NodePair made;
-        const int result = ended([&](const Done& done) {
-            m_store->makeDirectory(folderOf(folder), name, owner(), 0777,
-                                   [&](int error, const std::shared_ptr<Node>& node) {
-                                       made.node = node;
-                                       done(error);
-                                   });
-        });
+        const int result = makeFolderInStore(place, made);
         if (isRefusal(result)) {
             refused(result == EDQUOT && hasNoObjectLeft());
             return;
         }
-        require(result == m_model.makeFolder(*folder.model, name));
+        makeFolderInModel(place, made, result);
         if (result == 0) {
-            made.model = m_model.find(*folder.model, name);
             madeBy(*made.model);
-            remember(made);
         }
     }
 
-    void rename() {
-        const NodePair from = pickFolder();
-        const std::string name = pickName();
-        const NodePair to = pickFolder();
-        const std::string newName = pickName();
-        const bool mayReplace = m_bytes.flag();
-        const std::shared_ptr<model::Node> moved = m_model.find(*from.model, name);
-        for (const model::Node* above = to.model.get(); above != nullptr; above = above->folder) {
-            if (above == moved.get()) {
-                return;  // the kernel's own check
-            }
-        }
-        require(ended([&](const Done& done) {
-                    m_store->rename(m_user, folderOf(from), name, folderOf(to), newName, mayReplace,
-                                    done);
-                }) == m_model.rename(*from.model, name, *to.model, newName, mayReplace));
-    }
-
-    void truncate() {
+    void truncateSome() {
         const NodePair* const picked = pickNode();
         if (picked == nullptr) {
             return;
         }
         const int version = picked->model->version;
         const std::size_t before = bytesOf(*picked->model);
-        require(ended([&](const Done& done) { m_store->truncate(m_user, picked->node, done); }) ==
-                m_model.truncate(*picked->model));
+        truncate(*picked);
         if (picked->model->kind == model::Node::kObject) {
             notePayer(*picked->model, version, before);
         }
@@ -651,8 +511,7 @@ class Run {
 
     void restart() {
         while (!m_files.empty()) {
-            m_files.back().model->close();
-            m_files.pop_back();
+            closeLastFile();
             checkRemoved();
         }
         m_listings.clear();
@@ -663,13 +522,14 @@ class Run {
         for (uid_t user = 0; user < kUsers; ++user) {
             require(held(user, Holding::kMemory) == 0 && held(user, Holding::kFiles) == 0);
         }
-        checkFolder(*m_store->root(), *m_model.root());
+        checkTree();
         m_store.reset();
         require(allHeld() == Held{});
         m_model.restart();
         giveToOwners(*m_model.root());
         load();
-        checkFolder(*m_store->root(), *m_model.root());
+        m_most = allHeld();
+        checkTree();
     }
 
     void giveToOwners(const model::Node& folder) {
@@ -681,13 +541,13 @@ class Run {
 
     // The text of a removed object goes when nobody who has it open has room for it.
     void checkRemoved() {
-        for (const Pair& pair : m_files) {
+        for (const FilePair& pair : m_files) {
             if (pair.node == nullptr || pair.node->parent != nullptr) {
                 continue;
             }
             const auto& object = static_cast<const ObjectNode&>(*pair.node);
             if (object.content->lines.empty() && !pair.model->node->values.empty()) {
-                const auto isRoots = [&](const Pair& other) {
+                const auto isRoots = [&](const FilePair& other) {
                     return other.node == pair.node && other.user == 0;
                 };
                 require(std::none_of(m_files.begin(), m_files.end(), isRoots));
@@ -712,66 +572,18 @@ class Run {
         }
     }
 
-    void checkReadiness() {
-        for (Pair& pair : m_files) {
-            const Readiness readiness = pair.file->readiness();
-            require(readiness.readable == pair.model->isReadable());
-            require(readiness.hungUp == pair.model->isEnded);
-            const bool rose = (readiness.readable && !pair.was.readable) ||
-                              (readiness.hungUp && !pair.was.hungUp);
-            require(!rose || m_listener.told.contains(pair.file.get()));
-            pair.was = readiness;
-        }
-        m_listener.told.clear();
-    }
-
-    static void checkFolder(const DirectoryNode& folder, const model::Node& model) {
-        require(folder.stored.size() == model.stored.size());
-        require(folder.served.size() == model.served.size());
-        for (const auto& [name, node] : model.served) {
-            require(folder.served.contains(name));
-        }
-        for (const auto& [name, node] : model.stored) {
-            const auto found = folder.stored.find(name);
-            require(found != folder.stored.end());
-            require(found->second->metadata.owner == node->owner);
-            if (node->kind == model::Node::kFolder) {
-                checkFolder(static_cast<const DirectoryNode&>(*found->second), *node);
-                continue;
-            }
-            const auto& object = static_cast<const ObjectNode&>(*found->second);
-            require(object.content->lines == model::linesOf(node->values));
-        }
-    }
-
-    Bytes& m_bytes;
-    const std::string m_path;
     unsigned m_steps = 0;
-    uid_t m_user = 0;  // who acts
-    Held m_before{};   // what everybody held before the step
-    Held m_most{};     // what was there at the start, as far as it still is
+    Held m_before{};  // what everybody held before the step
+    Held m_most;      // what was there at the start, as far as it still is
     bool m_isRefused = false;
-    Accounts m_accounts{kShares};
-    Listener m_listener;
-    model::Store m_model;
     std::map<const model::Node*, Payers> m_payers;
-    std::unique_ptr<Store> m_store;
-    std::vector<NodePair> m_folders;  // of those that were made or found, the first few
-    std::deque<NodePair> m_nodes;     // looked up or opened, the last few
     std::deque<KeptListing> m_listings;
     std::deque<ClientList> m_clientLists;
-    std::vector<Pair> m_files;
 };
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const ScratchRoot root;
-    Bytes bytes(data, size);
-    Run run(bytes, root);
-    for (std::size_t i = 0; i < kMostOperations && !bytes.isAtEnd(); ++i) {
-        run.step();
-    }
-    run.end();
+    runOperations<Run>(data, size, kMostOperations);
     return 0;
 }

@@ -84,13 +84,13 @@ class Device:
     corner = 0  # of the range of ports, another one for each device of this process
 
     def __init__(self, context, configuration=(), descriptor_limit=None, agent_arguments=(), before_agent=None,
-                 preload=None):
+                 preload=None, agent_under=()):
         self.context = context
         self.descriptor_limit = descriptor_limit
         self.agent_arguments = list(agent_arguments)
         self.before_agent = before_agent
-        self.agent_under = []  # a program that runs the agent, and its arguments
         self.preload = preload  # for the object service
+        self.agent_under = list(agent_under)  # the command that runs the agent, where it is not run by itself
         self.configuration = ["proxy-port 0", *configuration]
         self.root = tempfile.mkdtemp(prefix="quilhostile.")
         context.guard.add(self.root)

@@ -371,6 +371,15 @@ TEST_F(Slog, ManyLinesThatADaemonDoesNotReadAreCounted) {
     EXPECT_EQ(nextLine(), priority(6) + "text");
 }
 
+TEST_F(Slog, ManyLinesThatADaemonGoesOnNotReadingCostOneCallEachTime) {
+    const std::vector<SlogEntry> entries(1000, {5, "line", 4});
+    slogLines(11000, entries.data(), entries.size());
+    slogLines(11000, entries.data(), entries.size());
+    const int calls = g_sendCalls;
+    slogLines(11000, entries.data(), entries.size());
+    EXPECT_EQ(g_sendCalls, calls + 1) << "that of the number of those lost";
+}
+
 TEST_F(Slog, DaemonStartedAnewGetsTheNextLines) {
     slogf(11000, 5, "first");
     EXPECT_EQ(nextLine(), priority(6) + "first");
