@@ -116,7 +116,7 @@ def main(words, source):
     finally:
         kill_all()
         guard.end()
-    judged = goals(run.figures, run.is_two_cpus)
+    judged = goals(run.figures, run.is_two_cpus, run.is_log_read)
     report.print_table(run.figures, judged, screen)
     if arguments.json:
         report.write_json(arguments.json, run.figures, judged, facts)
