@@ -28,7 +28,10 @@ std::string_view nextWord(std::string_view* line) {
 
 std::string quoted(std::string_view word) {
     const bool isCut = word.size() > kShownBytes;
-    return "'" + std::string(word.substr(0, kShownBytes)) + (isCut ? "...'" : "'");
+    std::string text = "'";
+    text += word.substr(0, kShownBytes);
+    text += isCut ? "...'" : "'";
+    return text;
 }
 
 bool isControl(char byte) {

@@ -7,7 +7,7 @@ import subprocess
 
 from costs.peer import make_peers, warm_up
 from hostile.device import Device
-from hostile.silent_log import OwnLogSocket
+from hostile.log_socket import OwnLogSocket
 
 FIRST_PORT = 5000
 PORTS_APART = 150  # more than there are sessions
@@ -25,9 +25,8 @@ def need(tool):
 @contextlib.contextmanager
 def device_with_peer(context, sessions, prepare=lambda device: None):
     """Gives a warm device, and the one application of so many that will do something."""
-    log = OwnLogSocket(context.guard)
+    log = OwnLogSocket(context.guard, is_there=False)
     try:
-        os.unlink(f"{log.folder}/log")
         device = Device(context, before_agent=log.enter)
         # Below those of the other tests, which run beside this one.
         device.first_port = FIRST_PORT + (os.getpid() % 5 * 4 + Device.corner % 4) * PORTS_APART

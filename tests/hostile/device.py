@@ -80,6 +80,7 @@ class Context:
 
 
 class Device:
+    has_own_sessions = True  # each program its own: what is typed at the terminal does not end it
     corner = 0  # of the range of ports, another one for each device of this process
 
     def __init__(self, context, configuration=(), descriptor_limit=None, agent_arguments=(), before_agent=None,
@@ -155,9 +156,10 @@ class Device:
             die_with_parent(parent)
 
         with open(self.path(f"/{log}"), "ab") as output:
-            process = subprocess.Popen([*under, f"{self.context.programs}/{name}", *arguments], env=self.environment,
-                                       stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT,
-                                       start_new_session=True, preexec_fn=in_child)
+            process = subprocess.Popen([*under, f"{self.context.programs}/{name}", *arguments],
+                                       env=self.environment, stdin=subprocess.DEVNULL, stdout=output,
+                                       stderr=subprocess.STDOUT, start_new_session=self.has_own_sessions,
+                                       preexec_fn=in_child)
         self.context.guard.add(process.pid)
         self.processes.append(process)
         return process
@@ -246,9 +248,10 @@ class Device:
         except OSError:
             return 0
 
-    def memory_kib(self):
+    def memory_kib(self, process=None):
+        """Of the agent, or another program of the device."""
         try:
-            with open(f"/proc/{self.agent.pid}/status", encoding="ascii") as file:
+            with open(f"/proc/{(process or self.agent).pid}/status", encoding="ascii") as file:
                 return next((int(line.split()[1]) for line in file if line.startswith("VmRSS:")), 0)
         except OSError:
             return 0
