@@ -21,15 +21,26 @@ constexpr const char* kAcknowledgementHead =
     "Date:";
 constexpr const char* kAcknowledgementEnd = "\n\r";
 
+// The local time, with its line feed. Asking for the time zone costs a system call: once a second
+// is often enough to follow a change of it.
+const char* localTime() {
+    static thread_local char text[32] = {};
+    static thread_local std::time_t stamped = -1;
+    const std::time_t now = std::time(nullptr);
+    if (now != stamped) {
+        tzset();  // ctime_r alone would stay with the time zone of the first call
+        ctime_r(&now, text);
+        stamped = now;
+    }
+    return text;
+}
+
 }  // namespace
 
 void sendAcknowledgement(int socket) {
     char buffer[kAcknowledgementBytes] = {};
-    char when[32] = {};
-    const std::time_t now = std::time(nullptr);
-    tzset();  // ctime_r alone would stay with the time zone of the first call
-    ctime_r(&now, when);
-    std::snprintf(buffer, sizeof buffer, "%s%s%s", kAcknowledgementHead, when, kAcknowledgementEnd);
+    std::snprintf(buffer, sizeof buffer, "%s%s%s", kAcknowledgementHead, localTime(),
+                  kAcknowledgementEnd);
     const std::size_t length = std::strlen(buffer);
     const int sent = serverIfSend(socket, buffer, static_cast<int>(length));
     QUIL_LOG(LOG_LEVEL_DEBUG, "Sent [%s] actual len[%d] len[%d]", buffer, sent,
