@@ -4,6 +4,8 @@
 #include "tests/integration/device.hpp"
 
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -22,6 +24,25 @@ constexpr uid_t kAgentUser = 65534;  // when the test runs as root
 std::string readFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// The first of 250 ports, below the range from which the system takes some by itself, that no other
+// test process has. A name of the abstract namespace keeps them until this process ends.
+int takePorts() {
+    constexpr int kRanges = 80;
+    for (int i = 0; i < kRanges; ++i) {
+        const int range = (getpid() + i) % kRanges;
+        sockaddr_un name{};
+        name.sun_family = AF_UNIX;
+        snprintf(name.sun_path + 1, sizeof name.sun_path - 1, "quil-test-ports-%d", range);
+        const int keeper = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        if (bind(keeper, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0) {
+            return 12000 + range * 250;
+        }
+        close(keeper);
+    }
+    ADD_FAILURE() << "other tests have all ports";
+    return 12000;
 }
 
 }  // namespace
@@ -69,9 +90,7 @@ void Device::startServer(const std::vector<std::string>& arguments) {
     const std::string portFile = m_root.path("/server.port");
     const std::string port = readFile(portFile);
     m_server = std::make_unique<ChildProcess>(m_root.path("/server.log"));
-    // Below the range from which the system takes ports by itself, each test process in another
-    // corner of it.
-    const int firstPort = 12000 + getpid() % 80 * 250;
+    static const int firstPort = takePorts();
     std::vector<std::string> words = {
         builtProgram("pushsim"),
         "serve",
