@@ -3,8 +3,9 @@
 // which makes names that begin with it free for this file's use:
 //
 //     ?dir     in every folder: its owner, group, mode and time
-//     ?new...  a file being written; without meaning until it is renamed. Several at once have a
-//              number behind the name
+//     ?new...  a file being written, without meaning until it is renamed (several at once have a
+//              number behind the name); or an object that is being removed or replaced, which has
+//              its meaning back only if that fails
 //     ?newdir  a folder being made; without meaning until it is renamed
 //     ?olddir  a folder being removed; it is gone from the moment of its renaming
 //
