@@ -28,7 +28,7 @@ Result guarded(Work work) noexcept {
 }  // namespace
 
 // A class of the header's own, so that the header names nothing of what is behind it.
-class PushClient::Impl : public PushClientImpl {
+class __attribute__((visibility("hidden"))) PushClient::Impl : public PushClientImpl {
   public:
     using PushClientImpl::PushClientImpl;
 };

@@ -28,13 +28,14 @@
 #include <memory>
 #include <string>
 
+#include "quilclient/api.hpp"
 #include "quilclient/config.hpp"
 #include "quilclient/push.hpp"
 #include "quilclient/result.hpp"
 
 namespace quilclient {
 
-class PushClient {
+class QUILCLIENT_API PushClient {
   public:
     PushClient(Config config, Handlers handlers);
     ~PushClient();

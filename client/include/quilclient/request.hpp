@@ -7,6 +7,7 @@
 #include <functional>
 #include <string>
 
+#include "quilclient/api.hpp"
 #include "quilclient/result.hpp"
 #include "quilclient/verb.hpp"
 
@@ -20,7 +21,7 @@ struct Reply {
 // Opens a connection, sends the request, waits for its answer and closes the connection. AcceptPush
 // and RejectPush are never answered: for them ok means that the agent's queue took the request.
 // `open` as in Config. No exception leaves.
-Reply sendRequest(const Request& request, std::chrono::milliseconds timeout,
-                  const std::function<int()>& open = {}) noexcept;
+QUILCLIENT_API Reply sendRequest(const Request& request, std::chrono::milliseconds timeout,
+                                 const std::function<int()>& open = {}) noexcept;
 
 }  // namespace quilclient

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "quilclient/api.hpp"
+
 namespace quilclient {
 
 enum Code : int {
@@ -44,13 +46,13 @@ struct CodeInfo {
 };
 
 // All codes that are known by number, in ascending order.
-const std::vector<CodeInfo>& knownCodes();
+QUILCLIENT_API const std::vector<CodeInfo>& knownCodes();
 
 // What `code` means. A code above 0 that is in no table is a return code of the push server, which
 // the agent passes on unchanged; the answer says so. Never fails.
-CodeInfo explain(int code) noexcept;
+QUILCLIENT_API CodeInfo explain(int code) noexcept;
 
 // The result for `code` with the meaning of explain() as its words.
-Result resultOf(int code);
+QUILCLIENT_API Result resultOf(int code);
 
 }  // namespace quilclient
