@@ -31,6 +31,22 @@ QuilDestroyChannelCompleteMessage::QuilDestroyChannelCompleteMessage(const std::
     setMessageType(MESSAGE_DESTROY_CHANNEL_COMPLETE);
 }
 
+QuilQueryChannelCompleteMessage::QuilQueryChannelCompleteMessage(const std::string& appId,
+                                                                 const std::string& id,
+                                                                 const std::string& clientId)
+    : QuilBaseMessage(appId, id, clientId) {
+    setCallbackName("onQueryChannelComplete");
+}
+
+bool QuilQueryChannelCompleteMessage::addData(pps_encoder_t* encoder) const {
+    pps_encoder_add_int(encoder, "registered", m_channel.isRegistered ? 1 : 0);
+    pps_encoder_add_int(encoder, "listening", m_channel.isListening ? 1 : 0);
+    pps_encoder_add_int(encoder, "port", m_channel.port);
+    pps_encoder_add_string(encoder, "token", m_channel.token);
+    pps_encoder_add_string(encoder, "ppgUrl", m_channel.ppgUrl);
+    return true;
+}
+
 QuilResponseMessage::QuilResponseMessage(const std::string& appId, const std::string& id,
                                          const std::string& clientId)
     : QuilBaseMessage(appId, id, clientId) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "agent/messages/base_message.hpp"
+#include "agent/support/channel.hpp"
 
 // What a deregistration remembers of the moment when it was asked for.
 struct DeregistrationOrigin {
@@ -50,6 +51,19 @@ class QuilDestroyChannelCompleteMessage : public QuilBaseMessage {
 
   private:
     DeregistrationOrigin m_origin;
+};
+
+// Answer to "queryChannel". Never queued, so it has no number to be dispatched by.
+class QuilQueryChannelCompleteMessage : public QuilBaseMessage {
+  public:
+    QuilQueryChannelCompleteMessage(const std::string& appId, const std::string& id,
+                                    const std::string& clientId);
+    bool addData(pps_encoder_t* encoder) const override;
+
+    void setChannel(const QuilChannel& channel) { m_channel = channel; }
+
+  private:
+    QuilChannel m_channel;
 };
 
 // Answer to "registerToLaunch" and "unregisterFromLaunch"; has no callback name.

@@ -30,6 +30,8 @@ constexpr std::size_t kRequestBytes = 8192;
 // Main thread only. The byte behind the request is zero, for which there is always room.
 std::array<char, kRequestBytes + 1> g_request{};
 
+constexpr const char* kQueryChannel = "queryChannel";
+
 struct Request {
     std::string clientId;
     std::string name;
@@ -76,6 +78,11 @@ void rejectPush(const Request& request, pps_decoder_t& /*dat*/) {
     quilRejectPush(request.appId, request.id, request.clientId);
 }
 
+void queryChannel(const Request& request, pps_decoder_t& /*dat*/) {
+    QUIL_LOG(LOG_LEVEL_INFO, "%s Called.", request.name.c_str());
+    quilQueryChannel(request.appId, request.id, request.clientId);
+}
+
 // What somebody hears who may not act for the application: what is heard for one without a session.
 // Queued replies are queued for no application: in the order of another's own messages they would
 // wait for its push server, take its room, and pass for its answer to "createSession".
@@ -93,6 +100,10 @@ void refuseCreateChannel(const Request& request) {
 
 void refuseDestroyChannel(const Request& request) {
     quilRefuseDestroyChannel(request.appId, request.id, request.clientId);
+}
+
+void refuseQueryChannel(const Request& request) {
+    quilRefuseQueryChannel(request.appId, request.id, request.clientId);
 }
 
 void refuseLaunch(const Request& request) {
@@ -115,6 +126,7 @@ constexpr Operation kOperations[] = {
     {"unregisterFromLaunch", unregisterFromLaunch, refuseLaunch},
     {"acceptPush", acceptPush, refuseSilently},
     {"rejectPush", rejectPush, refuseSilently},
+    {kQueryChannel, queryChannel, refuseQueryChannel},
 };
 
 // Null for a name that is none of a request.
@@ -153,6 +165,17 @@ void dispatch(const Request& request, pps_decoder_t& dat) {
         addReplyMessage(RESULT_UNKNOWN_REQUEST, MESSAGE_UNKNOWN_REQUEST, request.appId, request.id,
                         request.clientId);
     }
+}
+
+// Without an application there is nobody to wait for, so the question about a channel is answered
+// here too as always; for all others the queue decides.
+void refuseWithoutApplication(const Request& request) {
+    if (request.name == kQueryChannel) {
+        refuseQueryChannel(request);
+        return;
+    }
+    addErrorReply(RESULT_NO_APPLICATION_ID, request.name, request.appId, request.id,
+                  request.clientId);
 }
 
 // A client came or went. Sessions outlive their clients, so nothing follows from it for them.
@@ -237,8 +260,7 @@ void clientProcessRequest(const char* text) {
     if (request.appId.empty()) {
         QUIL_LOG(LOG_LEVEL_WARNING, "provider id not found!");
         pps_decoder_cleanup(&decoder);
-        addErrorReply(RESULT_NO_APPLICATION_ID, request.name, request.appId, request.id,
-                      request.clientId);
+        refuseWithoutApplication(request);
         return;
     }
     dispatch(request, decoder);

@@ -33,8 +33,8 @@ void revertToCreateState(QuilSession& session) {
     cleanup();
 }
 
-// The failures of "destroyChannel" are answered on the spot, past the queue. Kept on purpose: this
-// is also the only way in which 10100 reaches an application.
+// The failures of "destroyChannel" are answered on the spot, past the queue. Kept on purpose: what
+// is answered past it is also all in which 10100 reaches an application.
 void refuseDestroy(int code, const std::string& appId, const std::string& id,
                    const std::string& clientId) {
     auto message = std::make_unique<QuilDestroyChannelCompleteMessage>(appId, id, clientId);
@@ -114,6 +114,26 @@ void quilDestroyChannel(const std::string& appId, const std::string& id,
 void quilRefuseDestroyChannel(const std::string& appId, const std::string& id,
                               const std::string& clientId) {
     refuseDestroy(RESULT_NO_SESSION, appId, id, clientId);
+}
+
+void quilQueryChannel(const std::string& appId, const std::string& id,
+                      const std::string& clientId) {
+    QUIL_LOG(LOG_LEVEL_DEBUG, "quilQueryChannel Called app id [%s]", appId.c_str());
+    const QuilSession* session = findSession(appId);
+    if (session == nullptr) {
+        quilRefuseQueryChannel(appId, id, clientId);
+        return;
+    }
+    auto message = std::make_unique<QuilQueryChannelCompleteMessage>(appId, id, clientId);
+    message->setChannel(session->getChannel());
+    sendMessage(std::move(message));
+}
+
+void quilRefuseQueryChannel(const std::string& appId, const std::string& id,
+                            const std::string& clientId) {
+    auto message = std::make_unique<QuilQueryChannelCompleteMessage>(appId, id, clientId);
+    message->setErrorCode(RESULT_NO_SESSION);
+    sendMessage(std::move(message));
 }
 
 void quilRegisterToLaunch(const std::string& appId, const std::string& id,

@@ -2,8 +2,8 @@
 //
 // Every operation gets the provider application id, the request id and the client id of the
 // request. Slow work and replies are queued for the message handler thread; the failures of
-// quilDestroyChannel alone are answered at once. Queued replies for an application without a
-// session reach it with code 500, whatever was queued.
+// quilDestroyChannel and the answers of quilQueryChannel alone are given at once. Queued replies
+// for an application without a session reach it with code 500, whatever was queued.
 
 #pragma once
 
@@ -31,6 +31,14 @@ void quilDestroyChannel(const std::string& appId, const std::string& id,
 // Answers 10100 at once, as for an application without a session.
 void quilRefuseDestroyChannel(const std::string& appId, const std::string& id,
                               const std::string& clientId);
+
+// Answers at once how the application's channel stands (QuilChannel), or 10100 without a session.
+// Changes nothing.
+void quilQueryChannel(const std::string& appId, const std::string& id, const std::string& clientId);
+
+// Answers 10100 at once, as for an application without a session.
+void quilRefuseQueryChannel(const std::string& appId, const std::string& id,
+                            const std::string& clientId);
 
 // Stores what the system is to launch for a push. Replies 0, 10101 (empty launchString) or 10100.
 void quilRegisterToLaunch(const std::string& appId, const std::string& id,

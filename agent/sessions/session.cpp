@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "agent/connections/acknowledgement.hpp"
@@ -197,6 +198,21 @@ bool QuilSession::isSimChanged() const {
     return m_state->getStateType() == STATE_SIM_CHANGE;
 }
 
+QuilChannel QuilSession::getChannel() const {
+    const Lock lock(m_lock);
+    QuilChannel channel;
+    // One of another SIM is being given up, and stands at most until somebody asks for it anew.
+    channel.isRegistered = isRegistered() && !isSimChanged();
+    channel.ppgUrl = m_ppgUrl;
+    if (channel.isRegistered) {
+        const int socket = m_port.getSocket();
+        channel.token = m_token;
+        channel.port = std::max(m_port.getPort(), 0);
+        channel.isListening = hasPort() && socket > 0 && socket < FIRST_HIGH_DESCRIPTOR;
+    }
+    return channel;
+}
+
 void QuilSession::listenOnPort() {
     const Lock lock(m_lock);
     const int port = m_port.getPort();
@@ -332,10 +348,13 @@ int QuilSession::addPushSocket(const std::string& pushId, int socket) {
     return result;
 }
 
-// A dead sender makes room for its id, the oldest of too many for a descriptor.
+// A sender that has hung up gives its id to the next push under it at once: that is its own retry,
+// and whatever the application answers is for both. The oldest of too many makes room for a
+// descriptor.
 void QuilSession::makeRoomForPushSocket(const std::string& pushId) {
     const auto held = m_pushSockets.find(pushId);
-    if (held != m_pushSockets.end() && isDead(*held->second.socket)) {
+    if (held != m_pushSockets.end() &&
+        hasHungUpFor(held->second.socket->getSocket(), std::chrono::milliseconds(0))) {
         erasePushSocket(held);
     }
     while (m_pushSockets.size() >= kFewPushSockets &&

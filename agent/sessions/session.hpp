@@ -12,6 +12,7 @@
 #include "agent/sessions/port.hpp"
 #include "agent/sessions/push_socket.hpp"
 #include "agent/sessions/states/base_state.hpp"
+#include "agent/support/channel.hpp"
 #include "agent/support/locks.hpp"
 #include "platform/pps/decoder.hpp"
 #include "platform/pps/encoder.hpp"
@@ -76,6 +77,8 @@ class QuilSession {
     bool isTerminated() const;
     bool isSimChanged() const;
     bool hasPort() const { return m_port.getPort() > 0; }
+    // All of it as of one moment, also while the handler thread changes the channel.
+    QuilChannel getChannel() const;
 
     // Opens the listening socket when there is a port and the socket is exactly -1; else does
     // nothing. A failure leaves the socket at -1.
@@ -101,8 +104,8 @@ class QuilSession {
 
     // Keeps an accepted connection under a push id and takes ownership of the descriptor. 1 when
     // stored. 0 when not: with a descriptor below 1, which is left alone; or when the id is already
-    // held: the kept one wins, and the new descriptor is closed. Lets go of connections whose
-    // sender hung up, and beyond the bound of the oldest one.
+    // held: the kept one wins, and the new descriptor is closed, unless the kept one's sender has
+    // hung up. Lets go of the oldest one beyond the bound.
     int addPushSocket(const std::string& pushId, int socket);
     // Closes the kept connections whose sender hung up, each at the earliest "push-timeout" after
     // that: a sender may close its writing half and wait for the answer. Gives how many.

@@ -101,6 +101,22 @@ TEST_F(ClientReply, EveryDestroyFailureHasItsCode) {
     }
 }
 
+TEST_F(ClientReply, ChannelThatStands) {
+    auto message = make<QuilQueryChannelCompleteMessage>(0);
+    message->setChannel({.isRegistered = true,
+                         .isListening = true,
+                         .port = 24010,
+                         .token = "2a3b",
+                         .ppgUrl = "http://127.0.0.1:8080"});
+    sendMessage(std::move(message));
+    EXPECT_EQ(nextReply(), golden("replies_channel_stands.txt"));
+}
+
+TEST_F(ClientReply, ChannelOfNoSession) {
+    sendMessage(make<QuilQueryChannelCompleteMessage>(10100));
+    EXPECT_EQ(nextReply(), golden("replies_channel_query_no_session.txt"));
+}
+
 TEST_F(ClientReply, LaunchRepliesHaveNoMsg) {
     sendMessage(make<QuilResponseMessage>(0));
     EXPECT_EQ(nextReply(), golden("replies_launch_done.txt"));

@@ -18,7 +18,7 @@ const std::string kAnnsClient = "@ipc.1";
 const std::string kBobsClient = "@ipc.2";
 constexpr const char* kAll[] = {"createSession",        "createChannel", "destroyChannel",
                                 "registerToLaunch",     "acceptPush",    "rejectPush",
-                                "unregisterFromLaunch", "unknown"};
+                                "unregisterFromLaunch", "queryChannel",  "unknown"};
 
 class RefusedRequests : public RulesTest {
   protected:
@@ -70,7 +70,9 @@ TEST_F(RefusedRequests, AreQueuedForNoApplicationOrAnsweredAtOnceOrNotAtAll) {
               "type=2 app= id=1 client=@ipc.2 err=10100 token=\n"
               "type=4 app= id=1 client=@ipc.2 err=10100\n"
               "type=4 app= id=1 client=@ipc.2 err=10100\n");
-    EXPECT_EQ(repliesSoFar(), "@ipc.2\nmsg::onDestroyChannelComplete\nid::1\nerr:n:10100\n");
+    EXPECT_EQ(repliesSoFar(),
+              "@ipc.2\nmsg::onDestroyChannelComplete\nid::1\nerr:n:10100\n"
+              "@ipc.2\nmsg::onQueryChannelComplete\nid::1\nerr:n:10100\n");
 }
 
 TEST_F(RefusedRequests, ChangeNothing) {
@@ -102,8 +104,8 @@ TEST_F(RefusedRequests, AreAnsweredLikeThoseForAnApplicationWithoutASession) {
     addSession<QuilRegisterState>(kApp, kAnnsClient);
     open(kBobsClient, kBob);
     ASSERT_EQ(msgHandlerInit(), 1);
-    for (const char* request :
-         {"createChannel", "destroyChannel", "registerToLaunch", "unregisterFromLaunch"}) {
+    for (const char* request : {"createChannel", "destroyChannel", "registerToLaunch",
+                                "unregisterFromLaunch", "queryChannel"}) {
         ask(kBobsClient, request, "bob.none");
         const std::string expected = nextReply();
         EXPECT_NE(expected.find("err:n:"), std::string::npos) << expected;

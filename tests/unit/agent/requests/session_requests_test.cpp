@@ -13,6 +13,7 @@
 #include "agent/sessions/saved_sessions.hpp"
 #include "agent/sessions/session_manager.hpp"
 #include "agent/sessions/states/session_states.hpp"
+#include "agent/support/high_descriptor.hpp"
 #include "tests/support/agent/clients_fixture.hpp"
 
 namespace {
@@ -283,6 +284,85 @@ TEST_F(SessionRequests, RegisterToLaunchWithAnEmptyStringIs10101AndKeepsTheOldOn
     EXPECT_EQ(session->getLaunchString(), "old");
     EXPECT_EQ(drainQueue(), "type=4 app=app id=1 client=@ipc.17 err=10101\n");
     EXPECT_EQ(linesOf("session_requests.cpp"), "6 quilRegisterToLaunch Called app id [app]\n\n");
+}
+
+TEST_F(SessionRequests, QueryChannelWithoutSessionIsAnsweredAtOnceWith10100) {
+    quilQueryChannel("app", "1", "@ipc.17");
+    EXPECT_EQ(repliesSoFar(), golden("replies_channel_query_no_session.txt"));
+    EXPECT_EQ(drainQueue(), "");
+}
+
+TEST_F(SessionRequests, QueryChannelTellsOfAChannelThatStands) {
+    QuilSession* session = addSession<QuilRegisterState>("app", "@ipc.17");
+    const int port = giveListener(session);
+    session->setPpgUrl("http://h");
+    session->setToken("2a3b");
+    quilQueryChannel("app", "1", "@ipc.17");
+    EXPECT_EQ(repliesSoFar(),
+              "@ipc.17\nmsg::onQueryChannelComplete\nid::1\n"
+              "dat:json:{\"registered\":1,\"listening\":1,\"port\":" +
+                  std::to_string(port) + ",\"token\":\"2a3b\",\"ppgUrl\":\"http://h\"}\n");
+    EXPECT_EQ(drainQueue(), "");
+}
+
+TEST_F(SessionRequests, QueryChannelTellsOfAPortOnWhichNobodyListens) {
+    QuilSession* session = addSession<QuilTerminateState>("app", "@ipc.17");
+    session->getPort().setPort(24010);
+    session->getPort().setSocket(-1);
+    session->setPpgUrl("http://h");
+    session->setToken("2a3b");
+    quilQueryChannel("app", "1", "@ipc.17");
+    EXPECT_EQ(repliesSoFar(),
+              "@ipc.17\nmsg::onQueryChannelComplete\nid::1\n"
+              "dat:json:{\"registered\":1,\"listening\":0,\"port\":24010,\"token\":\"2a3b\","
+              "\"ppgUrl\":\"http://h\"}\n");
+}
+
+TEST_F(SessionRequests, QueryChannelOfOneThatIsNotRegisteredTellsWhereItWasAskedForAndNoMore) {
+    QuilSession* session = addSession("app", "@ipc.17");
+    session->setPpgUrl("http://h");
+    session->setToken("2a3b");
+    session->getPort().setPort(24010);
+    quilQueryChannel("app", "1", "@ipc.17");
+    EXPECT_EQ(repliesSoFar(),
+              "@ipc.17\nmsg::onQueryChannelComplete\nid::1\n"
+              "dat:json:{\"registered\":0,\"listening\":0,\"port\":0,\"token\":\"\","
+              "\"ppgUrl\":\"http://h\"}\n");
+}
+
+// It is given up, also where the push server could not be reached for that.
+TEST_F(SessionRequests, QueryChannelDoesNotCountAChannelOfAnotherSim) {
+    QuilSession* session = addSession<QuilSimChangeState>("app", "@ipc.17");
+    giveListener(session);
+    EXPECT_FALSE(session->getChannel().isRegistered);
+    EXPECT_FALSE(session->getChannel().isListening);
+}
+
+// select has no room for it, so nobody takes what comes there.
+TEST_F(SessionRequests, QueryChannelCountsASocketThatCannotBeWatchedAsNotListening) {
+    QuilSession* session = addSession<QuilRegisterState>("app", "@ipc.17");
+    const int port = giveListener(session);
+    const int low = session->getPort().getSocket();
+    const int high = fcntl(low, F_DUPFD_CLOEXEC, FIRST_HIGH_DESCRIPTOR);
+    ASSERT_GE(high, FIRST_HIGH_DESCRIPTOR);
+    session->getPort().setSocket(high);
+    EXPECT_FALSE(session->getChannel().isListening);
+    EXPECT_EQ(session->getChannel().port, port);
+    session->getPort().setSocket(low);
+    close(high);
+}
+
+TEST_F(SessionRequests, QueryChannelChangesNothing) {
+    QuilSession* session = addSession<QuilRegisterState>("app", "@ipc.1");
+    giveListener(session);
+    const int socket = session->getPort().getSocket();
+    const std::string saved = readFile(kSaved);
+    quilQueryChannel("app", "1", "@ipc.2");
+    EXPECT_EQ(stateOf(*session), "Register");
+    EXPECT_EQ(session->getClientObjectId(), "@ipc.1");
+    EXPECT_EQ(session->getPort().getSocket(), socket);
+    EXPECT_EQ(session->getChannelRequests(), 0);
+    EXPECT_EQ(readFile(kSaved), saved);
 }
 
 TEST_F(SessionRequests, RegisterToLaunchWithoutSessionIs10100) {

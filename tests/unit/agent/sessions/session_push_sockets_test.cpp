@@ -443,16 +443,34 @@ TEST_F(DeadPushSockets, SenderThatClosedItsWritingHalfCanBeAnsweredUntilThen) {
     close(other);
 }
 
-TEST_F(DeadPushSockets, IdOfADeadSenderIsFreeAgain) {
+TEST_F(DeadPushSockets, RetryUnderTheSameIdTakesThePlaceOfASenderThatHungUpAtOnce) {
     close(keepTcp("id"));
-    const int refused = keepTcp("id", 0);
-    waitForTheirTime();
     const int taken = keepTcp("id");
     m_session.acknowledgePush("id", true);
     char bytes[128];
     EXPECT_EQ(recv(taken, bytes, sizeof bytes, MSG_WAITALL), 72);
-    close(refused);
     close(taken);
+}
+
+TEST_F(DeadPushSockets, RetryUnderTheSameIdTakesThePlaceOfASenderThatResetItsConnection) {
+    const int reset = keepTcp("id");
+    const linger abort{1, 0};
+    setsockopt(reset, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+    close(reset);
+    const int taken = keepTcp("id");
+    m_session.acknowledgePush("id", true);
+    char bytes[128];
+    EXPECT_EQ(recv(taken, bytes, sizeof bytes, MSG_WAITALL), 72);
+    close(taken);
+}
+
+TEST_F(DeadPushSockets, SenderThatHungUpKeepsItsPlaceBesideOtherIds) {
+    const int half = keepTcp("half");
+    shutdown(half, SHUT_WR);
+    const int other = keepTcp("other");
+    EXPECT_TRUE(isKept("half"));
+    close(half);
+    close(other);
 }
 
 // One session must leave the others some descriptors.
