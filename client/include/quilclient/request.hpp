@@ -7,6 +7,7 @@
 #include <functional>
 #include <string>
 
+#include "quilclient/channel.hpp"
 #include "quilclient/result.hpp"
 #include "quilclient/verb.hpp"
 
@@ -14,7 +15,8 @@ namespace quilclient {
 
 struct Reply {
     Result result;
-    std::string token;  // of a channel that was created
+    std::string token;     // of a channel that was created
+    ChannelState channel;  // of QueryChannel
 };
 
 // Opens a connection, sends the request, waits for its answer and closes the connection. AcceptPush
