@@ -29,7 +29,9 @@ const char* argumentName(Verb verb) {
 
 constexpr Verb kVerbs[] = {Verb::CreateSession,    Verb::CreateChannel,        Verb::DestroyChannel,
                            Verb::RegisterToLaunch, Verb::UnregisterFromLaunch, Verb::AcceptPush,
-                           Verb::RejectPush};
+                           Verb::RejectPush,       Verb::QueryChannel};
+
+constexpr const char* kQueryReply = "onQueryChannelComplete";
 
 // "msg" of the reply to a verb.
 std::string_view replyName(Verb verb) {
@@ -40,6 +42,8 @@ std::string_view replyName(Verb verb) {
             return "onCreateChannelComplete";
         case Verb::DestroyChannel:
             return "onDestroyChannelComplete";
+        case Verb::QueryChannel:
+            return kQueryReply;
         default:
             return "";
     }
@@ -124,6 +128,21 @@ void readPush(pps_decoder_t* decoder, Incoming* incoming) {
     incoming->push.data = std::move(*data);
 }
 
+// Reads "dat" of the answer to QueryChannel, which the decoder has entered.
+ChannelState readChannel(pps_decoder_t* decoder) {
+    int registered = 0;
+    int listening = 0;
+    ChannelState channel;
+    pps_decoder_get_int(decoder, "registered", &registered);
+    pps_decoder_get_int(decoder, "listening", &listening);
+    pps_decoder_get_int(decoder, "port", &channel.port);
+    channel.isRegistered = registered == 1;
+    channel.isListening = listening == 1;
+    channel.token = getString(decoder, "token");
+    channel.ppgUrl = getString(decoder, "ppgUrl");
+    return channel;
+}
+
 // Where the line that begins behind `from` and starts a new message (or the end) is.
 std::size_t findNextMessage(const std::string& text, std::size_t from) {
     const std::size_t plain = text.find("\n@", from);
@@ -142,6 +161,8 @@ const char* verbName(Verb verb) {
             return "createChannel";
         case Verb::DestroyChannel:
             return "destroyChannel";
+        case Verb::QueryChannel:
+            return "queryChannel";
         case Verb::RegisterToLaunch:
             return "registerToLaunch";
         case Verb::UnregisterFromLaunch:
@@ -199,6 +220,8 @@ Incoming decodeMessage(const std::string& text) {
         readPush(&decoder, &incoming);
     } else if (incoming.message == "onSimChange") {
         incoming.kind = Incoming::SimChange;
+    } else if (incoming.message == kQueryReply) {
+        incoming.channel = readChannel(&decoder);
     } else {
         incoming.token = getString(&decoder, "token");
     }

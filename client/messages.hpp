@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "quilclient/channel.hpp"
 #include "quilclient/push.hpp"
 #include "quilclient/result.hpp"
 #include "quilclient/verb.hpp"
@@ -30,12 +31,13 @@ Result encodeRequest(const Request& request, const std::string& id, std::string*
 // One message of the agent.
 struct Incoming {
     enum Kind { Reply, PushArrived, SimChange } kind = Reply;
-    std::string message;  // "msg"; empty in the answers about launch strings
-    std::string id;       // request id, or push id
-    int error = 0;        // "err"
-    std::string token;    // "token" of a channel completion
-    Push push;            // of PushArrived; isDuplicate is left alone
-    std::string damage;   // what is wrong with the message, empty when it is sound
+    std::string message;   // "msg"; empty in the answers about launch strings
+    std::string id;        // request id, or push id
+    int error = 0;         // "err"
+    std::string token;     // "token" of a channel completion
+    ChannelState channel;  // of the answer to QueryChannel
+    Push push;             // of PushArrived; isDuplicate is left alone
+    std::string damage;    // what is wrong with the message, empty when it is sound
 };
 
 Incoming decodeMessage(const std::string& text);

@@ -1,8 +1,9 @@
-// One line of life: connect, create the session, take what waits, create the channel, stay. Each
-// step waits for the answer of the one before; whatever fails sets a time (m_due) at which the line
-// begins anew. The order matters to the agent as well: a channel asked for before the session's
-// answer could be torn down by work that the agent still has from before its restart, and one asked
-// for while pushes wait on the session's port takes that port from under them.
+// One line of life: connect, create the session, ask whether its channel stands; if it does not,
+// take what waits and create it; stay. Each step waits for the answer of the one before; whatever
+// fails sets a time (m_due) at which the line begins anew. The order matters to the agent as well:
+// a channel asked for before the session's answer could be torn down by work that the agent still
+// has from before its restart, and one asked for while pushes wait on the session's port takes that
+// port from under them.
 //
 // Everything that happens ends in dispatch(): public methods only send, and what they find broken
 // they note (m_lost) for the next dispatch() to handle.
@@ -27,6 +28,8 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kFullQueuePause{50};  // until a full queue of the agent is tried again
+// For an answer that comes at once or, from an agent that does not know the request, never.
+constexpr milliseconds kQueryTimeout{2000};
 constexpr milliseconds kLongestWait{60000};  // of one poll, so that its int never overflows
 
 Result checkConfig(const Config& config) {
@@ -157,8 +160,7 @@ void PushClientImpl::stepDue() {
     if (!m_connection.isOpen()) {
         connect();
     } else if (m_phase == Phase::Waiting) {
-        m_phase = Phase::Channel;
-        ask(Verb::CreateChannel, m_config.ppgUrl);
+        askForChannel();
     } else {
         m_phase = Phase::Session;
         ask(Verb::CreateSession, "");
@@ -215,7 +217,10 @@ Result PushClientImpl::request(Verb verb, const std::string& argument) {
     }
     result = m_connection.send(std::move(text));
     if (result.ok() && isAnswered(verb)) {
-        m_pending[id] = {verb, Clock::now() + std::max(m_config.requestTimeout, milliseconds(1))};
+        const milliseconds timeout = std::max(m_config.requestTimeout, milliseconds(1));
+        m_pending[id] = {
+            verb, Clock::now() +
+                      (verb == Verb::QueryChannel ? std::min(timeout, kQueryTimeout) : timeout)};
     }
     if (result.code == kConnectionLost) {
         m_lost = result;
@@ -227,13 +232,23 @@ Result PushClientImpl::request(Verb verb, const std::string& argument) {
 void PushClientImpl::ask(Verb verb, const std::string& argument) {
     const Result result = request(verb, argument);
     if (!result.ok() && !m_lost) {
-        handleOutcome(verb, result, "");
+        handleOutcome(verb, result);
     }
 }
 
 bool PushClientImpl::hasSession() const {
-    return m_phase == Phase::Waiting || m_phase == Phase::Channel || m_phase == Phase::Ready ||
-           m_phase == Phase::NoChannel;
+    return m_phase == Phase::Query || m_phase == Phase::Waiting || m_phase == Phase::Channel ||
+           m_phase == Phase::Ready || m_phase == Phase::NoChannel;
+}
+
+void PushClientImpl::lookForChannel() {
+    m_phase = Phase::Query;
+    ask(Verb::QueryChannel, "");
+}
+
+void PushClientImpl::askForChannel() {
+    m_phase = Phase::Channel;
+    ask(Verb::CreateChannel, m_config.ppgUrl);
 }
 
 void PushClientImpl::askForChannelWhenQuiet() {
@@ -268,7 +283,7 @@ void PushClientImpl::expirePending() {
         }
         const Verb verb = entry->second.verb;
         m_pending.erase(entry);
-        handleOutcome(verb, resultOf(kTimedOut), "");
+        handleOutcome(verb, resultOf(kTimedOut));
         entry = m_pending.begin();  // a handler may have added and removed some
     }
 }
@@ -324,10 +339,10 @@ void PushClientImpl::handleReply(const Incoming& incoming) {
     if (verb == Verb::CreateSession) {
         tellConnection({});
     }
-    handleOutcome(verb, outcomeOf(verb, incoming), incoming.token);
+    handleOutcome(verb, outcomeOf(verb, incoming), incoming);
 }
 
-void PushClientImpl::handleOutcome(Verb verb, const Result& outcome, const std::string& token) {
+void PushClientImpl::handleOutcome(Verb verb, const Result& outcome, const Incoming& incoming) {
     switch (verb) {
         case Verb::CreateSession:
             if (!outcome.ok()) {
@@ -338,17 +353,22 @@ void PushClientImpl::handleOutcome(Verb verb, const Result& outcome, const std::
             m_phase = Phase::NoChannel;
             m_quietUntil = Clock::now() + m_config.quietTime;
             if (m_wantsChannel) {
-                askForChannelWhenQuiet();
+                lookForChannel();
             }
             applyLaunchWish();
             return;
+        case Verb::QueryChannel:
+            if (m_phase == Phase::Query) {
+                handleChannelState(outcome, incoming.channel);
+            }
+            return;
         case Verb::CreateChannel:
-            handleChannelOutcome(outcome, token);
+            handleChannelOutcome(outcome, incoming.token);
             return;
         case Verb::DestroyChannel:
             call(m_handlers.onChannelDestroyed, outcome);
             if (m_wantsChannel && m_phase == Phase::NoChannel) {
-                askForChannelWhenQuiet();
+                lookForChannel();
             }
             return;
         default:
@@ -368,10 +388,24 @@ void PushClientImpl::handleChannelOutcome(const Result& outcome, const std::stri
     } else if (!outcome.ok()) {
         retryChannel(outcome);
     } else {
-        m_channelRetry.reset();
-        m_phase = Phase::Ready;
-        call(m_handlers.onChannel, outcome, token);
+        tellChannel(token);
     }
+}
+
+void PushClientImpl::handleChannelState(const Result& outcome, const ChannelState& channel) {
+    if (channel.standsFor(m_config.ppgUrl)) {
+        tellChannel(channel.token);
+    } else if (outcome.ok() && !channel.isListening) {
+        askForChannel();  // nothing waits anywhere
+    } else {
+        askForChannelWhenQuiet();
+    }
+}
+
+void PushClientImpl::tellChannel(const std::string& token) {
+    m_channelRetry.reset();
+    m_phase = Phase::Ready;
+    call(m_handlers.onChannel, Result{}, token);
 }
 
 void PushClientImpl::handlePush(Incoming& incoming) {
@@ -407,8 +441,7 @@ void PushClientImpl::handleSimChange() {
     const bool wasReady = m_phase == Phase::Ready;
     call(m_handlers.onSimChange);
     if (wasReady && m_phase == Phase::Ready) {
-        m_phase = Phase::Channel;
-        ask(Verb::CreateChannel, m_config.ppgUrl);
+        askForChannel();
     }
 }
 
@@ -457,8 +490,9 @@ Result PushClientImpl::wishLaunch(std::string launchString) {
 // Sent while a createChannel is under way, or followed by one at once, they would undo each other
 // in the wrong order; so each waits for the other's answer.
 Result PushClientImpl::destroyChannel() {
-    const bool isChannelKnown = m_phase == Phase::Waiting || m_phase == Phase::Channel ||
-                                m_phase == Phase::Ready || m_phase == Phase::Retry;
+    const bool isChannelKnown = m_phase == Phase::Query || m_phase == Phase::Waiting ||
+                                m_phase == Phase::Channel || m_phase == Phase::Ready ||
+                                m_phase == Phase::Retry;
     if (!isChannelKnown) {
         return resultOf(kNotConnected);
     }
@@ -480,7 +514,7 @@ Result PushClientImpl::createChannel() {
     if (!m_connection.isOpen() || m_lost) {
         return resultOf(kNotConnected);
     }
-    askForChannelWhenQuiet();
+    lookForChannel();
     return {};
 }
 

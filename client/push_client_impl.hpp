@@ -38,8 +38,9 @@ class PushClientImpl {
   private:
     using Time = std::chrono::steady_clock::time_point;
 
-    // Waiting: the session stands, and what waited on its port from before is being taken.
-    enum class Phase { Away, Session, Waiting, Channel, Ready, NoChannel, Retry };
+    // Query: the session stands, and the agent is asked whether a channel does. Waiting: one has to
+    // be made, but what waits on the port of another from before is taken first.
+    enum class Phase { Away, Session, Query, Waiting, Channel, Ready, NoChannel, Retry };
 
     struct Pending {
         Verb verb;
@@ -56,13 +57,17 @@ class PushClientImpl {
     bool isPending(Verb verb) const;
     void retryChannel(const Result& reason);
     bool hasSession() const;
+    void lookForChannel();
+    void askForChannel();
     void askForChannelWhenQuiet();
     void stepDue();
     void applyLaunchWish();
     void receive();
     void handleMessage(const std::string& text);
     void handleReply(const Incoming& incoming);
-    void handleOutcome(Verb verb, const Result& outcome, const std::string& token);
+    void handleOutcome(Verb verb, const Result& outcome, const Incoming& incoming = {});
+    void handleChannelState(const Result& outcome, const ChannelState& channel);
+    void tellChannel(const std::string& token);
     void handleChannelOutcome(const Result& outcome, const std::string& token);
     void handlePush(Incoming& incoming);
     void handleSimChange();

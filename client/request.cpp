@@ -39,6 +39,7 @@ bool findReply(Verb verb, const std::vector<std::string>& messages, Reply* reply
         if (isReplyTo(verb, incoming) && incoming.id == kRequestId) {
             reply->result = outcomeOf(verb, incoming);
             reply->token = incoming.token;
+            reply->channel = incoming.channel;
             return true;
         }
     }

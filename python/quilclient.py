@@ -443,7 +443,7 @@ class _Phase(enum.Enum):
     AWAY = 1
     SESSION = 2  # asked for
     QUERY = 3  # the session stands; asked how the channel does
-    WAITING = 4  # none stands as far as is known; what may wait on a port from before is being taken
+    WAITING = 4  # one has to be made, but what waits on the port of another from before is taken first
     CHANNEL = 5  # asked for
     READY = 6
     NO_CHANNEL = 7  # and none is wanted
@@ -451,6 +451,7 @@ class _Phase(enum.Enum):
 
 
 _FULL_QUEUE_PAUSE = 0.05  # seconds until a full queue of the agent is tried again
+_QUERY_TIMEOUT = 2.0  # seconds, for an answer that comes at once or, from an agent that does not know the request, never
 _LONGEST_WAIT = 60.0  # seconds, of one poll
 _MAX_RECENT_IDS = 1024
 
@@ -461,8 +462,9 @@ class PushClient:
 
     on_push(push)             A push arrived; gives an Answer. Left out, pushes are rejected; so is one whose handler
                               raises.
-    on_channel(result, token) The channel stands (ok, with the token that the agent gave), or could not be created (the
-                              reason; the client tries again by itself).
+    on_channel(result, token) The channel stands (ok, with the token that the agent gave): it was created, or still there
+                              on a new connection. Or it could not be created (the reason; the client tries again by
+                              itself).
     on_connection(result)     The agent answered on a new connection (ok), or the connection was lost or refused (the
                               reason). Not repeated while the reason stays the same; the client goes on trying.
     on_sim_change()           The device has another SIM than the one that channels were created with, so the agent tore
@@ -475,10 +477,10 @@ class PushClient:
 
     request_timeout  The longest that a request may go unanswered. What an application asks for waits behind its own
                      registration, which takes two HTTP requests of up to a minute each.
-    query_timeout    The same for the question how the channel stands, which the agent answers at once, and an older agent
-                     not at all.
-    quiet_time       Where no channel is known to stand, how long no push may have come before one is asked for: doing so
-                     closes the port of one that stands, with all that waits there.
+    quiet_time       How long no push may have come before a channel that listens for another push server is replaced, or
+                     one of which the agent cannot tell (it is from before there was the question): pushes may wait on its
+                     port, which the new one closes. A channel that stands for this push server is kept, and where none
+                     listens one is asked for at once.
     first_reconnect, longest_reconnect          Pause between attempts to reach the agent; doubles from first to longest.
     first_channel_retry, longest_channel_retry  Pause before a channel that was not created is asked for again.
 
@@ -496,7 +498,7 @@ class PushClient:
                  on_launch: Optional[Callable[[Result], object]] = None,
                  on_channel_destroyed: Optional[Callable[[Result], object]] = None,
                  on_notice: Optional[Callable[[str], object]] = None,
-                 request_timeout: float = 150.0, query_timeout: float = 2.0, quiet_time: float = 1.0,
+                 request_timeout: float = 150.0, quiet_time: float = 1.0,
                  first_reconnect: float = 0.1, longest_reconnect: float = 5.0,
                  first_channel_retry: float = 1.0, longest_channel_retry: float = 300.0,
                  open: Optional[Callable[[], int]] = None) -> None:
@@ -511,7 +513,6 @@ class PushClient:
         self._on_channel_destroyed = on_channel_destroyed
         self._on_notice = on_notice
         self._request_timeout = request_timeout
-        self._query_timeout = query_timeout
         self._quiet_time = quiet_time
         self._reconnect = _Backoff(first_reconnect, longest_reconnect)
         self._channel_retry = _Backoff(first_channel_retry, longest_channel_retry)
@@ -620,8 +621,7 @@ class PushClient:
         if not self._connection.is_open:
             self._connect()
         elif self._phase is _Phase.WAITING:
-            self._phase = _Phase.CHANNEL
-            self._ask(_CREATE_CHANNEL, self._ppg_url)
+            self._ask_for_channel()
         else:
             self._phase = _Phase.SESSION
             self._ask(_CREATE_SESSION)
@@ -676,7 +676,7 @@ class PushClient:
             return Result(error.code, error.words)
         result = self._connection.send(text)
         if result.ok and name in _REPLY_NAMES:
-            timeout = self._query_timeout if name == _QUERY_CHANNEL else self._request_timeout
+            timeout = min(self._request_timeout, _QUERY_TIMEOUT) if name == _QUERY_CHANNEL else self._request_timeout
             self._pending[request_id] = (name, time.monotonic() + max(timeout, 0.001))
         if result.code == Code.CONNECTION_LOST:
             self._lost = result
@@ -693,6 +693,14 @@ class PushClient:
 
     def _has_session(self) -> bool:
         return self._phase in (_Phase.QUERY, _Phase.WAITING, _Phase.CHANNEL, _Phase.READY, _Phase.NO_CHANNEL)
+
+    def _look_for_channel(self) -> None:
+        self._phase = _Phase.QUERY
+        self._ask(_QUERY_CHANNEL)
+
+    def _ask_for_channel(self) -> None:
+        self._phase = _Phase.CHANNEL
+        self._ask(_CREATE_CHANNEL, self._ppg_url)
 
     def _ask_for_channel_when_quiet(self) -> None:
         self._phase = _Phase.WAITING
@@ -758,7 +766,7 @@ class PushClient:
         elif name == _DESTROY_CHANNEL:
             self._call(self._on_channel_destroyed, outcome)
             if self._wants_channel and self._phase is _Phase.NO_CHANNEL:
-                self._ask_for_channel_when_quiet()
+                self._look_for_channel()
         else:
             self._call(self._on_launch, outcome)
 
@@ -768,17 +776,20 @@ class PushClient:
             return
         self._reconnect.reset()
         self._quiet_until = time.monotonic() + self._quiet_time
-        self._phase = _Phase.QUERY if self._wants_channel else _Phase.NO_CHANNEL
+        self._phase = _Phase.NO_CHANNEL
         if self._wants_channel:
-            self._ask(_QUERY_CHANNEL)
+            self._look_for_channel()
         self._apply_launch_wish()
 
     def _handle_query_outcome(self, outcome: Result, reply: Optional[_Incoming]) -> None:
         if self._phase is not _Phase.QUERY:
             return  # the SIM was changed meanwhile, or the channel is to be destroyed
-        dat = reply.dat if reply is not None and outcome.ok else {}
-        if dat.get("registered") == 1 and dat.get("listening") == 1 and dat.get("ppgUrl") == self._ppg_url:
-            self._handle_channel_outcome(outcome, reply)
+        if reply is None or not outcome.ok:
+            self._ask_for_channel_when_quiet()
+        elif reply.dat.get("listening") != 1:
+            self._ask_for_channel()  # nothing waits anywhere
+        elif reply.dat.get("registered") == 1 and reply.dat.get("ppgUrl") == self._ppg_url:
+            self._tell_channel(reply.token)
         else:
             self._ask_for_channel_when_quiet()
 
@@ -793,9 +804,12 @@ class PushClient:
         elif not outcome.ok or reply is None:
             self._retry_channel(outcome)
         else:
-            self._channel_retry.reset()
-            self._phase = _Phase.READY
-            self._call(self._on_channel, outcome, reply.token)
+            self._tell_channel(reply.token)
+
+    def _tell_channel(self, token: str) -> None:
+        self._channel_retry.reset()
+        self._phase = _Phase.READY
+        self._call(self._on_channel, _OK, token)
 
     def _handle_push(self, incoming: _Incoming) -> None:
         data = incoming.data()
@@ -830,8 +844,7 @@ class PushClient:
             self._ask_for_channel_when_quiet()  # the answer may be older than the change
         self._call(self._on_sim_change)
         if was_ready and self._phase is _Phase.READY:
-            self._phase = _Phase.CHANNEL
-            self._ask(_CREATE_CHANNEL, self._ppg_url)
+            self._ask_for_channel()
 
     def _notice(self, text: str) -> None:
         self._call(self._on_notice, text)
@@ -902,7 +915,7 @@ class PushClient:
             return  # the line of life, or the answer to destroyChannel, leads there by itself
         if not self._connection.is_open or self._lost is not None:
             raise Error(_result_of(Code.NOT_CONNECTED))
-        self._ask_for_channel_when_quiet()
+        self._look_for_channel()
 
     @property
     def is_ready(self) -> bool:

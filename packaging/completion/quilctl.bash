@@ -2,7 +2,7 @@
 
 _quilctl() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local verbs="listen create-session create-channel destroy-channel register-launch unregister-launch accept reject status trace rules codes"
+    local verbs="listen create-session create-channel destroy-channel query-channel register-launch unregister-launch accept reject status trace rules codes"
     local verb=${COMP_WORDS[1]} options="--help"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
@@ -22,7 +22,7 @@ _quilctl() {
     case $verb in
         listen) options+=" --ppg --accept --reject --ask --exec --save --json --count --timeout" ;;
         create-channel) options+=" --ppg --json --timeout" ;;
-        create-session | destroy-channel | register-launch | unregister-launch | accept | reject)
+        create-session | destroy-channel | query-channel | register-launch | unregister-launch | accept | reject)
             options+=" --json --timeout" ;;
         status) options+=" --check --json" ;;
         trace) options+=" --json --slow" ;;

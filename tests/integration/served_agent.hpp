@@ -58,16 +58,19 @@ class ServedAgent {
     ServedRequest take(const std::string& msg) {
         std::unique_lock<std::mutex> lock(m_mutex);
         for (int i = 0; i < 200; ++i) {
-            for (auto entry = m_requests.begin(); entry != m_requests.end(); ++entry) {
-                if (entry->msg == msg) {
-                    ServedRequest request = *entry;
-                    m_requests.erase(entry);
-                    return request;
-                }
+            ServedRequest request = takeLocked(msg);
+            if (!request.msg.empty()) {
+                return request;
             }
             m_arrived.wait_for(lock, std::chrono::milliseconds(100));
         }
         return {};
+    }
+
+    // The same without waiting.
+    ServedRequest takeNow(const std::string& msg) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return takeLocked(msg);
     }
 
     // To everybody, or to one client.
@@ -85,6 +88,17 @@ class ServedAgent {
     }
 
   private:
+    ServedRequest takeLocked(const std::string& msg) {
+        for (auto entry = m_requests.begin(); entry != m_requests.end(); ++entry) {
+            if (entry->msg == msg) {
+                ServedRequest request = *entry;
+                m_requests.erase(entry);
+                return request;
+            }
+        }
+        return {};
+    }
+
     void serve() {
         while (!m_isOver) {
             pollfd entry{m_object, POLLIN, 0};
@@ -125,6 +139,7 @@ class ServedAgent {
             {"createSession", "msg::onCreateSessionComplete\n"},
             {"createChannel", "msg::onCreateChannelComplete\n"},
             {"destroyChannel", "msg::onDestroyChannelComplete\n"},
+            {"queryChannel", "msg::onQueryChannelComplete\n"},
             {"registerToLaunch", ""},
             {"unregisterFromLaunch", ""}};
         const auto callback = callbacks.find(request.msg);
@@ -144,6 +159,9 @@ class ServedAgent {
     std::condition_variable m_arrived;
     std::vector<ServedRequest> m_requests;         // guarded by m_mutex
     std::map<std::string, std::string> m_more = {  // guarded by m_mutex
-        {"createChannel", "dat:json:{\"token\":\"2a3b\"}\n"}};
+        {"createChannel", "dat:json:{\"token\":\"2a3b\"}\n"},
+        {"queryChannel",
+         "dat:json:{\"registered\":0,\"listening\":0,\"port\":0,\"token\":\"\",\"ppgUrl\":\"\"}"
+         "\n"}};
     std::thread m_thread;
 };

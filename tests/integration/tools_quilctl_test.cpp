@@ -105,6 +105,44 @@ TEST_F(Quilctl, DestroyChannelShowsCodeAndMeaningOfARefusal) {
     EXPECT_TRUE(contains(joined(result.error), "(code 10106)")) << result.error;
 }
 
+TEST_F(Quilctl, QueryChannelTellsOfOneThatStands) {
+    m_agent->answerWith("queryChannel",
+                        R"(dat:json:{"registered":1,"listening":1,"port":24010,"token":"2a3b",)"
+                        R"("ppgUrl":"http://ppg"})"
+                        "\n");
+    const ToolRun result = run({"query-channel", "com.app"});
+    EXPECT_EQ(result.status, 0) << result.error;
+    EXPECT_EQ(joined(result.output),
+              "com.app: channel stands on port 24010, token 2a3b, push server http://ppg ");
+    EXPECT_EQ(run({"query-channel", "com.app", "--json"}).output,
+              R"({"request":"query-channel","app":"com.app","code":0,"registered":true,)"
+              R"("listening":true,"port":24010,"token":"2a3b","ppgUrl":"http://ppg"})"
+              "\n");
+}
+
+TEST_F(Quilctl, QueryChannelEndsWithOneWhereNoneStands) {
+    ToolRun result = run({"query-channel", "com.app"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "com.app: no channel\n");
+    m_agent->answerWith("queryChannel",
+                        R"(dat:json:{"registered":1,"listening":0,"port":24010,"token":"2a3b",)"
+                        R"("ppgUrl":"http://ppg"})"
+                        "\n");
+    result = run({"query-channel", "com.app"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(contains(joined(result.output), "channel without a listener on port 24010"))
+        << result.output;
+    m_agent->answerWith("queryChannel", "err:n:10100\n");
+    result = run({"query-channel", "com.app"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(contains(joined(result.error), "(code 10100)")) << result.error;
+}
+
+TEST_F(Quilctl, QueryChannelGivesUpSoonOnAnAgentThatDoesNotKnowIt) {
+    m_agent->answerWith("queryChannel", "silent");
+    EXPECT_EQ(run({"query-channel", "com.app", "--timeout", "0.2"}).status, 4);
+}
+
 TEST_F(Quilctl, LaunchStringIsSetAndCleared) {
     EXPECT_EQ(run({"register-launch", "com.app", "app://x"}).output,
               "com.app: launch string set\n");
@@ -175,7 +213,11 @@ TEST_F(Quilctl, OrdinaryObjectInThePlaceOfTheAgentIsStatus3) {
     }
 }
 
-TEST_F(Quilctl, ListenTakesWhatWaitsBeforeItAsksForTheChannel) {
+TEST_F(Quilctl, ListenTakesWhatWaitsBeforeItReplacesTheChannelOfAnotherPushServer) {
+    m_agent->answerWith("queryChannel",
+                        R"(dat:json:{"registered":1,"listening":1,"port":1,"token":"2",)"
+                        R"("ppgUrl":"http://other"})"
+                        "\n");
     m_listener.emplace(m_root.path(), "quilctl",
                        Words{"listen", "com.app", "--ppg", "http://ppg", "--count", "1"});
     EXPECT_EQ(m_agent->take("createSession").msg, "createSession");
@@ -184,6 +226,19 @@ TEST_F(Quilctl, ListenTakesWhatWaitsBeforeItAsksForTheChannel) {
     EXPECT_EQ(m_agent->take("acceptPush").id, "m1");
     EXPECT_EQ(m_listener->wait(), 0) << m_listener->error;
     EXPECT_FALSE(contains(m_listener->output, "channel open")) << m_listener->output;
+}
+
+TEST_F(Quilctl, ListenKeepsAChannelThatStands) {
+    m_agent->answerWith("queryChannel",
+                        R"(dat:json:{"registered":1,"listening":1,"port":1,"token":"2",)"
+                        R"("ppgUrl":"http://ppg"})"
+                        "\n");
+    m_listener.emplace(m_root.path(), "quilctl",
+                       Words{"listen", "com.app", "--ppg", "http://ppg", "--count", "1"});
+    ASSERT_TRUE(m_listener->waitFor("channel open")) << m_listener->error;
+    m_agent->push("m1", "", false);
+    EXPECT_EQ(m_listener->wait(), 0) << m_listener->error;
+    EXPECT_EQ(m_agent->takeNow("createChannel").msg, "");
 }
 
 TEST_F(Quilctl, MissingObjectServiceIsStatus3) {
@@ -456,6 +511,7 @@ TEST(QuilctlUsage, HelpFitsInto80Columns) {
                                       {"create-session", "--help"},
                                       {"create-channel", "--help"},
                                       {"destroy-channel", "--help"},
+                                      {"query-channel", "--help"},
                                       {"register-launch", "--help"},
                                       {"unregister-launch", "--help"},
                                       {"accept", "--help"},

@@ -25,6 +25,9 @@ constexpr const char* kFooter =
 // As long as two HTTP requests of a minute each may take, and some.
 constexpr double kRequestSeconds = 150;
 
+// It is answered at once, whatever else waits.
+constexpr double kQuerySeconds = 5;
+
 // What was typed.
 struct Typed {
     ListenOptions listen;
@@ -33,6 +36,7 @@ struct Typed {
     bool isAsk = false;
     Request request;
     double timeoutSeconds = kRequestSeconds;
+    double querySeconds = kQuerySeconds;
     bool json = false;
     std::optional<int> code;
     std::string logFile = "-";
@@ -105,6 +109,25 @@ CLI::App* addRequest(CLI::App& app, Typed& typed, const char* name, Verb kind, c
     return verb;
 }
 
+void addQueryChannel(CLI::App& app, Typed& typed) {
+    CLI::App* verb = app.add_subcommand("query-channel",
+                                        "Tell how a channel stands;\n"
+                                        "exit status 1 when none does");
+    verb->add_option("APP", typed.request.appId, "Provider application id")
+        ->required()
+        ->check(validators::notEmpty());
+    verb->add_flag("--json", typed.json, "One JSON object per line");
+    verb->add_option("--timeout", typed.querySeconds, "Wait S seconds for the answer")
+        ->type_name("S")
+        ->capture_default_str()
+        ->check(validators::seconds());
+    verb->callback([&typed] {
+        typed.run = [&typed] {
+            return queryChannel(typed.request.appId, typed.querySeconds, typed.json);
+        };
+    });
+}
+
 void addArgument(CLI::App* verb, Typed& typed, const char* name, const char* help) {
     verb->add_option(name, typed.request.argument, help)->required()->check(validators::notEmpty());
 }
@@ -116,6 +139,7 @@ void addRequests(CLI::App& app, Typed& typed) {
     addArgument(channel, typed, "--ppg", "URL of the push server");
     addRequest(app, typed, "destroy-channel", Verb::DestroyChannel,
                "Deregister from the push server and stop listening");
+    addQueryChannel(app, typed);
     CLI::App* launch = addRequest(app, typed, "register-launch", Verb::RegisterToLaunch,
                                   "Set what is launched for a push");
     addArgument(launch, typed, "STRING", "Launch string");

@@ -1,5 +1,6 @@
 #include "tools/quilctl/verbs.hpp"
 
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <vector>
@@ -7,6 +8,7 @@
 #include "tools/common/terminal.hpp"
 #include "tools/quilctl/output.hpp"
 
+using quilclient::ChannelState;
 using quilclient::CodeInfo;
 using quilclient::Verb;
 
@@ -25,12 +27,31 @@ std::string success(const quilclient::Request& request, const std::string& token
             return "launch string set";
         case Verb::UnregisterFromLaunch:
             return "launch string cleared";
+        case Verb::QueryChannel:
+            return "";  // queryChannel() shows more than one line
         case Verb::AcceptPush:
         case Verb::RejectPush:
             return "handed to the agent, which confirms no answers: whether it knew the push "
                    "stands in its log";
     }
     return "";
+}
+
+std::chrono::milliseconds milliseconds(double seconds) {
+    return std::chrono::milliseconds(static_cast<std::int64_t>(std::ceil(seconds * 1000)));
+}
+
+std::string describe(const ChannelState& channel) {
+    if (!channel.isRegistered) {
+        return channel.ppgUrl.empty()
+                   ? "no channel"
+                   : "no channel; the last one was asked for at " + channel.ppgUrl;
+    }
+    const std::string of = "on port " + std::to_string(channel.port) + ", token " + channel.token +
+                           ", push server " + channel.ppgUrl;
+    return channel.isListening ? "channel stands " + of
+                               : "channel without a listener " + of +
+                                     ": nobody takes what is pushed; see quilctl status --check";
 }
 
 nlohmann::ordered_json asJson(const CodeInfo& info) {
@@ -44,9 +65,7 @@ nlohmann::ordered_json asJson(const CodeInfo& info) {
 
 ExitStatus makeRequest(const char* name, const quilclient::Request& request, double timeoutSeconds,
                        bool json) {
-    const std::chrono::milliseconds timeout(
-        static_cast<std::int64_t>(std::ceil(timeoutSeconds * 1000)));
-    const quilclient::Reply reply = quilclient::sendRequest(request, timeout);
+    const quilclient::Reply reply = quilclient::sendRequest(request, milliseconds(timeoutSeconds));
     if (json) {
         nlohmann::ordered_json object = {{"request", name}, {"app", request.appId}};
         addResult(object, reply.result);
@@ -62,6 +81,33 @@ ExitStatus makeRequest(const char* name, const quilclient::Request& request, dou
         std::printf("%s\n", wrapped(visible(words), 0, 0).c_str());
     }
     return exitStatusOf(reply.result);
+}
+
+ExitStatus queryChannel(const std::string& appId, double timeoutSeconds, bool json) {
+    const quilclient::Reply reply =
+        quilclient::sendRequest({Verb::QueryChannel, appId, ""}, milliseconds(timeoutSeconds));
+    const ChannelState& channel = reply.channel;
+    if (json) {
+        nlohmann::ordered_json object = {{"request", "query-channel"}, {"app", appId}};
+        addResult(object, reply.result);
+        if (reply.result.ok()) {
+            object["registered"] = channel.isRegistered;
+            object["listening"] = channel.isListening;
+            object["port"] = channel.port;
+            object["token"] = channel.token;
+            object["ppgUrl"] = channel.ppgUrl;
+        }
+        printJson(object);
+    }
+    if (!reply.result.ok()) {
+        printFailure("query-channel " + appId, reply.result);
+        return exitStatusOf(reply.result);
+    }
+    if (!json) {
+        const std::string words = appId + ": " + describe(channel);
+        std::printf("%s\n", wrapped(visible(words), 0, 0).c_str());
+    }
+    return channel.isRegistered && channel.isListening ? kDone : kRefused;
 }
 
 ExitStatus explainCodes(const int* code, bool json) {

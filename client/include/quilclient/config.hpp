@@ -20,11 +20,10 @@ struct Config {
     // own registration, which takes two HTTP requests of up to a minute each, and may have to wait
     // for its turn when many applications register.
     std::chrono::milliseconds requestTimeout{150000};
-    // How long no push may have come since the session was created before its channel is asked for.
-    // Pushes wait on the port of a session that the agent brought back from before its restart, and
-    // a channel asked for anew closes that port with all that waits there. An application that
-    // never had a channel waits in vain, but neither it nor this client can know. Pushes that keep
-    // coming faster than this put the channel off: they show that there is one.
+    // How long no push may have come since the session was created before a channel that listens
+    // for another push server is replaced, or one of which the agent cannot tell (it is from before
+    // there was the question): pushes may wait on its port, which the new one closes. A channel
+    // that stands for this push server is kept, and where none listens one is asked for at once.
     std::chrono::milliseconds quietTime{1000};
     // Pause between attempts to reach an agent that is not there; doubles from first to longest.
     std::chrono::milliseconds firstReconnect{100};
@@ -47,9 +46,9 @@ struct Handlers {
     // A push arrived. Left empty, pushes are rejected; so is a push whose handler throws.
     std::function<Answer(const Push&)> onPush;
 
-    // The channel was created, or created anew (ok, with the token that the agent gave), or was
-    // not (the reason; the client tries again by itself unless stop() is called). A completion
-    // without a token is such a failure: kEmptyToken.
+    // The channel stands (ok, with the token that the agent gave): it was created, created anew, or
+    // still there on a new connection. Or it was not created (the reason; the client tries again by
+    // itself unless stop() is called). A completion without a token is such a failure: kEmptyToken.
     std::function<void(const Result&, const std::string& token)> onChannel;
 
     // The agent answered on a new connection (ok), or the connection was lost or refused (the

@@ -42,8 +42,8 @@ class QUILCLIENT_API PushClient {
     PushClient(PushClient&&) noexcept;
     PushClient& operator=(PushClient&&) noexcept;
 
-    // Connects, creates the session, takes the pushes that wait, creates the channel, and handles
-    // what comes until stop(). ok after stop();
+    // Connects, creates the session, creates the channel unless it stands, and handles what comes
+    // until stop(). ok after stop();
     // kBadArgument for a configuration that cannot work; kHandlerThrew; kSystemError. May be called
     // again and then goes on where it stopped.
     Result run() noexcept;

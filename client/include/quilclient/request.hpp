@@ -8,6 +8,7 @@
 #include <string>
 
 #include "quilclient/api.hpp"
+#include "quilclient/channel.hpp"
 #include "quilclient/result.hpp"
 #include "quilclient/verb.hpp"
 
@@ -15,7 +16,8 @@ namespace quilclient {
 
 struct Reply {
     Result result;
-    std::string token;  // of a channel that was created
+    std::string token;     // of a channel that was created
+    ChannelState channel;  // of QueryChannel
 };
 
 // Opens a connection, sends the request, waits for its answer and closes the connection. AcceptPush

@@ -12,6 +12,8 @@ enum class Verb {
     CreateChannel,     // argument: the URL of the push server. Closes the port of a channel that
                        // stands, with all pushes that wait there
     DestroyChannel,    // no argument
+    QueryChannel,      // no argument. Changes nothing; an agent from before there was this request
+                       // does not answer it
     RegisterToLaunch,  // argument: the launch string
     UnregisterFromLaunch,  // no argument
     AcceptPush,            // argument: the push id

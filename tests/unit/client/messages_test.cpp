@@ -46,6 +46,21 @@ TEST(Requests, CarryNameIdAndApplication) {
         "msg::unregisterFromLaunch\nid::7\ndat:json:{\"providerApplicationId\":\"com.app\"}\n");
 }
 
+TEST(Answers, AboutAChannelTellHowItStands) {
+    const Incoming answer = decodeMessage(
+        "@ipc\nmsg::onQueryChannelComplete\nid::1\ndat:json:{\"registered\":1,\"listening\":1,"
+        "\"port\":24010,\"token\":\"2a3b\",\"ppgUrl\":\"http://h\"}\n");
+    EXPECT_TRUE(isReplyTo(Verb::QueryChannel, answer));
+    EXPECT_TRUE(outcomeOf(Verb::QueryChannel, answer).ok());
+    EXPECT_EQ(answer.channel.port, 24010);
+    EXPECT_EQ(answer.channel.token, "2a3b");
+    EXPECT_TRUE(answer.channel.standsFor("http://h"));
+    EXPECT_FALSE(answer.channel.standsFor("http://other"));
+    const Incoming none = decodeMessage("@ipc\nmsg::onQueryChannelComplete\nid::1\nerr:n:10100\n");
+    EXPECT_EQ(outcomeOf(Verb::QueryChannel, none).code, 10100);
+    EXPECT_FALSE(none.channel.isRegistered || none.channel.isListening);
+}
+
 TEST(Requests, CarryTheirArgument) {
     EXPECT_EQ(encoded(Verb::CreateChannel, "http://h:1"),
               "msg::createChannel\nid::7\n"

@@ -18,6 +18,9 @@ using namespace std::chrono_literals;
 
 namespace {
 
+const std::string kNoChannel =
+    "dat:json:{\"registered\":0,\"listening\":0,\"port\":0,\"token\":\"\",\"ppgUrl\":\"\"}\n";
+
 class Client : public ::testing::Test {
   protected:
     Client() {
@@ -74,19 +77,39 @@ class Client : public ::testing::Test {
         return false;
     }
 
-    // The next request that the client makes.
+    // A request that the client has made, but for questions about the channel, which are answered
+    // with m_channel unless that is empty.
+    FakeRequest take() {
+        FakeRequest request = m_agent.take();
+        if (request.msg != "queryChannel") {
+            return request;
+        }
+        ++m_questions;
+        if (!m_channel.empty()) {
+            m_agent.sendReply("onQueryChannelComplete", request.id, m_channel);
+        }
+        return {};
+    }
+
+    // The next such request.
     FakeRequest next() {
         FakeRequest request;
         drive([&] {
-            request = m_agent.take();
+            request = take();
             return !request.msg.empty();
         });
         return request;
     }
 
+    static std::string channelOf(bool isListening, const std::string& ppgUrl) {
+        return std::string("dat:json:{\"registered\":1,\"listening\":") +
+               (isListening ? "1" : "0") + R"(,"port":24010,"token":"2b","ppgUrl":")" + ppgUrl +
+               "\"}\n";
+    }
+
     void expectNothingMore() {
         client().dispatch();
-        EXPECT_EQ(m_agent.take().msg, "");
+        EXPECT_EQ(take().msg, "");
     }
 
     // Answers session and channel, as they are asked for.
@@ -108,6 +131,8 @@ class Client : public ::testing::Test {
     std::vector<Push> m_pushes;
     std::string m_log;
     Result m_lastResult;
+    std::string m_channel = kNoChannel;
+    int m_questions = 0;
     std::optional<PushClient> m_client;
 };
 
@@ -129,13 +154,77 @@ TEST_F(Client, CreatesSessionThenChannel) {
     EXPECT_EQ(m_log, "connection 0\nchannel 0 2a\n");
 }
 
+TEST_F(Client, ChannelThatStandsIsKept) {
+    m_config.quietTime = 10s;
+    m_channel = channelOf(true, "http://ppg");
+    m_agent.sendReply("onCreateSessionComplete", next().id);
+    EXPECT_EQ(next().msg, "") << "nothing but the question";
+    EXPECT_EQ(m_questions, 1);
+    EXPECT_TRUE(client().isReady());
+    EXPECT_EQ(m_log, "connection 0\nchannel 0 2b\n");
+}
+
+TEST_F(Client, ChannelThatStandsOnADeviceWithoutPinIsKeptToo) {
+    m_channel =
+        R"(dat:json:{"registered":1,"listening":1,"port":1,"token":"","ppgUrl":"http://ppg"})"
+        "\n";
+    m_agent.sendReply("onCreateSessionComplete", next().id);
+    EXPECT_EQ(next().msg, "");
+    EXPECT_EQ(m_log, "connection 0\nchannel 0 \n");
+}
+
+TEST_F(Client, ChannelThatIsNotThereOrNotListeningIsAskedForAtOnce) {
+    m_config.quietTime = 10s;
+    for (const std::string& channel : {kNoChannel, channelOf(false, "http://ppg")}) {
+        m_channel = channel;
+        m_agent.sendReply("onCreateSessionComplete", next().id);
+        EXPECT_EQ(next().msg, "createChannel") << channel;
+        m_agent.hangUp();
+    }
+}
+
+TEST_F(Client, ChannelOfAnotherPushServerIsReplacedWhenNothingWaitsAnyMore) {
+    m_config.quietTime = 100ms;
+    m_channel = channelOf(true, "http://other");
+    m_agent.sendReply("onCreateSessionComplete", next().id);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(next().ppgUrl, "http://ppg");
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 80ms);
+}
+
+TEST_F(Client, AgentThatDoesNotKnowTheQuestionIsAskedForTheChannelAfterAWhile) {
+    m_config.requestTimeout = 50ms;
+    m_channel = "";
+    m_agent.sendReply("onCreateSessionComplete", next().id);
+    EXPECT_EQ(next().msg, "createChannel");
+    EXPECT_EQ(m_questions, 1);
+}
+
+TEST_F(Client, AnswerAboutAChannelThatIsNotWantedAnyMoreChangesNothing) {
+    m_channel = "";
+    m_agent.sendReply("onCreateSessionComplete", next().id);
+    FakeRequest question;
+    EXPECT_TRUE(drive([&] {
+        question = m_agent.take();
+        return question.msg == "queryChannel";
+    }));
+    EXPECT_TRUE(client().destroyChannel().ok());
+    m_agent.sendReply("onQueryChannelComplete", question.id, channelOf(true, "http://ppg"));
+    EXPECT_EQ(next().msg, "destroyChannel");
+    EXPECT_FALSE(client().isReady());
+    EXPECT_EQ(m_log, "connection 0\n");
+}
+
 TEST_F(Client, ChannelIsAskedForOnceNoPushCameForAWhile) {
     m_config.quietTime = 100ms;
+    m_channel = channelOf(true, "http://other");
     m_agent.sendReply("onCreateSessionComplete", next().id);
     for (int i = 0; i < 4; ++i) {
         const auto start = std::chrono::steady_clock::now();
-        EXPECT_TRUE(drive([&] { return std::chrono::steady_clock::now() - start > 50ms; }));
-        EXPECT_EQ(m_agent.take().msg, "") << "asked though a push came 50 ms ago";
+        EXPECT_TRUE(drive([&] {
+            EXPECT_EQ(take().msg, "") << "asked though a push came just now";
+            return std::chrono::steady_clock::now() - start > 50ms;
+        }));
         EXPECT_LE(client().untilDue(), 100ms);
         m_agent.sendPush(std::to_string(i), "", false);
     }
@@ -147,6 +236,7 @@ TEST_F(Client, ChannelIsAskedForOnceNoPushCameForAWhile) {
 
 TEST_F(Client, TimeThatTheApplicationTakesForAPushIsNoQuiet) {
     m_config.quietTime = 60ms;
+    m_channel = channelOf(true, "http://other");
     m_handlers.onPush = [this](const Push& push) {
         std::this_thread::sleep_for(80ms);
         m_pushes.push_back(push);
@@ -162,6 +252,7 @@ TEST_F(Client, TimeThatTheApplicationTakesForAPushIsNoQuiet) {
 
 TEST_F(Client, ChannelWantedAgainRightAfterTheSessionWaitsForQuietToo) {
     m_config.quietTime = 100ms;
+    m_channel = channelOf(true, "http://other");
     m_agent.sendReply("onCreateSessionComplete", next().id);
     EXPECT_TRUE(drive([this] { return m_log == "connection 0\n"; }));
     EXPECT_TRUE(client().destroyChannel().ok());

@@ -103,7 +103,7 @@ class ClientTest(unittest.TestCase):
             on_launch=lambda result: self.log.append(f"launch {result.code}"),
             on_channel_destroyed=lambda result: self.log.append(f"destroyed {result.code}"),
             on_notice=self.log.append,
-            request_timeout=10, query_timeout=10, quiet_time=0, first_reconnect=0.001, longest_reconnect=0.004,
+            request_timeout=10, quiet_time=0, first_reconnect=0.001, longest_reconnect=0.004,
             first_channel_retry=0.001, longest_channel_retry=0.004, open=self.agent.open)
 
     def on_push(self, push):
@@ -191,9 +191,9 @@ class PythonClientComesToItsChannel(ClientTest):
             self.agent.hang_up()
 
     def test_AgentThatDoesNotKnowTheQueryIsAskedForTheChannel(self):
-        self.configuration["query_timeout"] = 0.02
         self.agent_answers_session()
         self.assertEqual(self.next()["msg"], "queryChannel")
+        self.assertTrue(1 < self.client.until_due() <= 2, "an answer comes at once or never")
         self.assertEqual(self.next()["msg"], "createChannel")
         self.assertEqual(self.log, ["connection 0"])
 
@@ -204,7 +204,8 @@ class PythonClientComesToItsChannel(ClientTest):
 
     def test_ChannelIsAskedForOnceNoPushCameForAWhile(self):
         self.configuration["quiet_time"] = 0.1
-        self.answer_session()
+        self.agent_answers_session()
+        self.agent.stands(self.next()["id"], url="http://other")
         for i in range(3):
             start = time.monotonic()
             self.assertTrue(self.drive(lambda: time.monotonic() - start > 0.05))
@@ -214,6 +215,11 @@ class PythonClientComesToItsChannel(ClientTest):
         self.assertEqual(self.next()["msg"], "createChannel")
         self.assertGreaterEqual(time.monotonic() - start, 0.08)
         self.assertEqual(len(self.pushes), 3)
+
+    def test_WhereNothingListensTheChannelIsAskedForAtOnce(self):
+        self.configuration["quiet_time"] = 100
+        self.answer_session()
+        self.assertEqual(self.next()["msg"], "createChannel")
 
     def test_ChannelWithoutTokenIsReportedAndAskedForAgain(self):
         self.answer_session()
@@ -444,6 +450,7 @@ class PythonClientDoesWhatItIsAsked(ClientTest):
         self.agent.reply("onCreateSessionComplete", self.next()["id"])
         self.expect_nothing_more()
         self.client.create_channel()
+        self.agent.stands(self.next()["id"], listening=0)
         self.assertEqual(self.next()["msg"], "createChannel")
 
     def test_ChannelWantedAgainWaitsForTheEndOfDestroying(self):
@@ -454,7 +461,7 @@ class PythonClientDoesWhatItIsAsked(ClientTest):
         self.assertEqual(destroy["msg"], "destroyChannel")
         self.expect_nothing_more()
         self.agent.reply("onDestroyChannelComplete", destroy["id"])
-        self.assertEqual(self.next()["msg"], "createChannel")
+        self.assertEqual(self.next()["msg"], "queryChannel")
 
     def test_DestroyingWaitsForTheEndOfCreating(self):
         self.answer_session()
