@@ -19,14 +19,16 @@
 
 class ToolProcess {
   public:
-    // Starts `program` with QUIL_ROOT set to `root`. Fails the test when it cannot.
+    // Starts `program`, of this build or with its path, with QUIL_ROOT set to `root`. Fails the
+    // test when it cannot.
     ToolProcess(const std::string& root, const std::string& program,
                 const std::vector<std::string>& arguments) {
         int in[2];
         int out[2];
         int err[2];
         EXPECT_EQ(pipe2(in, O_CLOEXEC) | pipe2(out, O_CLOEXEC) | pipe2(err, O_CLOEXEC), 0);
-        const std::string path = builtProgram(program);
+        const std::string path =
+            program.find('/') == std::string::npos ? builtProgram(program) : program;
         std::vector<std::string> words = {program};
         words.insert(words.end(), arguments.begin(), arguments.end());
         std::vector<char*> argv;
@@ -66,6 +68,8 @@ class ToolProcess {
     void type(const std::string& text) {
         EXPECT_EQ(write(m_in, text.data(), text.size()), static_cast<ssize_t>(text.size()));
     }
+
+    void signal(int number) const { kill(m_pid, number); }
 
     void closeInput() {
         if (m_in >= 0) {
