@@ -39,6 +39,13 @@ int main(int argc, char** argv) {
         return quilclient::Answer::Accept;
     };
 
+    handlers.onConnection = [](const quilclient::Result& result) {
+        if (!result.ok()) {
+            std::cerr << "waiting for the agent: " << result.words << std::endl;
+        }
+    };
+    handlers.onSimChange = [] { std::cout << "another SIM" << std::endl; };
+
     quilclient::PushClient client(config, handlers);
     g_client = &client;
     std::signal(SIGINT, onSignal);

@@ -1,65 +1,38 @@
 #!/usr/bin/env python3
-"""An application without any library: prints each push and accepts it. Starts over when the agent was restarted.
+"""An application with the client library for Python: prints each push and accepts it. Session and channel come back by
+themselves when the agent or the object service was restarted, and with them the pushes that came meanwhile.
 
 Usage: listen.py APP PPG-URL
 """
-import base64
-import json
 import os
-import select
+import signal
 import sys
-import time
+
+sys.path.append(os.path.join(os.path.dirname(os.path.realpath(__file__)), "../python"))  # where it is not installed
+
+import quilclient  # noqa: E402: the path comes first
 
 
-def request(ipc, msg, request_id, **dat):
-    """One write is one request. Values go as "encoding:value", plain text without an encoding."""
-    os.write(ipc, f"msg::{msg}\nid:{request_id}\ndat:json:{json.dumps(dat)}\n".encode())
+def on_push(push):
+    print(f"push{push.id}: {push.data.decode(errors='replace')}", flush=True)
+    # One that was handed over before is accepted again: its sender missed the first answer.
+    return quilclient.Answer.ACCEPT
 
 
-def objects(text):
-    """Gives each object of what one read brought as {name: "encoding:value"}; "@ipc" heads each."""
-    for lines in text.removeprefix("@").split("\n@"):
-        yield dict(line.split(":", 1) for line in lines.splitlines() if ":" in line)
+def on_channel(result, token):
+    print(f"channel {token}" if result.ok else f"no channel: {result.words}", flush=True)
 
 
-def show_push(ipc, app, push):
-    dat = json.loads(push["dat"].removeprefix("json:"))
-    text = base64.b64decode(dat["data"]).decode(errors="replace")
-    print(f"push{push['id'].split(':', 1)[1]}: {text}", flush=True)
-    if dat["appLevelAck"]:  # the id goes back as it came, its encoding included
-        request(ipc, "acceptPush", push["id"], providerApplicationId=app)
+def on_connection(result):
+    if not result.ok:
+        print("waiting for the agent:", result.words, file=sys.stderr)
 
 
-def listen(app, url):
-    ipc = os.open(os.environ.get("QUIL_ROOT", "") + "/pps/services/push/ipc", os.O_RDWR)
-    try:
-        request(ipc, "createSession", ":1", providerApplicationId=app)
-        quiet = None  # how many seconds without a push lead to the channel
-        while True:
-            if not select.select([ipc], [], [], quiet)[0]:
-                # Not before: a channel asked for anew closes its port, with all pushes that wait on it.
-                request(ipc, "createChannel", ":2", providerApplicationId=app, ppgUrl=url)
-                quiet = None
-                continue
-            text = os.read(ipc, 1 << 20).decode()
-            if not text:
-                raise OSError("it went away")
-            for answer in objects(text):
-                if answer.get("msg") == ":onCreateSessionComplete":
-                    quiet = 1
-                elif answer.get("msg") == ":onCreateChannelComplete":
-                    print("channel", json.loads(answer["dat"][5:])["token"] or "was not created", flush=True)
-                elif answer.get("msg") == ":pushNotification":
-                    show_push(ipc, app, answer)
-                elif answer.get("msg") == ":createSession":  # what we wrote: nobody reads it
-                    raise OSError("an ordinary object lies in its place")
-    finally:
-        os.close(ipc)
-
-
-while True:
-    try:
-        listen(*sys.argv[1:])
-    except OSError as error:
-        print("waiting for the agent:", error, file=sys.stderr)
-    time.sleep(1)
+if len(sys.argv) != 3:
+    sys.exit("Usage: listen.py APP PPG-URL")
+sys.stdout.reconfigure(errors="backslashreplace")  # for ids that are not UTF-8
+with quilclient.PushClient(*sys.argv[1:], on_push=on_push, on_channel=on_channel, on_connection=on_connection,
+                           on_sim_change=lambda: print("another SIM", flush=True)) as client:
+    signal.signal(signal.SIGINT, lambda *_: client.stop())
+    signal.signal(signal.SIGTERM, lambda *_: client.stop())
+    client.run()

@@ -26,6 +26,11 @@ class Examples : public Device {
         return std::string(std::getenv("QUIL_SOURCE")) + "/examples/" + name;
     }
 
+    // The applications: the one in C++ is built, the others run as they are.
+    static std::string listening(const std::string& language) {
+        return language == "cpp" ? builtProgram("example_listen") : example("listen." + language);
+    }
+
     void startApplication(const std::string& program) {
         ASSERT_TRUE(m_application.start({program, kExampleApp, ppgUrl()}));
         ASSERT_TRUE(m_application.waitForOutput(std::string("channel ") + kPin + "\n"))
@@ -63,54 +68,105 @@ class Examples : public Device {
 
 }  // namespace
 
-TEST_F(Examples, ApplicationInCppAcceptsAPush) {
-    startApplication(builtProgram("example_listen"));
+class ListeningExample : public Examples, public ::testing::WithParamInterface<const char*> {
+  protected:
+    void start() { startApplication(listening(GetParam())); }
+    // What it says from `before` on.
+    void expectSaid(const std::string& text, std::size_t before) {
+        EXPECT_TRUE(m_application.waitForOutput(text, before)) << m_application.output();
+    }
+    std::size_t said() const { return m_application.output().size(); }
+    const std::string kChannel = std::string("channel ") + kPin + "\n";
+};
+
+TEST_P(ListeningExample, AcceptsAPushAndEndsWhenItIsTold) {
+    start();
     expectPushIsAccepted();
     m_application.signal(SIGTERM);
     EXPECT_EQ(m_application.wait(), 0);
 }
 
-TEST_F(Examples, ApplicationInPythonAcceptsAPush) {
-    startApplication(example("listen.py"));
-    expectPushIsAccepted();
-}
-
-TEST_F(Examples, ApplicationInPythonStartsOverWithANewAgent) {
-    startApplication(example("listen.py"));
+TEST_P(ListeningExample, StartsOverWithANewAgentAndKeepsItsChannel) {
+    start();
+    ASSERT_TRUE(waitForLog("Save to persistent memory returns 1"));
+    const int port = portOf(kExampleApp);
+    const std::size_t before = said();
     killAgent();
-    ASSERT_TRUE(m_application.waitForOutput("waiting for the agent"));
-    const std::size_t before = m_application.output().size();
+    expectSaid("waiting for the agent", before);
     ASSERT_TRUE(startAgent());
-    ASSERT_TRUE(m_application.waitForOutput(std::string("channel ") + kPin, before));
+    expectSaid(kChannel, before);
+    EXPECT_EQ(portOf(kExampleApp), port);
     expectPushIsAccepted();
 }
 
-TEST_F(Examples, ApplicationInShellAcceptsAPushAndEndsWithTheAgent) {
-    startApplication(example("listen.sh"));
-    expectPushIsAccepted();
-    killAgent();
-    EXPECT_EQ(m_application.wait(), 3);
-    EXPECT_NE(m_application.output().find("the agent went away"), std::string::npos);
+TEST_P(ListeningExample, StartsOverWithANewObjectService) {
+    start();
+    for (int round = 0; round < 2; ++round) {
+        const std::size_t before = said();
+        m_ppsd->kill();
+        expectSaid("waiting for the agent", before);
+        ASSERT_TRUE(m_ppsd->start());
+        expectSaid(kChannel, before);
+        expectPushIsAccepted();
+    }
 }
 
-TEST_F(Examples, ApplicationInShellSaysThatThereIsNoAgent) {
+TEST_P(ListeningExample, WaitsForAnAgentThatIsNotThereYet) {
     killAgent();
-    ASSERT_TRUE(m_application.start({example("listen.sh"), kExampleApp, ppgUrl()}));
-    EXPECT_EQ(m_application.wait(), 3);
-    EXPECT_NE(m_application.output().find("no agent serves"), std::string::npos);
+    ASSERT_TRUE(m_application.start({listening(GetParam()), kExampleApp, ppgUrl()}));
+    expectSaid("waiting for the agent", 0);
+    ASSERT_TRUE(startAgent());
+    expectSaid(kChannel, 0);
+    expectPushIsAccepted();
 }
+
+TEST_P(ListeningExample, AsksAgainForAChannelThatItDidNotGet) {
+    m_server->signal(SIGKILL);
+    m_server->wait();
+    ASSERT_TRUE(m_application.start({listening(GetParam()), kExampleApp, ppgUrl()}));
+    expectSaid("channel", 0);
+    EXPECT_EQ(m_application.output().find(kChannel), std::string::npos);
+    startServer();
+    expectSaid(kChannel, 0);
+    expectPushIsAccepted();
+}
+
+TEST_P(ListeningExample, MakesItsChannelAnewForAnotherSim) {
+    start();
+    ASSERT_TRUE(waitForLog("Save to persistent memory returns 1"));
+    killAgent();
+    const std::size_t before = said();
+    setSim("001010000000002");
+    startServer({"--delay", "1", "--at-step", "2"});
+    ASSERT_TRUE(startAgent());
+    expectSaid(kChannel, before);
+    expectPushIsAccepted();
+}
+
+TEST_P(ListeningExample, BytesThatAreNoUtf8DoNotEndIt) {
+    start();
+    for (const char* id : {"\xff\xfe", "\xc3", "\xe2\x80\xa8\xc2\x85", "back\\slash"}) {
+        const PushSender sender(portOf(kExampleApp));
+        ASSERT_TRUE(
+            sender.send("POST / HTTP/1.1\r\nContent-Length: 1\r\nX: \xe9\r\n"
+                        "Push-Message-ID: " +
+                        std::string(id) + "\r\n\r\n\xff"));
+        EXPECT_TRUE(isAcknowledgement(sender.readToEnd())) << m_application.output();
+    }
+    expectPushIsAccepted();
+}
+
+INSTANTIATE_TEST_SUITE_P(In, ListeningExample, ::testing::Values("cpp", "py", "sh"),
+                         [](const auto& language) { return std::string(language.param); });
 
 TEST_F(Examples, NoApplicationMakesAnObjectWhereNoAgentServes) {
     killAgent();
-    for (const std::string& program :
-         {builtProgram("example_listen"), example("listen.py"), example("listen.sh")}) {
-        ASSERT_TRUE(m_application.start({program, kExampleApp, ppgUrl()}));
-        EXPECT_EQ(m_application.wait(0.5), program.ends_with(".sh") ? 3 : -1) << program;
-        EXPECT_NE(access(m_root.path("/pps/services/push/ipc").c_str(), F_OK), 0) << program;
-        if (m_application.isRunning()) {
-            m_application.signal(SIGKILL);
-            m_application.wait();
-        }
+    for (const char* language : {"cpp", "py", "sh"}) {
+        ASSERT_TRUE(m_application.start({listening(language), kExampleApp, ppgUrl()}));
+        EXPECT_EQ(m_application.wait(0.5), -1) << language;
+        EXPECT_NE(access(m_root.path("/pps/services/push/ipc").c_str(), F_OK), 0) << language;
+        m_application.signal(SIGKILL);
+        m_application.wait();
     }
 }
 
@@ -133,16 +189,13 @@ TEST_F(Examples, OpeningInTwoStepsMakesNoObjectAlsoWhenTheAgentEndsBetweenThem) 
 
 TEST_F(Examples, ApplicationsSayThatNobodyReadsWhatTheyWrite) {
     killAgent();
-    for (const std::string& program : {example("listen.py"), example("listen.sh")}) {
+    for (const char* language : {"cpp", "py", "sh"}) {
         const std::size_t before = m_application.output().size();
         writeObject("/pps/services/push/ipc", "");
-        ASSERT_TRUE(m_application.start({program, kExampleApp, ppgUrl()}));
-        EXPECT_TRUE(m_application.waitForOutput("an ordinary object lies in ", before)) << program;
-        EXPECT_EQ(m_application.wait(0.5), program.ends_with(".sh") ? 3 : -1) << program;
-        if (m_application.isRunning()) {
-            m_application.signal(SIGKILL);
-            m_application.wait();
-        }
+        ASSERT_TRUE(m_application.start({listening(language), kExampleApp, ppgUrl()}));
+        EXPECT_TRUE(m_application.waitForOutput("an ordinary object lies ", before)) << language;
+        m_application.signal(SIGKILL);
+        m_application.wait();
         ASSERT_EQ(unlink(m_root.path("/pps/services/push/ipc").c_str()), 0);
     }
 }
