@@ -147,23 +147,23 @@ TEST_F(Examples, ApplicationsSayThatNobodyReadsWhatTheyWrite) {
     }
 }
 
-TEST_F(Examples, SenderInPythonTellsAcceptedFromRejected) {
+TEST_F(Examples, SenderInPythonTellsAcceptedFromClosed) {
     EXPECT_EQ(sendAndAnswer(example("send.py"), "acceptPush"), 0) << m_sender.output();
     EXPECT_EQ(m_sender.output(), "accepted\n");
     EXPECT_EQ(sendAndAnswer(example("send.py"), "rejectPush"), 1) << m_sender.output();
-    EXPECT_EQ(m_sender.output(), "accepted\nrejected\n");
+    EXPECT_EQ(m_sender.output(), "accepted\nclosed without an answer\n");
 }
 
-TEST_F(Examples, SenderWithNcTellsAcceptedFromRejected) {
+TEST_F(Examples, SenderWithNcTellsAcceptedFromClosed) {
     EXPECT_EQ(sendAndAnswer(example("send_nc.sh"), "acceptPush"), 0) << m_sender.output();
     EXPECT_EQ(m_sender.output(), "accepted\n");
     EXPECT_EQ(sendAndAnswer(example("send_nc.sh"), "rejectPush"), 1) << m_sender.output();
-    EXPECT_EQ(m_sender.output(), "accepted\nrejected\n");
+    EXPECT_EQ(m_sender.output(), "accepted\nclosed without an answer\n");
 }
 
-TEST_F(Examples, SenderInBashTellsAcceptedFromRejected) {
+TEST_F(Examples, SenderInBashTellsAcceptedFromClosed) {
     EXPECT_EQ(sendAndAnswer(example("send.bash"), "acceptPush"), 0) << m_sender.output();
     EXPECT_EQ(m_sender.output(), "accepted\n");
     EXPECT_EQ(sendAndAnswer(example("send.bash"), "rejectPush"), 1) << m_sender.output();
-    EXPECT_EQ(m_sender.output(), "accepted\nrejected\n");
+    EXPECT_EQ(m_sender.output(), "accepted\nclosed without an answer\n");
 }
