@@ -13,13 +13,13 @@ import time
 
 def request(ipc, msg, request_id, **dat):
     """One write is one request. Values go as "encoding:value", plain text without an encoding."""
-    os.write(ipc, f"msg::{msg}\nid:{request_id}\ndat:json:{json.dumps(dat)}\n".encode())
+    os.write(ipc, f"msg::{msg}\nid:{request_id}\ndat:json:{json.dumps(dat)}\n".encode(errors="surrogateescape"))
 
 
 def objects(text):
     """Gives each object of what one read brought as {name: "encoding:value"}; "@ipc" heads each."""
     for lines in text.removeprefix("@").split("\n@"):
-        yield dict(line.split(":", 1) for line in lines.splitlines() if ":" in line)
+        yield dict(line.split(":", 1) for line in lines.split("\n") if ":" in line)
 
 
 def show_push(ipc, app, push):
@@ -41,7 +41,7 @@ def listen(app, url):
                 request(ipc, "createChannel", ":2", providerApplicationId=app, ppgUrl=url)
                 quiet = None
                 continue
-            text = os.read(ipc, 1 << 20).decode()
+            text = os.read(ipc, 1 << 20).decode(errors="surrogateescape")  # ids need not be UTF-8
             if not text:
                 raise OSError("it went away")
             for answer in objects(text):
@@ -57,6 +57,7 @@ def listen(app, url):
         os.close(ipc)
 
 
+sys.stdout.reconfigure(errors="surrogateescape")
 while True:
     try:
         listen(*sys.argv[1:])
