@@ -1,6 +1,5 @@
 #include "tools/quilctl/verbs.hpp"
 
-#include <cmath>
 #include <cstdio>
 #include <vector>
 
@@ -44,9 +43,8 @@ nlohmann::ordered_json asJson(const CodeInfo& info) {
 
 ExitStatus makeRequest(const char* name, const quilclient::Request& request, double timeoutSeconds,
                        bool json) {
-    const std::chrono::milliseconds timeout(
-        static_cast<std::int64_t>(std::ceil(timeoutSeconds * 1000)));
-    const quilclient::Reply reply = quilclient::sendRequest(request, timeout);
+    const quilclient::Reply reply =
+        quilclient::sendRequest(request, asMilliseconds(timeoutSeconds));
     if (json) {
         nlohmann::ordered_json object = {{"request", name}, {"app", request.appId}};
         addResult(object, reply.result);
