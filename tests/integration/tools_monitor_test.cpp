@@ -146,7 +146,7 @@ TEST_F(Monitor, AgentThatHangsIsNamed) {
 }
 
 TEST_F(Monitor, CheckChangesNothing) {
-    startAgent();
+    startAgent({"-v", "-v"});
     ClientConnection client(object("ipc"));
     createChannel(client);
     std::ostringstream before;
@@ -157,6 +157,8 @@ TEST_F(Monitor, CheckChangesNothing) {
     EXPECT_EQ(after.str(), before.str());
     EXPECT_NE(before.str(), "");
     EXPECT_TRUE(client.isSilent());
+    ASSERT_TRUE(m_agent->waitFor("[quilctl-status-check-")) << m_agent->output;
+    EXPECT_FALSE(contains(m_agent->output, "added key [quilctl-status-check-"));
     EXPECT_FALSE(std::filesystem::exists(m_ppsd.path("/.quilctl-check")));
 }
 
@@ -345,11 +347,7 @@ TEST_F(Monitor, ClientsShowsWhoIsConnected) {
 }
 
 TEST_F(Monitor, ClientsSaysForWhichApplicationsOutOfTheLog) {
-    const std::string user = std::to_string(getuid());
-    m_agent.emplace(
-        m_root.path(), "quilagent",
-        Words{"-v", "-v", "-U", getuid() == 0 ? user + ":" + std::to_string(getgid()) : user});
-    ASSERT_TRUE(m_agent->waitFor("Entering quilAgentLoop")) << m_agent->output;
+    startAgent({"-v", "-v"});
     ClientConnection application(object("ipc"));
     application.request("createSession", "s", kApp);
     EXPECT_EQ(application.next().msg, "onCreateSessionComplete");

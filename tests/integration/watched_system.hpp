@@ -88,11 +88,12 @@ class Status : public ::testing::Test {
     }
 
     // Starts the agent and waits until it serves.
-    void startAgent() {
+    void startAgent(Words words = {}) {
         // An ordinary user may not set groups, so names none.
         const std::string user = std::to_string(getuid());
-        m_agent.emplace(m_root.path(), "quilagent",
-                        Words{"-U", getuid() == 0 ? user + ":" + std::to_string(getgid()) : user});
+        words.insert(words.end(),
+                     {"-U", getuid() == 0 ? user + ":" + std::to_string(getgid()) : user});
+        m_agent.emplace(m_root.path(), "quilagent", words);
         ASSERT_TRUE(m_agent->waitFor("Entering quilAgentLoop")) << m_agent->output;
     }
 
