@@ -30,7 +30,7 @@ def on_connection(result):
 
 if len(sys.argv) != 3:
     sys.exit("Usage: listen.py APP PPG-URL")
-sys.stdout.reconfigure(errors="backslashreplace")  # for ids that are not UTF-8
+sys.stdout.reconfigure(errors="surrogateescape")  # ids need not be UTF-8
 with quilclient.PushClient(*sys.argv[1:], on_push=on_push, on_channel=on_channel, on_connection=on_connection,
                            on_sim_change=lambda: print("another SIM", flush=True)) as client:
     signal.signal(signal.SIGINT, lambda *_: client.stop())

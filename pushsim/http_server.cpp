@@ -1,251 +1,193 @@
-// A connection is a WireStream. It reads the request line itself, keeps the target as it came and
-// shows the library a target that it cannot stumble over. What the library writes passes through
-// it too, and there an answer that is to misbehave is turned into something else.
+// Each connection has a thread, which may wait: for the time of a delayed answer, or for the peer
+// of a connection that hangs to leave.
 
 #include "pushsim/http_server.hpp"
 
+#include <microhttpd.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <string_view>
+#include <utility>
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::chrono::seconds kPeerTimeout = 30s;
-constexpr std::size_t kLongestRequestLineBytes = 65536;
-// A connection that hangs or is delayed holds a thread.
-constexpr std::size_t kThreads = 32;
+constexpr unsigned kPeerTimeoutSeconds = 30;
+// Room for a request line and its headers.
+constexpr std::size_t kLongestRequestBytes = 98304;
+// Those that hang or are delayed among them.
+constexpr unsigned kMostConnections = 256;
+constexpr const char* kPortHeader = "vex-device-ovra-port";
 constexpr std::string_view kGarbage("\x16\x03\x01\x00 this is no HTTP \xff\xfe\r\n\r\n", 27);
 
-// What the connection of this thread is answered: the library calls the handler on the thread that
-// processes the connection, and has no other way to tell it which one that is.
-thread_local const Reply* t_reply = nullptr;
+struct DestroyResponse {
+    void operator()(MHD_Response* response) const { MHD_destroy_response(response); }
+};
 
-// Waits for an event on the socket; false when the time is over or the server stops.
-bool waitOrStop(int socket, short events, int stop, std::chrono::milliseconds longest) {
-    const auto deadline = Clock::now() + longest;
-    for (;;) {
-        std::array<pollfd, 2> waits{pollfd{socket, events, 0}, pollfd{stop, POLLIN, 0}};
-        const int count = poll(waits.data(), waits.size(), millisecondsUntil(deadline));
-        if (count == -1 && errno == EINTR) {
-            continue;
-        }
-        return count > 0 && waits[1].revents == 0;
+// The request of a connection, from its first line on. Null for a line without a target.
+void* takeTarget(void* /*server*/, const char* target, MHD_Connection* /*connection*/) {
+    return target == nullptr ? nullptr : new (std::nothrow) std::string(target);
+}
+
+void forgetTarget(void* /*server*/, MHD_Connection* /*connection*/, void** request,
+                  MHD_RequestTerminationCode /*why*/) {
+    delete static_cast<std::string*>(std::exchange(*request, nullptr));
+}
+
+bool queue(MHD_Connection* connection, int status, const std::string& body,
+           const std::string* portHeader) {
+    const std::unique_ptr<MHD_Response, DestroyResponse> response(MHD_create_response_from_buffer(
+        body.size(), const_cast<char*>(body.data()), MHD_RESPMEM_MUST_COPY));
+    if (response == nullptr) {
+        return false;
+    }
+    MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONNECTION, "close");
+    MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain");
+    if (portHeader != nullptr) {
+        MHD_add_response_header(response.get(), kPortHeader, portHeader->c_str());
+    }
+    return MHD_queue_response(connection, static_cast<unsigned>(status), response.get()) == MHD_YES;
+}
+
+MHD_Result handle(void* server, MHD_Connection* connection, const char* /*path*/,
+                  const char* method, const char* /*version*/, const char* /*body*/,
+                  std::size_t* /*bodyBytes*/, void** request) {
+    const auto* target = static_cast<const std::string*>(*request);
+    if (target == nullptr) {
+        return MHD_NO;
+    }
+    try {
+        const bool isGet = std::strcmp(method, MHD_HTTP_METHOD_GET) == 0;
+        return static_cast<HttpServer*>(server)->serve(connection, *target, isGet) ? MHD_YES
+                                                                                   : MHD_NO;
+    } catch (...) {
+        return MHD_NO;  // the library is C
     }
 }
 
-class WireStream : public httplib::Stream {
-  public:
-    // Borrows both descriptors.
-    WireStream(int socket, int stop) : m_socket(socket), m_stop(stop) {}
-
-    // Reads up to the first line end and takes the target out of it: everything between the first
-    // blank and the last one. False when no request line came.
-    bool readRequestLine() {
-        std::size_t end = std::string::npos;
-        while ((end = m_input.find('\n')) == std::string::npos) {
-            if (m_input.size() > kLongestRequestLineBytes || !receive()) {
-                return false;
-            }
-        }
-        const std::string line = m_input.substr(0, end);
-        const std::size_t first = line.find(' ');
-        const std::size_t last = line.rfind(" HTTP/");
-        if (first == std::string::npos || last == std::string::npos || last <= first) {
-            return true;  // the library refuses it
-        }
-        m_target = line.substr(first + 1, last - first - 1);
-        m_input = line.substr(0, first) + " /" + line.substr(last) + m_input.substr(end);
-        return true;
-    }
-
-    const std::string& target() const { return m_target; }
-
-    // From now on what is written is treated so.
-    void misbehave(Wire wire) { m_wire = wire; }
-
-    // Ends early when the server stops.
-    void pause(std::chrono::milliseconds time) const {
-        if (time.count() > 0) {
-            waitFor(m_stop, POLLIN, Clock::now() + time);
+// An answer that the library does not write.
+void sendByHand(int socket, std::string_view bytes) {
+    const auto deadline = Clock::now() + std::chrono::seconds(kPeerTimeoutSeconds);
+    while (!bytes.empty() && waitFor(socket, POLLOUT, deadline) == Ready::Yes) {
+        const ssize_t count = send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (count > 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(count));
+        } else if (errno != EAGAIN && errno != EINTR) {
+            return;
         }
     }
+}
 
-    bool is_readable() const override {
-        return !m_input.empty() || waitOrStop(m_socket, POLLIN, m_stop, kPeerTimeout);
-    }
-    bool is_writable() const override {
-        return waitOrStop(m_socket, POLLOUT, m_stop, kPeerTimeout);
-    }
+// The library knows no header without a value.
+std::string withEmptyPortHeader(const Answer& answer) {
+    return "HTTP/1.1 " + std::to_string(answer.status) + " " +
+           MHD_get_reason_phrase_for(static_cast<unsigned>(answer.status)) +
+           "\r\nConnection: close\r\nContent-Type: text/plain\r\n" + kPortHeader +
+           ": \r\nContent-Length: " + std::to_string(answer.body.size()) + "\r\n\r\n" + answer.body;
+}
 
-    ssize_t read(char* to, size_t size) override {
-        if (m_input.empty() && !receive()) {
-            return -1;
+int socketOf(MHD_Connection* connection) {
+    return MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
+}
+
+// Until the peer leaves or the server stops.
+void hang(int socket, int stop) {
+    std::array<char, 4096> ignored{};
+    for (;;) {
+        std::array<pollfd, 2> waits{pollfd{socket, POLLIN, 0}, pollfd{stop, POLLIN, 0}};
+        const int count = poll(waits.data(), waits.size(), -1);
+        if (count == -1 && errno == EINTR) {
+            continue;
         }
-        const std::size_t count = std::min(size, m_input.size());
-        std::copy_n(m_input.begin(), count, to);
-        m_input.erase(0, count);
-        return static_cast<ssize_t>(count);
-    }
-
-    ssize_t write(const char* bytes, size_t size) override {
-        switch (m_wire) {
-            case Wire::Reply:
-                return transmit(bytes, size);
-            case Wire::Hang:
-                waitForPeerToLeave();
-                break;
-            case Wire::Garbage:
-                transmit(kGarbage.data(), kGarbage.size());
-                break;
-            case Wire::Close:
-                break;
-        }
-        return -1;
-    }
-
-    void get_remote_ip_and_port(std::string& ip, int& port) const override { name(ip, port); }
-    void get_local_ip_and_port(std::string& ip, int& port) const override { name(ip, port); }
-    socket_t socket() const override { return m_socket; }
-
-  private:
-    // Nobody asks who is at the other end; the library wants an answer all the same.
-    static void name(std::string& ip, int& port) {
-        ip.clear();
-        port = 0;
-    }
-
-    bool receive() {
-        std::array<char, 4096> buffer{};
-        if (!waitOrStop(m_socket, POLLIN, m_stop, kPeerTimeout)) {
-            return false;
-        }
-        const ssize_t count = recv(m_socket, buffer.data(), buffer.size(), 0);
-        if (count <= 0) {
-            return false;
-        }
-        m_input.append(buffer.data(), static_cast<std::size_t>(count));
-        return true;
-    }
-
-    ssize_t transmit(const char* bytes, size_t size) {
-        std::size_t sent = 0;
-        while (sent < size) {
-            if (!is_writable()) {
-                return -1;
-            }
-            const ssize_t count =
-                send(m_socket, bytes + sent, size - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
-            if (count > 0) {
-                sent += static_cast<std::size_t>(count);
-            } else if (count == -1 && errno != EAGAIN && errno != EINTR) {
-                return -1;
-            }
-        }
-        return static_cast<ssize_t>(size);
-    }
-
-    void waitForPeerToLeave() {
-        std::array<char, 4096> ignored{};
-        while (waitOrStop(m_socket, POLLIN, m_stop, 24h) &&
-               recv(m_socket, ignored.data(), ignored.size(), 0) > 0) {
+        if (count <= 0 || waits[1].revents != 0 ||
+            recv(socket, ignored.data(), ignored.size(), MSG_DONTWAIT) <= 0) {
+            return;
         }
     }
-
-    const int m_socket;
-    const int m_stop;
-    std::string m_input;
-    std::string m_target;
-    Wire m_wire = Wire::Reply;
-};
+}
 
 }  // namespace
 
 HttpServer::HttpServer(RegistrationService* service)
-    : m_service(service), m_stop(eventfd(0, EFD_CLOEXEC)) {
-    set_pre_routing_handler([](const httplib::Request&, httplib::Response& response) {
-        answer(&response);
-        return HandlerResponse::Handled;
-    });
-    new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
-    // Not the library's own choice, with which two servers could share a port unnoticed.
-    set_socket_options([](socket_t socket) {
-        const int on = 1;
-        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    });
-}
+    : m_service(service), m_stop(eventfd(0, EFD_CLOEXEC)) {}
 
 HttpServer::~HttpServer() {
     stopServing();
 }
 
-std::uint16_t HttpServer::bindTo(const std::string& address, std::uint16_t port) {
-    errno = 0;
-    if (port == 0) {
-        const int chosen = bind_to_any_port(address);
-        return chosen > 0 ? static_cast<std::uint16_t>(chosen) : std::uint16_t{0};
-    }
-    return bind_to_port(address, port) ? port : std::uint16_t{0};
+std::uint16_t HttpServer::bindTo(const std::string& address, std::uint16_t port,
+                                 std::string* error) {
+    std::uint16_t bound = port;
+    m_listener = listenOn(address, &bound, error);
+    return m_listener.isOpen() ? bound : std::uint16_t{0};
 }
 
-void HttpServer::startServing() {
-    m_thread = std::thread([this] { listen_after_bind(); });
-    // Until it runs, the library ignores that it is told to stop.
-    while (!is_running()) {
-        std::this_thread::sleep_for(1ms);
+bool HttpServer::startServing() {
+    m_daemon = MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION |
+                                    MHD_USE_POLL | MHD_USE_ITC | MHD_USE_SUPPRESS_DATE_NO_CLOCK,
+                                0, nullptr, nullptr, handle, this,                         //
+                                MHD_OPTION_LISTEN_SOCKET, m_listener.get(),                //
+                                MHD_OPTION_URI_LOG_CALLBACK, takeTarget, this,             //
+                                MHD_OPTION_NOTIFY_COMPLETED, forgetTarget, this,           //
+                                MHD_OPTION_CONNECTION_TIMEOUT, kPeerTimeoutSeconds,        //
+                                MHD_OPTION_CONNECTION_LIMIT, kMostConnections,             //
+                                MHD_OPTION_CONNECTION_MEMORY_LIMIT, kLongestRequestBytes,  //
+                                MHD_OPTION_STRICT_FOR_CLIENT, -1, MHD_OPTION_END);
+    if (m_daemon == nullptr) {
+        return false;
     }
+    m_listener.release();
+    return true;
 }
 
 void HttpServer::stopServing() {
-    if (!m_thread.joinable()) {
+    if (m_daemon == nullptr) {
         return;
     }
     const std::uint64_t one = 1;
     if (::write(m_stop.get(), &one, sizeof one) != sizeof one) {
         std::perror("pushsim: eventfd");
     }
-    stop();
-    m_thread.join();
+    MHD_stop_daemon(std::exchange(m_daemon, nullptr));
 }
 
-bool HttpServer::process_and_close_socket(socket_t socket) {
-    const Socket owner(socket);
-    WireStream stream(socket, m_stop.get());
-    if (!stream.readRequestLine()) {
-        return false;
+bool HttpServer::serve(MHD_Connection* connection, const std::string& target, bool isGet) {
+    if (!isGet) {
+        return queue(connection, MHD_HTTP_METHOD_NOT_ALLOWED, "only GET", nullptr);
     }
-    Reply reply;
-    t_reply = &reply;
-    bool closed = false;
-    const bool done = process_request(stream, true, closed, [&](httplib::Request& request) {
-        if (request.method != "GET") {
-            reply.answer.status = 405;
-            reply.answer.body = "only GET";
-            return;
-        }
-        reply = m_service->handle(stream.target());
-        stream.misbehave(reply.answer.wire);
-        stream.pause(reply.answer.delay);
-    });
-    t_reply = nullptr;
-    shutdown(socket, SHUT_RDWR);
-    return done;
-}
-
-void HttpServer::answer(httplib::Response* response) {
-    const Answer& answer = t_reply->answer;
-    response->status = answer.status;
-    response->set_content(answer.body, "text/plain");
-    if (answer.portHeader != PortHeader::None) {
-        response->set_header("vex-device-ovra-port", t_reply->portText);
+    const Reply reply = m_service->handle(target);
+    const Answer& answer = reply.answer;
+    if (answer.delay.count() > 0) {
+        waitFor(m_stop.get(), POLLIN, Clock::now() + answer.delay);
     }
+    switch (answer.wire) {
+        case Wire::Reply:
+            if (answer.portHeader == PortHeader::None) {
+                return queue(connection, answer.status, answer.body, nullptr);
+            }
+            if (!reply.portText.empty()) {
+                return queue(connection, answer.status, answer.body, &reply.portText);
+            }
+            sendByHand(socketOf(connection), withEmptyPortHeader(answer));
+            break;
+        case Wire::Hang:
+            hang(socketOf(connection), m_stop.get());
+            break;
+        case Wire::Garbage:
+            sendByHand(socketOf(connection), kGarbage);
+            break;
+        case Wire::Close:
+            break;
+    }
+    return false;
 }

@@ -2,9 +2,7 @@
 
 #include <signal.h>
 
-#include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
@@ -94,12 +92,14 @@ void serve(const ServeArguments& arguments) {
     RegistrationService service(arguments.answers.oneStep, &answers, &registrations, &log);
     HttpServer server(&service);
 
-    const std::uint16_t port = server.bindTo(endpoint.address, endpoint.port);
+    std::string error;
+    const std::uint16_t port = server.bindTo(endpoint.address, endpoint.port, &error);
     if (port == 0) {
-        throw std::runtime_error("cannot listen on " + arguments.listen + ": " +
-                                 std::strerror(errno));
+        throw std::runtime_error("cannot listen on " + arguments.listen + ": " + error);
     }
-    server.startServing();
+    if (!server.startServing()) {
+        throw std::runtime_error("cannot serve on " + arguments.listen);
+    }
     if (!arguments.portFile.empty()) {
         replaceFile(arguments.portFile, std::to_string(port) + "\n");
     }

@@ -1,5 +1,6 @@
 #include "pushsim/socket.hpp"
 
+#include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -19,6 +20,46 @@ namespace {
 struct FreeAddresses {
     void operator()(addrinfo* list) const { freeaddrinfo(list); }
 };
+
+using AddressList = std::unique_ptr<addrinfo, FreeAddresses>;
+
+// Null, and the reason in *error, where there is none.
+AddressList resolve(const std::string& host, std::uint16_t port, std::string* error) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const int failure = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
+    if (failure != 0) {
+        *error = gai_strerror(failure);
+        return nullptr;
+    }
+    return AddressList(found);
+}
+
+// 0, or the errno of the failure.
+int listenOne(const addrinfo& address, Socket* made) {
+    Socket socket(::socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // The port of a server that has just ended is free.
+    const int on = 1;
+    if (!socket.isOpen() ||
+        setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        bind(socket.get(), address.ai_addr, address.ai_addrlen) != 0 ||
+        listen(socket.get(), SOMAXCONN) != 0) {
+        return errno;
+    }
+    *made = std::move(socket);
+    return 0;
+}
+
+std::uint16_t portOf(int socket) {
+    sockaddr_storage bound{};
+    socklen_t size = sizeof bound;
+    if (getsockname(socket, reinterpret_cast<sockaddr*>(&bound), &size) != 0) {
+        return 0;
+    }
+    // Both families have the port in the same place.
+    return ntohs(reinterpret_cast<const sockaddr_in*>(&bound)->sin_port);
+}
 
 // 0, or the errno of the failure.
 int connectOne(const addrinfo& address, Clock::time_point deadline, Socket* made) {
@@ -80,19 +121,25 @@ int millisecondsUntil(Clock::time_point deadline) {
 
 Socket connectTo(const std::string& host, std::uint16_t port, Clock::time_point deadline,
                  std::string* error) {
-    addrinfo hints{};
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    const int failure = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
-    if (failure != 0) {
-        *error = gai_strerror(failure);
-        return {};
-    }
-    const std::unique_ptr<addrinfo, FreeAddresses> list(found);
+    const AddressList list = resolve(host, port, error);
     Socket socket;
     for (const addrinfo* address = list.get(); address != nullptr; address = address->ai_next) {
         const int code = connectOne(*address, deadline, &socket);
         if (code == 0) {
+            return socket;
+        }
+        *error = std::strerror(code);
+    }
+    return socket;
+}
+
+Socket listenOn(const std::string& host, std::uint16_t* port, std::string* error) {
+    const AddressList list = resolve(host, *port, error);
+    Socket socket;
+    for (const addrinfo* address = list.get(); address != nullptr; address = address->ai_next) {
+        const int code = listenOne(*address, &socket);
+        if (code == 0) {
+            *port = portOf(socket.get());
             return socket;
         }
         *error = std::strerror(code);

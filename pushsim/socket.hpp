@@ -20,6 +20,8 @@ class Socket {
     int get() const { return m_descriptor; }
     bool isOpen() const { return m_descriptor != -1; }
     void close();
+    // Gives the descriptor up without closing it.
+    void release() { m_descriptor = -1; }
 
   private:
     int m_descriptor = -1;
@@ -34,6 +36,10 @@ int millisecondsUntil(Clock::time_point deadline);
 // and the reason in *error, when nobody answers before the deadline.
 Socket connectTo(const std::string& host, std::uint16_t port, Clock::time_point deadline,
                  std::string* error);
+
+// Listens on host and port, where no other server does; with port 0 the kernel chooses, and *port
+// becomes its choice. A socket that is not open, and the reason in *error, when that cannot be.
+Socket listenOn(const std::string& host, std::uint16_t* port, std::string* error);
 
 enum class Ready { Yes, TimedOut };
 

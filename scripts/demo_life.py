@@ -8,6 +8,7 @@ import base64
 import json
 import os
 import select
+import shlex
 import shutil
 import signal
 import struct
@@ -20,6 +21,7 @@ import zlib
 APP = "com.example.demo"
 PIN = "2a3b4c5d"
 PATIENCE_SECONDS = 10
+SHELL_FILE = "build/demo.sh"
 
 
 class StepFailed(Exception):
@@ -134,6 +136,7 @@ class Demo:
         self.processes = []
         self.agent = None
         self.server = None
+        self.server_port = 0  # the kernel chooses
         self.application = None
 
     # Processes and files
@@ -278,19 +281,24 @@ class Demo:
         self.screen.good(f"running as user {self.agent_user()}, process {self.agent.pid}")
 
     def push_server(self, delay="0"):
+        """Starts the push server, on the port that it had before."""
+        port_file = self.path("/push-server.port")
+        if os.path.exists(port_file):
+            os.remove(port_file)
         self.server = self.start("pushsim", "serve", "--log", "--state", self.path("/push-server.json"),
-                                 "--port-file", self.path("/push-server.port"), "--listen",
-                                 f"127.0.0.1:{self.read('/push-server.port').strip() or 0}",
+                                 "--port-file", port_file, "--listen", f"127.0.0.1:{self.server_port}",
                                  "--ports", "24400-24499", "--delay", delay, log="push-server.log")
-        wait_for(lambda: self.read("/push-server.port").strip(), "the push server's port")
+        wait_for(lambda: os.path.exists(port_file) or self.server.poll() is not None, "the push server's port")
+        expect(self.server.poll() is None, f"the push server ended: {self.server_log()}")
+        self.server_port = int(self.read("/push-server.port"))
 
     def push_server_up(self):
         self.screen.step("The push server")
         self.push_server()
-        self.screen.good(f"listening on 127.0.0.1:{self.read('/push-server.port').strip()}")
+        self.screen.good(f"listening on 127.0.0.1:{self.server_port}")
 
     def ppg_url(self):
-        return f"http://127.0.0.1:{self.read('/push-server.port').strip()}"
+        return f"http://127.0.0.1:{self.server_port}"
 
     def create_channel(self):
         self.application.expect_answer(self.application.request("createSession"), "onCreateSessionComplete")
@@ -415,25 +423,44 @@ class Demo:
             subprocess.run(["fusermount3", "-u", "-z", self.path("/pps")], check=False)
         shutil.rmtree(self.root, ignore_errors=True)
 
+    def shell_file(self):
+        """What a shell needs to go on with the device; the documents use these names."""
+        processes = " ".join(str(process.pid) for _, process in reversed(self.processes))
+        return f"""# The device that scripts/demo --keep left running. Into a shell with: . {SHELL_FILE}
+export QUIL_ROOT={shlex.quote(self.root)}
+export PATH={shlex.quote(self.programs)}:"$PATH"
+export PPG_URL={self.ppg_url()}                  # the push data server
+export PPG_STATE="$QUIL_ROOT/push-server.json"   # which application has which port, for pushsim send --state
+end_demo() {{
+    kill {processes}
+    while [ -e "$QUIL_ROOT/pps/system" ]; do sleep 0.1; done   # until nothing is mounted
+    rm -r "$QUIL_ROOT" {shlex.quote(os.path.abspath(SHELL_FILE))}
+}}
+"""
+
     def say_what_to_try(self):
         self.stop(self.server)
         self.push_server()
-        programs, root = self.programs, self.root
-        processes = " ".join(str(process.pid) for _, process in reversed(self.processes))
+        os.makedirs(os.path.dirname(SHELL_FILE), exist_ok=True)
+        with open(SHELL_FILE, "w", encoding="utf-8") as file:
+            file.write(self.shell_file())
         print(f"""
-Everything goes on running. Things to try, each in a terminal of its own:
+Everything goes on running. This tells a shell where; say it in each terminal, at the top of the repository:
 
-  export QUIL_ROOT={root} PATH={programs}:$PATH
-  quilctl listen {APP} --ppg {self.ppg_url()} --accept     # an application
-  echo hello | pushsim send --app {APP} --state {root}/push-server.json --wait
-  cat {root}/pps/services/push/quilagent                   # the saved sessions
-  ppsctl watch /pps/services/push/quilagent                # ... as they change
-  tail -f {root}/agent.log                                 # the agent's log
+  . {SHELL_FILE}
+
+Things to try then, the first in a terminal of its own:
+
+  quilctl listen {APP} --ppg "$PPG_URL" --accept    # an application
+  echo hello | pushsim send --app {APP} --state "$PPG_STATE" --wait
+  cat "$QUIL_ROOT/pps/services/push/quilagent"                   # the saved sessions
+  ppsctl watch services/push/quilagent                           # ... as they change
+  tail -f "$QUIL_ROOT/agent.log"                                 # the agent's log
   quilctl status
 
 To end it all:
 
-  kill {processes}; sleep 1; rm -r {root}""")
+  end_demo""")
 
 
 def make_picture():

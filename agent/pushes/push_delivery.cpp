@@ -49,6 +49,20 @@ bool addressAnew(const QuilSession& session, QuilPushMessage* push) {
     return true;
 }
 
+// Tells the application. When memory runs out before that, a connection that the session has taken
+// is closed: nobody would ever answer it.
+SendResult notify(QuilSession* session, std::unique_ptr<QuilPushMessage> push,
+                  const std::string& pushId, bool isStored) {
+    try {
+        return sendMessage(std::move(push));
+    } catch (...) {
+        if (isStored) {
+            session->deletePushSocket(pushId);
+        }
+        throw;
+    }
+}
+
 }  // namespace
 
 PushOutcome pushNotification(std::unique_ptr<QuilPushMessage> push) {
@@ -82,7 +96,7 @@ PushOutcome pushNotification(std::unique_ptr<QuilPushMessage> push) {
         }
         return PushOutcome::Done;
     }
-    if (sendMessage(std::move(push)) != SendResult::ServiceGone) {
+    if (notify(session, std::move(push), pushId, isStored) != SendResult::ServiceGone) {
         return PushOutcome::Done;
     }
     // A connection that is gone by now, closed for whatever reason, has told its sender.

@@ -182,17 +182,18 @@ class Buffer {
     void flush() {
         m_isWanted = true;
         while (m_isWanted && !m_isWriting.exchange(true)) {
-            while (m_isWanted.exchange(false)) {
-                writeActive();
-            }
-            m_isWriting = false;
-            m_isWriting.notify_all();
+            writeWhileWanted();
         }
     }
-    // The same, and waits for the other thread.
+    // The same, and it is written out by the calling thread: another may have said that it has
+    // ended just before it looks once more.
     void flushAndWait() {
-        flush();
-        m_isWriting.wait(true);
+        while (m_isWriting.exchange(true)) {
+            m_isWriting.wait(true);
+        }
+        m_isWanted = true;
+        writeWhileWanted();
+        flush();  // for those who came to the end of that
     }
 
   private:
@@ -212,6 +213,13 @@ class Buffer {
     }
 
     // By the thread that set m_isWriting, which has what is not active to itself.
+    void writeWhileWanted() {
+        while (m_isWanted.exchange(false)) {
+            writeActive();
+        }
+        m_isWriting = false;
+        m_isWriting.notify_all();
+    }
     void writeActive() {
         Pending* full = nullptr;
         {

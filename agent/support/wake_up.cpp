@@ -20,8 +20,9 @@ std::atomic<int> g_writeEnd{0};
 
 int openWakeUp() {
     int ends[2] = {-1, -1};
-    // A failure leaves both at -1, which is what the caller looks at.
-    static_cast<void>(!pipe2(ends, O_CLOEXEC | O_NONBLOCK));
+    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
+        ends[0] = ends[1] = -1;  // which is what the caller looks at
+    }
     g_readEnd = ends[0];
     g_writeEnd = ends[1];
     return g_readEnd;

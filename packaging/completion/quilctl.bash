@@ -2,7 +2,7 @@
 
 _quilctl() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local verbs="listen create-session create-channel destroy-channel query-channel register-launch unregister-launch accept reject status trace rules codes"
+    local verbs="listen create-session create-channel destroy-channel query-channel register-launch unregister-launch accept reject status clients trace rules codes"
     local verb=${COMP_WORDS[1]} options="--help"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
@@ -14,7 +14,7 @@ _quilctl() {
         return
     fi
     case $previous in
-        --file) mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
+        --file | --log) mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
         --save) mapfile -t COMPREPLY < <(compgen -d -- "$current"); return ;;
         --exec) mapfile -t COMPREPLY < <(compgen -c -- "$current"); return ;;
         --ppg | --count | --timeout | --slow) return ;;
@@ -24,7 +24,8 @@ _quilctl() {
         create-channel) options+=" --ppg --json --timeout" ;;
         create-session | destroy-channel | query-channel | register-launch | unregister-launch | accept | reject)
             options+=" --json --timeout" ;;
-        status) options+=" --check --json" ;;
+        status) options+=" --check --json --timeout" ;;
+        clients) options+=" --log --json --timeout" ;;
         trace) options+=" --json --slow" ;;
         codes) options+=" --json" ;;
         rules)

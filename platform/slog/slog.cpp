@@ -144,6 +144,13 @@ int sendOnce(const char* line, std::size_t length) {
     return send(g_socket.load(), line, length, flags) == -1 ? errno : 0;
 }
 
+// A daemon that is started anew from now on is to be found at once.
+void noteArrival() {
+    if (g_nextTry.load() != 0) {
+        g_nextTry = 0;
+    }
+}
+
 bool isLackOfRoom(int error) {
     return error == EAGAIN || error == ENOBUFS || error == ENOMEM;
 }
@@ -158,9 +165,7 @@ bool sendLine(const char* line, std::size_t length) {
         }
         const int error = sendOnce(line, length);
         if (error == 0) {
-            if (g_nextTry.load() != 0) {
-                g_nextTry = 0;
-            }
+            noteArrival();
             return true;
         }
         if (isLackOfRoom(error)) {
@@ -297,7 +302,11 @@ std::ptrdiff_t sendTogether(const SlogEntry* lines, std::size_t count) {
     }
     const int sent = sendmmsg(g_socket.load(), messages, static_cast<unsigned>(ready),
                               MSG_DONTWAIT | MSG_NOSIGNAL);
-    return sent >= 0 ? sent : isLackOfRoom(errno) ? -1 : 0;
+    if (sent < 0) {
+        return isLackOfRoom(errno) ? -1 : 0;
+    }
+    noteArrival();
+    return sent;
 }
 
 }  // namespace

@@ -1,20 +1,17 @@
 // quilctl status and trace as people run them: broken set-ups that each name their cause, and the
 // whole way of a push with the real agent.
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <sstream>
 
 #include "tests/integration/tool_process.hpp"
+#include "tests/integration/watched_system.hpp"
 #include "tests/support/child_process.hpp"
 #include "tests/support/client_connection.hpp"
 #include "tests/support/ppsd_mount.hpp"
@@ -22,35 +19,6 @@
 #include "tests/support/wait_until.hpp"
 
 namespace {
-
-using Words = std::vector<std::string>;
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
-// A socket that listens on a port of the kernel's choice.
-class Listening {
-  public:
-    Listening() : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        EXPECT_EQ(bind(m_socket, reinterpret_cast<sockaddr*>(&address), size), 0);
-        EXPECT_EQ(::listen(m_socket, 5), 0);
-        getsockname(m_socket, reinterpret_cast<sockaddr*>(&address), &size);
-        port = std::to_string(ntohs(address.sin_port));
-    }
-    ~Listening() { close(m_socket); }
-    Listening(const Listening&) = delete;
-    Listening& operator=(const Listening&) = delete;
-
-    std::string port;
-
-  private:
-    int m_socket;
-};
 
 // Takes all descriptors below `end`, also from the programs that are started meanwhile.
 class InheritedDescriptors {
@@ -75,69 +43,6 @@ class InheritedDescriptors {
 
   private:
     std::vector<int> m_taken;
-};
-
-// A system that lacks nothing; each test takes something away.
-class Status : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        QUIL_SKIP_WITHOUT_FUSE();
-        ASSERT_TRUE(m_ppsd.start());
-        for (const char* folder :
-             {"/system", "/system/nvram", "/services", "/services/push", "/services/cellular",
-              "/services/cellular/uicc", "/services/cellular/uicc/card0"}) {
-            mkdir(m_ppsd.path(folder).c_str(), 0755);
-        }
-        write("system/nvram/deviceinfo", {"PIN=0x2a3b", "HardwareID=0x05"});
-        write("services/deviceproperties", {"scmbundle=10.3"});
-        write("services/cellular/uicc/card0/status_private", {"imsi=302720"});
-        std::filesystem::create_directory(m_root.path("/etc"));
-        configure("proxy-port 0\nhttp-timeout 20\n");
-    }
-
-    void write(const std::string& object, const Words& attributes) {
-        Words words = {"write", object, "--create"};
-        words.insert(words.end(), attributes.begin(), attributes.end());
-        const ToolRun result = runTool(m_root.path(), "ppsctl", words);
-        ASSERT_EQ(result.status, 0) << result.error;
-    }
-
-    void configure(const std::string& text) {
-        std::ofstream(m_root.path("/etc/quilagent.conf")) << text;
-    }
-
-    void saveSession(const std::string& port) {
-        write("services/push/quilagent",
-              {"version=5.0.0", "imsi=302720",
-               "dat:json:{\"sessions\":[{\"providerApplicationId\":\"com.app\",\"ppgUrl\":"
-               "\"http://x\",\"launchString\":\"\",\"token\":\"2a\",\"port\":" +
-                   port + "}]}"});
-    }
-
-    // Starts the agent and waits until it serves.
-    void startAgent() {
-        // An ordinary user may not set groups, so names none.
-        const std::string user = std::to_string(getuid());
-        m_agent.emplace(m_root.path(), "quilagent",
-                        Words{"-U", getuid() == 0 ? user + ":" + std::to_string(getgid()) : user});
-        ASSERT_TRUE(m_agent->waitFor("Entering quilAgentLoop")) << m_agent->output;
-    }
-
-    // The names of the findings, and the exit status.
-    std::string check() {
-        const ToolRun result = runTool(m_root.path(), "quilctl", {"status", "--check", "--json"});
-        std::string names;
-        std::istringstream lines(result.output);
-        for (std::string line; std::getline(lines, line);) {
-            names += nlohmann::json::parse(line)["finding"].get<std::string>() + " ";
-        }
-        EXPECT_EQ(result.error, "");
-        return names + std::to_string(result.status);
-    }
-
-    ScratchRoot m_root;
-    PpsdMount m_ppsd{m_root};
-    std::optional<ToolProcess> m_agent;
 };
 
 }  // namespace
@@ -235,16 +140,20 @@ TEST_F(Status, NamesAnObjectInTheWayOfARunningAgent) {
 }
 
 TEST_F(Status, NamesAPortThatTwoSessionsHave) {
-    const Listening port;
+    std::string port;
+    {
+        const Listening free;
+        port = free.port;
+    }
     const std::string session =
         "\",\"ppgUrl\":\"http://x\",\"launchString\":\"\",\"token\":\"2a\","
         "\"port\":" +
-        port.port + "}";
-    startAgent();
+        port + "}";
     write("services/push/quilagent",
           {"version=5.0.0", "imsi=302720",
            "dat:json:{\"sessions\":[{\"providerApplicationId\":\"com.a" + session +
                ",{\"providerApplicationId\":\"com.b" + session + "]}"});
+    startAgent();
     EXPECT_EQ(check(), "port-shared 1");
 }
 

@@ -25,6 +25,8 @@ std::string describeState(ServiceState state) {
             return "the object service is mounted on /pps";
         case ServiceState::Dead:
             return "the object service died and left a dead mount on /pps";
+        case ServiceState::Silent:
+            return "the object service is mounted on /pps, but does not answer";
         case ServiceState::Absent:
             break;
     }
@@ -32,6 +34,14 @@ std::string describeState(ServiceState state) {
 }
 
 std::string nextStepFor(ServiceState state) {
-    return state == ServiceState::Dead ? "start ppsd again; it cleans the dead mount up"
-                                       : "start ppsd (and set QUIL_ROOT if it runs below a folder)";
+    switch (state) {
+        case ServiceState::Dead:
+            return "start ppsd again; it cleans the dead mount up";
+        case ServiceState::Silent:
+            return "let ppsd run on if somebody stopped it (kill -CONT), else restart it";
+        case ServiceState::Mounted:
+        case ServiceState::Absent:
+            break;
+    }
+    return "start ppsd (and set QUIL_ROOT if it runs below a folder)";
 }

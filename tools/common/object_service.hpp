@@ -7,6 +7,7 @@
 enum class ServiceState {
     Mounted,  // the object service is mounted on /pps
     Dead,     // something was mounted there, but its process is gone
+    Silent,   // it takes longer to answer than the asker waits; objectServiceState() itself waits
     Absent    // /pps is missing or an ordinary folder
 };
 

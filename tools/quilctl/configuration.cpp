@@ -3,7 +3,12 @@
 
 #include "tools/quilctl/configuration.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 
 #include "platform/root/root.hpp"
@@ -98,6 +103,19 @@ class FileReader {
     int m_number = 0;
 };
 
+// 0 when the file can be read, or errno. Never waits, as opening a pipe would.
+int tryToOpen(const std::string& path) {
+    const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0) {
+        return errno;
+    }
+    struct stat info {};
+    const bool isFile = fstat(file, &info) == 0 && S_ISREG(info.st_mode);
+    const bool isFolder = S_ISDIR(info.st_mode);
+    close(file);
+    return isFile ? 0 : isFolder ? EISDIR : EINVAL;
+}
+
 }  // namespace
 
 Configuration readConfiguration() {
@@ -105,9 +123,13 @@ Configuration readConfiguration() {
     for (const Key& key : kKeys) {
         configuration.settings.push_back({key.name, key.fallback, kDefault});
     }
-    std::ifstream file(platformPath("/etc/quilagent.conf"));
-    configuration.isFileRead = file.is_open();
-    FileReader(configuration).read(file);
+    const std::string path = platformPath("/etc/quilagent.conf");
+    configuration.error = tryToOpen(path);
+    configuration.isFileRead = configuration.error == 0;
+    if (configuration.isFileRead) {
+        std::ifstream file(path);
+        FileReader(configuration).read(file);
+    }
     for (Setting& setting : configuration.settings) {
         if (setting.key == "listen-address" && setting.value.empty()) {
             setting.value = settingOf(configuration, "proxy-host");

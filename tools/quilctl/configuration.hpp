@@ -17,6 +17,7 @@ struct Configuration {
     std::vector<std::string>
         problems;  // lines of the file that are not what they seem; why, in words
     bool isFileRead = false;
+    int error = 0;  // why it is not; errno
 };
 
 Configuration readConfiguration();

@@ -1,83 +1,41 @@
 #include "tools/quilctl/findings.hpp"
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdlib>
-#include <map>
-#include <set>
+#include <cstring>
+
+#include "tools/quilctl/port_findings.hpp"
+#include "tools/quilctl/running_findings.hpp"
 
 namespace {
-
-using Findings = std::vector<Finding>;
 
 // Beyond this share of what a start can load it is time to think.
 constexpr std::size_t kFullPercent = 80;
 
-void add(Findings& findings, const char* name, const std::string& words, const std::string& next) {
-    findings.push_back({false, name, words, next});
-}
-
-void warn(Findings& findings, const char* name, const std::string& words, const std::string& next) {
-    findings.push_back({true, name, words, next});
-}
+// A disk with less is full soon.
+constexpr std::uint64_t kKilobyte = 1024;
+constexpr std::uint64_t kLeastFreeBytes = 1024 * kKilobyte;
 
 std::string userText(const std::vector<AgentProcess>& agents) {
     return "the agent's user " + (agents.empty() ? "" : std::to_string(agents.front().user));
 }
 
-void judgeProcesses(const StatusFacts& facts, Findings& findings) {
-    if (facts.service != ServiceState::Mounted) {
-        add(findings, facts.service == ServiceState::Dead ? "mount-dead" : "no-mount",
-            describeState(facts.service), nextStepFor(facts.service));
-    }
-    if (facts.agents.empty()) {
-        add(findings, "no-agent", "no process named quilagent runs here",
-            "start quilagent once the object service is mounted");
-    }
-    if (facts.agents.size() > 1) {
-        warn(findings, "many-agents",
-             std::to_string(facts.agents.size()) +
-                 " processes named quilagent run with this QUIL_ROOT, or with one that only root "
-                 "can see",
-             "end all but one; as root, this counts those of this QUIL_ROOT alone");
-    }
-}
-
-void judgePushObject(const StatusFacts& facts, Findings& findings) {
-    if (facts.service != ServiceState::Mounted) {
-        return;
-    }
-    if (facts.isObjectOrdinary || (facts.isObjectServed && facts.agents.empty())) {
-        add(findings, "object-in-the-way",
-            facts.agents.empty()
-                ? "/pps/services/push/ipc is there though no agent runs: an ordinary object, or "
-                  "somebody else's"
-                : "an ordinary object is in the place of /pps/services/push/ipc: nobody reads what "
-                  "applications write to it",
-            "remove it (ppsctl rm services/push/ipc), then start the agent again");
-    } else if (!facts.objectProblem.empty()) {
-        add(findings, "object-forbidden",
-            "you may not use /pps/services/push/ipc: " + facts.objectProblem,
-            "see owner and mode: ppsctl ls services/push; applications need 0666 and 0755");
-    } else if (!facts.isObjectServed && !facts.agents.empty()) {
-        add(findings, "not-served", "the agent runs, but does not serve /pps/services/push/ipc",
-            "it was started before the object service, or may not write to /pps/services/push: "
-            "see its log, then start it again");
-    }
-}
-
 void judgeIdentity(const StatusFacts& facts, Findings& findings) {
     for (const IdentityValue& value : facts.identity) {
         const std::string where = "'" + value.attribute + "' of " + value.object;
+        const bool isMissing = !value.problem.empty() && !value.isClosedToUs;
         // The IMSI is read before the agent changes its user, so what that user may read says
         // nothing about it.
         if (!value.isReadableByAgent && value.name != "IMSI") {
             add(findings, "identity-forbidden",
                 userText(facts.agents) + " may not read " + where + " (" + value.name + ")",
                 "give it the right: chmod or chown the object below /pps");
-        } else if (!value.problem.empty() && value.name == "IMSI") {
+        } else if (isMissing && value.name == "IMSI") {
             warn(findings, "no-imsi",
                  "the " + value.name + " is unknown (" + where + "): " + value.problem,
                  "without it a change of the SIM is not noticed; set it, then restart the agent");
-        } else if (!value.problem.empty()) {
+        } else if (isMissing) {
             const bool isPin = value.name == "PIN";
             add(findings, isPin ? "no-pin" : "no-identity",
                 "the device's " + value.name + " is unknown (" + where + "): " + value.problem,
@@ -97,10 +55,17 @@ void judgeIdentity(const StatusFacts& facts, Findings& findings) {
 
 void judgeConfiguration(const StatusFacts& facts, Findings& findings) {
     const Configuration& configuration = facts.configuration;
-    if (!configuration.isFileRead) {
+    if (configuration.error == EACCES) {
+        return;  // the agent reads it as root
+    }
+    if (configuration.error == ENOENT) {
         warn(findings, "no-configuration",
-             "/etc/quilagent.conf cannot be read: every key has its default",
-             "install the file and make it readable for everybody");
+             "there is no /etc/quilagent.conf: every key has its default", "install the file");
+    } else if (!configuration.isFileRead) {
+        add(findings, "configuration-unreadable",
+            std::string("/etc/quilagent.conf cannot be read (") +
+                std::strerror(configuration.error) + "): the agent starts with all defaults",
+            "put a file there that root can read, then restart the agent");
     }
     for (const std::string& problem : configuration.problems) {
         add(findings, "configuration", "/etc/quilagent.conf: " + problem,
@@ -176,74 +141,41 @@ void judgeSaved(const StatusFacts& facts, Findings& findings) {
     }
 }
 
-// The push server gives out ports, and is free to give one twice. Only one session can listen on
-// it, and which one may change with every start.
-void judgeSharedPorts(const StatusFacts& facts, Findings& findings) {
-    std::map<int, std::set<std::string>> applications;
-    for (const SavedSession& session : facts.saved.sessions) {
-        applications[session.port].insert(session.appId);
-    }
-    for (const auto& [port, names] : applications) {
-        if (port <= 0 || names.size() < 2) {
-            continue;
-        }
-        std::string list;
-        for (const std::string& name : names) {
-            list += list.empty() ? name : " and " + name;
-        }
-        add(findings, "port-shared",
-            "port " + std::to_string(port) + " was given to " + list +
-                ": one of them gets the pushes of all, which one may change when the agent starts",
-            "the push server has to give each application a port of its own; then create their "
-            "channels again");
-    }
-}
-
-void judgePorts(const StatusFacts& facts, Findings& findings) {
-    if (facts.agents.empty()) {
+// What lies in an object belongs to somebody who does not watch the disk below it.
+void judgeStore(const StatusFacts& facts, Findings& findings) {
+    const StoreFacts& store = facts.store;
+    const char* effect = "; what changes now, channels too, is lost, or not changed at all";
+    if (!store.isKnown) {
         return;
     }
-    for (const SavedSession& session : facts.saved.sessions) {
-        const std::string port = "port " + std::to_string(session.port) + " of " + session.appId;
-        if (!session.isListening) {
-            add(findings, "port-silent", "nobody listens on " + port,
-                "the port was taken when the agent wanted it, or listen-address is wrong: see "
-                "'Failed to bind' in its log, then create the channel again");
-        } else if (session.listener != facts.agents.front().user) {
-            add(findings, "port-taken",
-                "another user (" + std::to_string(session.listener) + ") listens on " + port,
-                "end that program, or create the channel again to get another port");
-        }
-    }
-}
-
-void judgeDescriptors(const StatusFacts& facts, Findings& findings) {
-    for (const AgentPort& port : facts.agentPorts) {
-        if (port.descriptor <= kHighestWatchedDescriptor) {
-            continue;
-        }
-        add(findings, "port-unwatched",
-            "port " + std::to_string(port.port) + (port.appId.empty() ? "" : " of " + port.appId) +
-                " is on descriptor " + std::to_string(port.descriptor) +
-                " of the agent, which watches none above " +
-                std::to_string(kHighestWatchedDescriptor) + ": pushes wait there for ever",
-            "destroy channels that nobody needs, then create this one again");
+    if (store.isSlow) {
+        add(findings, "store",
+            std::string("the object service does not get an object written") + effect,
+            "see what is wrong with the disk below its store (/var/lib/ppsd if not told "
+            "otherwise)");
+    } else if (!store.problem.empty()) {
+        add(findings, "store",
+            "the object service cannot write an object (" + store.problem + ")" + effect,
+            "make room on the disk below its store (df /pps), or make the store writable");
+    } else if (store.freeBytes < kLeastFreeBytes && store.totalBytes > 0) {
+        warn(findings, "store-nearly-full",
+             "the disk below the object service's store has " +
+                 std::to_string(store.freeBytes / kKilobyte) + " KiB left",
+             "make room there (df /pps): on a full disk no channel is saved");
     }
 }
 
 }  // namespace
 
-std::vector<Finding> findProblems(const StatusFacts& facts) {
+Findings findProblems(const StatusFacts& facts) {
     Findings found;
-    judgeProcesses(facts, found);
-    judgePushObject(facts, found);
+    judgeRunning(facts, found);
     judgeIdentity(facts, found);
     judgeConfiguration(facts, found);
     judgeRules(facts, found);
     judgeSaved(facts, found);
-    judgeSharedPorts(facts, found);
+    judgeStore(facts, found);
     judgePorts(facts, found);
-    judgeDescriptors(facts, found);
     Findings ordered;
     for (const bool isWarning : {false, true}) {
         for (const Finding& finding : found) {

@@ -2,18 +2,8 @@
 
 #pragma once
 
-#include <string>
-#include <vector>
-
+#include "tools/quilctl/finding.hpp"
 #include "tools/quilctl/status_facts.hpp"
 
-struct Finding {
-    // A warning leaves pushes arriving today; anything else keeps some or all of them away.
-    bool isWarning = false;
-    std::string name;  // one short name per kind of finding, for scripts
-    std::string words;
-    std::string next;
-};
-
 // The gravest first. Where the object service is missing, nothing that lies in it is judged.
-std::vector<Finding> findProblems(const StatusFacts& facts);
+Findings findProblems(const StatusFacts& facts);

@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "tools/common/validators.hpp"
+#include "tools/quilctl/clients.hpp"
 #include "tools/quilctl/listen.hpp"
 #include "tools/quilctl/rules.hpp"
 #include "tools/quilctl/status.hpp"
@@ -25,8 +26,8 @@ constexpr const char* kFooter =
 // As long as two HTTP requests of a minute each may take, and some.
 constexpr double kRequestSeconds = 150;
 
-// It is answered at once, whatever else waits.
-constexpr double kQuerySeconds = 5;
+// How long the agent and the object service may each take to show that they are there.
+constexpr double kLookSeconds = 5;
 
 // What was typed.
 struct Typed {
@@ -36,11 +37,12 @@ struct Typed {
     bool isAsk = false;
     Request request;
     double timeoutSeconds = kRequestSeconds;
-    double querySeconds = kQuerySeconds;
     bool json = false;
     std::optional<int> code;
     std::string logFile = "-";
+    std::string clientsLog;  // "" for none
     double slowSeconds = 1;
+    double lookSeconds = kLookSeconds;
     bool isChecking = false;
     std::string user;
     std::string rulesFile;  // "" for that of the configuration
@@ -117,13 +119,13 @@ void addQueryChannel(CLI::App& app, Typed& typed) {
         ->required()
         ->check(validators::notEmpty());
     verb->add_flag("--json", typed.json, "One JSON object per line");
-    verb->add_option("--timeout", typed.querySeconds, "Wait S seconds for the answer")
+    verb->add_option("--timeout", typed.lookSeconds, "Wait S seconds for the answer")
         ->type_name("S")
         ->capture_default_str()
         ->check(validators::seconds());
     verb->callback([&typed] {
         typed.run = [&typed] {
-            return queryChannel(typed.request.appId, typed.querySeconds, typed.json);
+            return queryChannel(typed.request.appId, typed.lookSeconds, typed.json);
         };
     });
 }
@@ -164,15 +166,41 @@ void addCodes(CLI::App& app, Typed& typed) {
     });
 }
 
+void addLookTimeout(CLI::App* verb, Typed& typed) {
+    verb->add_option("--timeout", typed.lookSeconds,
+                     "Wait S seconds for the object service,\nand for the agent")
+        ->type_name("S")
+        ->capture_default_str()
+        ->check(validators::seconds());
+}
+
 void addStatus(CLI::App& app, Typed& typed) {
     CLI::App* verb = app.add_subcommand("status", "Show what runs, and with what settings");
     verb->add_flag("--check", typed.isChecking,
                    "Explain what is wrong and what to do;\n"
                    "exit status 1 when something is");
     verb->add_flag("--json", typed.json, "One JSON object per line");
+    addLookTimeout(verb, typed);
     verb->callback([&typed] {
         typed.run = [&typed] {
-            return typed.isChecking ? checkStatus(typed.json) : showStatus(typed.json);
+            return typed.isChecking ? checkStatus(typed.json, typed.lookSeconds)
+                                    : showStatus(typed.json, typed.lookSeconds);
+        };
+    });
+}
+
+void addClients(CLI::App& app, Typed& typed) {
+    CLI::App* verb = app.add_subcommand("clients", "Show who is connected to the agent");
+    verb->add_option("--log", typed.clientsLog,
+                     "The agent's log, of -v -v, - for standard\n"
+                     "input: for which applications each one is")
+        ->type_name("LOG")
+        ->check(validators::notEmpty());
+    verb->add_flag("--json", typed.json, "One JSON object per line");
+    addLookTimeout(verb, typed);
+    verb->callback([&typed] {
+        typed.run = [&typed] {
+            return showClients(typed.clientsLog, typed.json, typed.lookSeconds);
         };
     });
 }
@@ -230,6 +258,7 @@ int main(int argc, char** argv) {
     addListen(app, typed);
     addRequests(app, typed);
     addStatus(app, typed);
+    addClients(app, typed);
     addTrace(app, typed);
     addRules(app, typed);
     addCodes(app, typed);

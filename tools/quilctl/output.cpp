@@ -1,5 +1,6 @@
 #include "tools/quilctl/output.hpp"
 
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 
@@ -62,4 +63,9 @@ std::string timeOfDay() {
     char text[16];
     std::strftime(text, sizeof text, "%H:%M:%S", &parts);
     return text;
+}
+
+std::chrono::milliseconds asMilliseconds(double seconds) {
+    constexpr double kMilliseconds = 1000;
+    return std::chrono::milliseconds(static_cast<std::int64_t>(std::ceil(seconds * kMilliseconds)));
 }

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <chrono>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -23,3 +24,6 @@ void addResult(nlohmann::ordered_json& object, const quilclient::Result& result)
 
 // The time of day, "12:34:56".
 std::string timeOfDay();
+
+// Rounded up, so that no time-out above 0 becomes none.
+std::chrono::milliseconds asMilliseconds(double seconds);

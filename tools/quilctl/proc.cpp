@@ -38,6 +38,7 @@ void readTable(const char* path, std::vector<TcpSocket>* sockets) {
         socket.isHeld = code == kStateEstablished || code == kStateCloseWait;
         socket.user = static_cast<uid_t>(std::strtoul(user.c_str(), nullptr, 10));
         socket.inode = inode;
+        socket.ends = local + " " + remote;
         sockets->push_back(socket);
     }
 }
@@ -55,12 +56,13 @@ bool isEnding(const std::filesystem::path& process) {
     return contentOf(process / "status").find("\nVmSize:") == std::string::npos;
 }
 
-// False only when the process is ending, or when its environment can be read and names another
-// root.
-bool mayHaveOurRoot(const std::filesystem::path& process) {
+enum class Root { Ours, Unknown, NotOurs };
+
+// NotOurs also for a process that is ending.
+Root rootOf(const std::filesystem::path& process) {
     const std::string environment = contentOf(process / "environ");
     if (environment.empty()) {
-        return !isEnding(process);
+        return isEnding(process) ? Root::NotOurs : Root::Unknown;
     }
     std::string root;
     std::istringstream variables(environment);
@@ -72,7 +74,26 @@ bool mayHaveOurRoot(const std::filesystem::path& process) {
     while (!root.empty() && root.back() == '/') {
         root.pop_back();
     }
-    return root == platformPath("");
+    return root == platformPath("") ? Root::Ours : Root::NotOurs;
+}
+
+bool isProcess(const std::string& name) {
+    return std::all_of(name.begin(), name.end(), [](char byte) {
+        return std::isdigit(static_cast<unsigned char>(byte)) != 0;
+    });
+}
+
+// The processes there are.
+std::vector<pid_t> allProcesses() {
+    std::vector<pid_t> processes;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+        const std::string name = entry.path().filename();
+        if (isProcess(name)) {
+            processes.push_back(std::atoi(name.c_str()));
+        }
+    }
+    return processes;
 }
 
 AgentProcess describe(const std::filesystem::path& process) {
@@ -89,6 +110,10 @@ AgentProcess describe(const std::filesystem::path& process) {
             agent.user = effective;
         } else if (name == "Gid:" && fields >> real >> effective) {
             agent.group = effective;
+        } else if (name == "State:") {
+            char state = 0;
+            fields >> state;
+            agent.isStopped = state == 'T' || state == 't';
         } else if (name == "Groups:") {
             agent.groups.assign(std::istream_iterator<gid_t>(fields), {});
         }
@@ -105,34 +130,60 @@ std::vector<TcpSocket> readTcpSockets() {
     return sockets;
 }
 
-std::vector<OpenSocket> readOpenSockets(pid_t process) {
+bool readOpenSockets(pid_t process, std::vector<OpenSocket>* sockets) {
     static const std::string prefix = "socket:[";
-    std::vector<OpenSocket> sockets;
+    bool isSeen = false;
     std::error_code error;
     std::filesystem::directory_iterator entry("/proc/" + std::to_string(process) + "/fd", error);
     for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
         std::error_code isGone;
         const std::string target = std::filesystem::read_symlink(entry->path(), isGone);
+        isSeen = isSeen || !isGone;
         if (target.compare(0, prefix.size(), prefix) == 0) {
-            sockets.push_back({std::atoi(entry->path().filename().c_str()),
-                               std::strtoul(target.c_str() + prefix.size(), nullptr, 10)});
+            sockets->push_back({std::atoi(entry->path().filename().c_str()),
+                                std::strtoul(target.c_str() + prefix.size(), nullptr, 10)});
         }
     }
-    return sockets;
+    return isSeen;
 }
 
-std::vector<AgentProcess> findAgents() {
-    std::vector<AgentProcess> agents;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
-        const std::string name = entry.path().filename();
-        const bool isProcess = std::all_of(name.begin(), name.end(), [](char byte) {
-            return std::isdigit(static_cast<unsigned char>(byte)) != 0;
-        });
-        if (isProcess && contentOf(entry.path() / "comm") == "quilagent\n" &&
-            mayHaveOurRoot(entry.path())) {
-            agents.push_back(describe(entry.path()));
+pid_t findHolder(unsigned long inode) {
+    for (const pid_t process : allProcesses()) {
+        std::vector<OpenSocket> sockets;
+        readOpenSockets(process, &sockets);
+        const bool isHeld = std::any_of(sockets.begin(), sockets.end(),
+                                        [&](const auto& socket) { return socket.inode == inode; });
+        if (isHeld) {
+            return process;
         }
     }
+    return 0;
+}
+
+std::string programOf(pid_t process) {
+    std::string name = contentOf("/proc/" + std::to_string(process) + "/comm");
+    if (!name.empty() && name.back() == '\n') {
+        name.pop_back();
+    }
+    return name;
+}
+
+std::vector<AgentProcess> findProcesses(const std::string& program) {
+    std::vector<AgentProcess> found;
+    for (const pid_t process : allProcesses()) {
+        const std::filesystem::path folder = "/proc/" + std::to_string(process);
+        const Root root = programOf(process) == program ? rootOf(folder) : Root::NotOurs;
+        if (root != Root::NotOurs) {
+            found.push_back(describe(folder));
+            found.back().isRootKnown = root == Root::Ours;
+        }
+    }
+    return found;
+}
+
+std::vector<AgentProcess> withoutStrangers(std::vector<AgentProcess> agents, uid_t owner) {
+    std::erase_if(agents, [owner](const AgentProcess& agent) {
+        return !agent.isRootKnown && agent.user != owner;
+    });
     return agents;
 }

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 // A running agent.
@@ -13,6 +14,8 @@ struct AgentProcess {
     uid_t user = 0;
     gid_t group = 0;
     std::vector<gid_t> groups;  // supplementary ones
+    bool isStopped = false;     // by a signal or a debugger
+    bool isRootKnown = true;    // else its QUIL_ROOT cannot be seen
 };
 
 // A TCP socket of this machine.
@@ -21,7 +24,8 @@ struct TcpSocket {
     bool isListening = false;
     bool isHeld = false;  // connected, or half closed by the other side
     uid_t user = 0;
-    unsigned long inode = 0;  // as /proc/PID/fd names it
+    unsigned long inode = 0;  // as /proc/PID/fd names it; 0 before it was accepted
+    std::string ends;         // both addresses, as the kernel writes them
 };
 
 // A socket that a process has open.
@@ -32,8 +36,19 @@ struct OpenSocket {
 
 std::vector<TcpSocket> readTcpSockets();
 
-// None when this user may not look: of a process that changed its user, only root may.
-std::vector<OpenSocket> readOpenSockets(pid_t process);
+// Appends the sockets that a process has open. False when this user may not look: of a process that
+// changed its user, only root may.
+bool readOpenSockets(pid_t process, std::vector<OpenSocket>* sockets);
 
-// Processes named "quilagent" whose QUIL_ROOT is ours, or cannot be seen.
-std::vector<AgentProcess> findAgents();
+// A process that has the socket open, 0 when none can be seen.
+pid_t findHolder(unsigned long inode);
+
+// The name of a process, "" when it is gone.
+std::string programOf(pid_t process);
+
+// Processes with this name whose QUIL_ROOT is ours, or cannot be seen.
+std::vector<AgentProcess> findProcesses(const std::string& program);
+
+// Those that can be meant: where the QUIL_ROOT of some cannot be seen and `owner` serves their
+// object, those that cannot be the server are left out.
+std::vector<AgentProcess> withoutStrangers(std::vector<AgentProcess> agents, uid_t owner);

@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 #include "tools/common/terminal.hpp"
+#include "tools/common/time_limit.hpp"
 #include "tools/quilctl/findings.hpp"
 #include "tools/quilctl/output.hpp"
 #include "tools/quilctl/status_facts.hpp"
+#include "tools/quilctl/unchecked.hpp"
 
 namespace {
 
@@ -25,16 +28,20 @@ void showAgent(const Style& style, const StatusFacts& facts) {
         row(style, "agent", "does not run", false);
     }
     for (const AgentProcess& agent : facts.agents) {
-        row(style, "agent",
-            "process " + std::to_string(agent.pid) + ", user " + userWithName(agent.user) + ", " +
-                (facts.isObjectServed ? "serves" : "does not serve") + " /pps/services/push/ipc",
-            facts.isObjectServed);
+        std::string text =
+            "process " + std::to_string(agent.pid) + ", user " + userWithName(agent.user);
+        text += agent.isStopped ? ", STOPPED by a signal" : "";
+        if (facts.service != ServiceState::Silent) {
+            text += facts.isObjectServed ? ", serves" : ", does not serve";
+            text += " /pps/services/push/ipc";
+        }
+        row(style, "agent", text, facts.isObjectServed && !agent.isStopped);
     }
 }
 
 bool isWatched(const StatusFacts& facts, const SavedSession& session) {
     return std::none_of(
-        facts.agentPorts.begin(), facts.agentPorts.end(), [&](const AgentPort& port) {
+        facts.ports.agentPorts.begin(), facts.ports.agentPorts.end(), [&](const AgentPort& port) {
             return port.port == session.port && port.descriptor > kHighestWatchedDescriptor;
         });
 }
@@ -92,7 +99,8 @@ void showForPeople(const StatusFacts& facts) {
     }
     row(style, "configuration",
         facts.configuration.isFileRead ? "/etc/quilagent.conf"
-                                       : "/etc/quilagent.conf cannot be read",
+                                       : "/etc/quilagent.conf cannot be read: " +
+                                             std::string(std::strerror(facts.configuration.error)),
         facts.configuration.isFileRead);
     for (const Setting& setting : facts.configuration.settings) {
         std::string left = "  " + setting.key;
@@ -108,10 +116,12 @@ void showForPeople(const StatusFacts& facts) {
 
 nlohmann::ordered_json asJson(const StatusFacts& facts) {
     nlohmann::ordered_json object = {{"objectService", facts.service == ServiceState::Mounted},
+                                     {"hangs", facts.service == ServiceState::Silent},
                                      {"served", facts.isObjectServed}};
     object["agents"] = nlohmann::ordered_json::array();
     for (const AgentProcess& agent : facts.agents) {
-        object["agents"].push_back({{"pid", agent.pid}, {"user", agent.user}});
+        object["agents"].push_back(
+            {{"pid", agent.pid}, {"user", agent.user}, {"stopped", agent.isStopped}});
     }
     for (const IdentityValue& value : facts.identity) {
         object["identity"][value.name] = value.value;
@@ -151,21 +161,40 @@ void showFinding(const Style& style, const Finding& finding) {
     std::printf("   next: %s\n", wrapped(visible(finding.next), 9, 9).c_str());
 }
 
+void showUnchecked(const Style& style, const Unchecked& unchecked) {
+    std::printf("%s%s\n", style.warning("not checked: ").c_str(),
+                wrapped(visible(unchecked.words + "; needs " + unchecked.needs), 13, 9).c_str());
+}
+
+// Everything that is waited for has a limit of its own; this is against what nobody thought of.
+void limitAll(double timeoutSeconds) {
+    constexpr double kSteps = 3;
+    constexpr double kMoreSeconds = 10;
+    limitTime(kSteps * timeoutSeconds + kMoreSeconds, "quilctl",
+              "status: it took too long to look at this system");
+}
+
 }  // namespace
 
-ExitStatus showStatus(bool json) {
-    const StatusFacts facts = collectFacts();
+ExitStatus showStatus(bool json, double timeoutSeconds) {
+    limitAll(timeoutSeconds);
+    const StatusFacts facts = collectFacts(false, asMilliseconds(timeoutSeconds));
     if (json) {
         printJson(asJson(facts));
     } else {
         showForPeople(facts);
     }
+    if (facts.service == ServiceState::Silent) {
+        return kTimeout;
+    }
     const bool isThere = facts.service == ServiceState::Mounted && !facts.agents.empty();
     return isThere ? kDone : kNotThere;
 }
 
-ExitStatus checkStatus(bool json) {
-    const std::vector<Finding> findings = findProblems(collectFacts());
+ExitStatus checkStatus(bool json, double timeoutSeconds) {
+    limitAll(timeoutSeconds);
+    const StatusFacts facts = collectFacts(true, asMilliseconds(timeoutSeconds));
+    const std::vector<Finding> findings = findProblems(facts);
     const Style style(stdout);
     ExitStatus status = kDone;
     for (const Finding& finding : findings) {
@@ -177,6 +206,15 @@ ExitStatus checkStatus(bool json) {
                        {"next", finding.next}});
         } else {
             showFinding(style, finding);
+        }
+    }
+    for (const Unchecked& unchecked : findUnchecked(facts)) {
+        if (json) {
+            printJson({{"unchecked", unchecked.name},
+                       {"words", unchecked.words},
+                       {"needs", unchecked.needs}});
+        } else {
+            showUnchecked(style, unchecked);
         }
     }
     if (!json && findings.empty()) {

@@ -1,7 +1,5 @@
 #include "tools/quilctl/verbs.hpp"
 
-#include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <vector>
 
@@ -37,10 +35,6 @@ std::string success(const quilclient::Request& request, const std::string& token
     return "";
 }
 
-std::chrono::milliseconds milliseconds(double seconds) {
-    return std::chrono::milliseconds(static_cast<std::int64_t>(std::ceil(seconds * 1000)));
-}
-
 std::string describe(const ChannelState& channel) {
     if (!channel.isRegistered) {
         return channel.ppgUrl.empty()
@@ -65,7 +59,8 @@ nlohmann::ordered_json asJson(const CodeInfo& info) {
 
 ExitStatus makeRequest(const char* name, const quilclient::Request& request, double timeoutSeconds,
                        bool json) {
-    const quilclient::Reply reply = quilclient::sendRequest(request, milliseconds(timeoutSeconds));
+    const quilclient::Reply reply =
+        quilclient::sendRequest(request, asMilliseconds(timeoutSeconds));
     if (json) {
         nlohmann::ordered_json object = {{"request", name}, {"app", request.appId}};
         addResult(object, reply.result);
@@ -85,7 +80,7 @@ ExitStatus makeRequest(const char* name, const quilclient::Request& request, dou
 
 ExitStatus queryChannel(const std::string& appId, double timeoutSeconds, bool json) {
     const quilclient::Reply reply =
-        quilclient::sendRequest({Verb::QueryChannel, appId, ""}, milliseconds(timeoutSeconds));
+        quilclient::sendRequest({Verb::QueryChannel, appId, ""}, asMilliseconds(timeoutSeconds));
     const ChannelState& channel = reply.channel;
     if (json) {
         nlohmann::ordered_json object = {{"request", "query-channel"}, {"app", appId}};

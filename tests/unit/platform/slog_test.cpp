@@ -391,6 +391,19 @@ TEST_F(Slog, DaemonStartedAnewGetsTheNextLines) {
     EXPECT_EQ(allLines(), std::vector<std::string>(3, priority(6) + "text"));
 }
 
+TEST_F(Slog, DaemonStartedAnewAgainAndAgainGetsTheNextLines) {
+    const std::vector<SlogEntry> entries(3, {5, "text", 4});
+    slogLines(11000, entries.data(), entries.size());
+    EXPECT_EQ(allLines(), std::vector<std::string>(3, priority(6) + "text"));
+    for (int i = 0; i < 3; ++i) {
+        endDaemon();
+        m_log = listenForLines();
+        slogLines(11000, entries.data(), entries.size());
+        EXPECT_EQ(allLines(), std::vector<std::string>(3, priority(6) + "text"))
+            << "behind restart " << i;
+    }
+}
+
 TEST_F(Slog, DaemonThatDoesNotReadLosesLinesNeverTime) {
     constexpr int kLines = 10000;
     const auto start = Clock::now();

@@ -4,7 +4,21 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
+#include "tools/quilctl/unchecked.hpp"
+
 namespace {
+
+SavedSession session(const std::string& appId, int port) {
+    SavedSession saved;
+    saved.appId = appId;
+    saved.ppgUrl = "http://x";
+    saved.port = port;
+    saved.isListening = true;
+    saved.listener = 44;
+    return saved;
+}
 
 class FindingsTest : public ::testing::Test {
   protected:
@@ -12,6 +26,11 @@ class FindingsTest : public ::testing::Test {
         m_facts.service = ServiceState::Mounted;
         m_facts.agents = {{7, 44, 44, {}}};
         m_facts.isObjectServed = true;
+        m_facts.objectMode = 0666;
+        m_facts.objectOwner = 44;
+        m_facts.ports.areAllDescriptorsSeen = true;
+        m_facts.store = {true, 1 << 30, 1 << 30, true, false, ""};
+        m_facts.probe.outcome = ProbeResult::Answered;
         m_facts.configuration.isFileRead = true;
         m_facts.configuration.settings = {{"proxy-host", "127.0.0.1", "default"},
                                           {"proxy-port", "0", "line 1"},
@@ -20,10 +39,21 @@ class FindingsTest : public ::testing::Test {
                                           {"http-timeout", "60", "line 2"}};
         m_facts.isProxyLocal = true;
         for (const char* name : {"PIN", "model", "OS version", "IMSI"}) {
-            m_facts.identity.push_back({name, "/pps/x", name, "1", "", true});
+            m_facts.identity.push_back({name, "/pps/x", name, "1", "", true, false});
         }
         m_facts.saved = {true, true, true, 200, "1", 44, true, {}};
-        m_facts.saved.sessions.push_back({"com.app", "http://x", "", 4400, true, 44, 0});
+        m_facts.saved.sessions.push_back(session("com.app", 4400));
+    }
+
+    // The names of what could not be looked at.
+    std::string unchecked() {
+        std::string names;
+        for (const Unchecked& unchecked : findUnchecked(m_facts)) {
+            EXPECT_FALSE(unchecked.words.empty()) << unchecked.name;
+            EXPECT_FALSE(unchecked.needs.empty()) << unchecked.name;
+            names += (names.empty() ? "" : " ") + unchecked.name;
+        }
+        return names;
     }
 
     // The names of the findings, "?" behind a warning.
@@ -52,6 +82,92 @@ class FindingsTest : public ::testing::Test {
 
 TEST_F(FindingsTest, SoundSystemHasNone) {
     EXPECT_EQ(found(), "");
+    EXPECT_EQ(unchecked(), "");
+}
+
+TEST_F(FindingsTest, ObjectServiceThatHangsHidesEverythingInIt) {
+    m_facts.service = ServiceState::Silent;
+    EXPECT_EQ(found(), "service-hangs");
+    EXPECT_EQ(findProblems(m_facts)[0].words.find("stopped"), std::string::npos);
+    m_facts.stoppedService = 12;
+    EXPECT_NE(findProblems(m_facts)[0].words.find("process 12, was stopped"), std::string::npos);
+    EXPECT_EQ(findProblems(m_facts)[0].next, "let it run on: kill -CONT 12");
+    EXPECT_EQ(unchecked(), "objects");
+}
+
+TEST_F(FindingsTest, AgentThatDoesNotAnswer) {
+    m_facts.probe.outcome = ProbeResult::Silent;
+    EXPECT_EQ(found(), "agent-hangs");
+    m_facts.probe.outcome = ProbeResult::HungUp;
+    EXPECT_EQ(found(), "agent-hangs");
+    m_facts.probe.outcome = ProbeResult::Abandoned;
+    EXPECT_EQ(found(), "service-hangs");
+    m_facts.probe.outcome = ProbeResult::Silent;
+    m_facts.agents[0].isStopped = true;
+    EXPECT_EQ(found(), "agent-stopped");
+}
+
+TEST_F(FindingsTest, AgentThatCouldNotBeAskedIsSaidNotToHaveBeen) {
+    m_facts.probe = {ProbeResult::Refused, "Too many open files"};
+    EXPECT_EQ(found(), "");
+    EXPECT_EQ(unchecked(), "probe");
+    m_facts.probe = {ProbeResult::NotTried, ""};
+    EXPECT_EQ(unchecked(), "probe");
+}
+
+TEST_F(FindingsTest, RightsOfThePushObject) {
+    m_facts.objectMode = 0660;
+    EXPECT_EQ(found(), "object-mode");
+    EXPECT_NE(findProblems(m_facts)[0].words.find("mode 0660"), std::string::npos);
+    m_facts.objectMode = 0777;
+    m_facts.closedFolders = {"/pps/services/push"};
+    EXPECT_EQ(found(), "folder-mode");
+    m_facts.closedFolders.clear();
+    m_facts.objectOwner = 1000;
+    EXPECT_EQ(found(), "object-owner?");
+}
+
+TEST_F(FindingsTest, StoreThatCannotBeWrittenOrIsNearlyFull) {
+    m_facts.store.problem = "No space left on device";
+    EXPECT_EQ(found(), "store");
+    m_facts.store.problem = "";
+    m_facts.store.isSlow = true;
+    EXPECT_EQ(found(), "store");
+    m_facts.store.isSlow = false;
+    m_facts.store.freeBytes = 1000;
+    EXPECT_EQ(found(), "store-nearly-full?");
+    m_facts.store.totalBytes = 0;
+    EXPECT_EQ(found(), "") << "a disk that does not tell";
+    m_facts.store.isTried = false;
+    EXPECT_EQ(unchecked(), "store");
+}
+
+TEST_F(FindingsTest, PushesThatWait) {
+    m_facts.saved.sessions[0].heldConnections = 3;
+    EXPECT_EQ(found(), "") << "they may be answered any moment";
+    m_facts.saved.sessions[0].waitingConnections = 3;
+    EXPECT_EQ(found(), "pushes-wait?");
+    EXPECT_EQ(findProblems(m_facts)[0].words,
+              "3 pushes wait for an answer on port 4400 of com.app");
+    m_facts.saved.sessions[0].unaccepted = 2;
+    EXPECT_EQ(findProblems(m_facts)[0].words,
+              "3 pushes wait for an answer on port 4400 of com.app, 2 of them not taken off the "
+              "port yet");
+}
+
+TEST_F(FindingsTest, WhatThisUserMayNotReadIsNotJudged) {
+    m_facts.configuration.isFileRead = false;
+    m_facts.configuration.error = EACCES;
+    set("proxy-port", "287");
+    set("http-timeout", "0");
+    m_facts.areRulesClosed = true;
+    m_facts.ports.areAllDescriptorsSeen = false;
+    m_facts.strangers = 1;
+    m_facts.identity[0].problem = "Permission denied";
+    m_facts.identity[0].isClosedToUs = true;
+    m_facts.saved.isReadable = false;
+    EXPECT_EQ(found(), "");
+    EXPECT_EQ(unchecked(), "configuration rules agent-root descriptors identity sessions");
 }
 
 TEST_F(FindingsTest, ObjectServiceMissingOrDead) {
@@ -83,7 +199,7 @@ TEST_F(FindingsTest, OrdinaryObjectInThePlaceOfTheAgents) {
 }
 
 TEST_F(FindingsTest, OnePortOfTwoSessions) {
-    m_facts.saved.sessions.push_back({"com.other", "http://x", "", 4401, true, 44, 0});
+    m_facts.saved.sessions.push_back(session("com.other", 4401));
     EXPECT_EQ(found(), "");
     m_facts.saved.sessions[1].port = 4400;
     EXPECT_EQ(found(), "port-shared");
@@ -91,7 +207,7 @@ TEST_F(FindingsTest, OnePortOfTwoSessions) {
                   "port 4400 was given to com.app and com.other: one of them gets"),
               0U)
         << findProblems(m_facts)[0].words;
-    m_facts.saved.sessions.push_back({"com.third", "http://x", "", 4400, true, 44, 0});
+    m_facts.saved.sessions.push_back(session("com.third", 4400));
     EXPECT_EQ(found(), "port-shared");
     for (SavedSession& session : m_facts.saved.sessions) {
         session.port = -1;
@@ -132,8 +248,12 @@ TEST_F(FindingsTest, SimChanged) {
 
 TEST_F(FindingsTest, ConfigurationMissingOrOdd) {
     m_facts.configuration.isFileRead = false;
+    m_facts.configuration.error = ENOENT;
     m_facts.configuration.problems = {"line 1 is odd"};
     EXPECT_EQ(found(), "configuration no-configuration?");
+    m_facts.configuration.problems.clear();
+    m_facts.configuration.error = EISDIR;
+    EXPECT_EQ(found(), "configuration-unreadable");
 }
 
 TEST_F(FindingsTest, ProxyInTheWay) {
@@ -171,9 +291,9 @@ TEST_F(FindingsTest, SavedSessionsForbiddenTooLongOrDamaged) {
 }
 
 TEST_F(FindingsTest, PortBeyondWhatTheAgentWatches) {
-    m_facts.agentPorts = {{4400, 255, "com.app"}};
+    m_facts.ports.agentPorts = {{4400, 255, "com.app"}};
     EXPECT_EQ(found(), "");
-    m_facts.agentPorts = {{4400, 256, "com.app"}, {4401, 300, ""}};
+    m_facts.ports.agentPorts = {{4400, 256, "com.app"}, {4401, 300, ""}};
     EXPECT_EQ(found(), "port-unwatched port-unwatched");
     const std::vector<Finding> findings = findProblems(m_facts);
     ASSERT_EQ(findings.size(), 2U);
@@ -184,6 +304,12 @@ TEST_F(FindingsTest, PortBeyondWhatTheAgentWatches) {
 TEST_F(FindingsTest, PortSilentOrTaken) {
     m_facts.saved.sessions[0].listener = 1000;
     EXPECT_EQ(found(), "port-taken");
+    m_facts.saved.sessions[0].listener = 44;
+    m_facts.saved.sessions[0].isForeign = true;
+    m_facts.saved.sessions[0].holder = "nc, process 12";
+    EXPECT_EQ(found(), "port-taken");
+    EXPECT_NE(findProblems(m_facts)[0].words.find("(nc, process 12) listens on port 4400"),
+              std::string::npos);
     m_facts.saved.sessions[0].isListening = false;
     EXPECT_EQ(found(), "port-silent");
     m_facts.agents.clear();

@@ -191,3 +191,24 @@ TEST_F(PushDelivery, PushThatMemoryRunsOutForIsClosed) {
         EXPECT_EQ(fcntl(accepted, F_GETFD), -1);
     }
 }
+
+// Nobody will ever answer it.
+TEST_F(PushDelivery, KeptPushThatMemoryRunsOutForIsClosedToo) {
+    constexpr std::size_t kDataBytes = 9000;
+    QuilSession* session = addSession<QuilRegisterState>("app", "@ipc.17");
+    int accepted = -1;
+    const int sender = openConnection(&accepted);
+    const std::string bytes = "POST /x HTTP/1.1\r\nContent-Length: " + std::to_string(kDataBytes) +
+                              "\r\nPush-Message-ID: m1\r\n\r\n" + std::string(kDataBytes, 'x');
+    auto push = std::make_unique<QuilPushMessage>("app", "@ipc.17");
+    push->setPayload(bytes.data(), static_cast<int>(bytes.size()));
+    push->createData();
+    push->setSocket(accepted);
+    {
+        const FailingAllocations noNotification(kDataBytes, 10 * kDataBytes);
+        EXPECT_THROW(pushNotification(std::move(push)), std::bad_alloc);
+    }
+    EXPECT_EQ(repliesSoFar(), "");
+    EXPECT_EQ(session->getPushSocket(" m1"), nullptr);
+    EXPECT_EQ(readToEnd(sender), "");
+}

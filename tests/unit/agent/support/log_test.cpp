@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -352,6 +353,34 @@ TEST(BufferedLog, LinesOfSeveralThreadsStandInTheOrderInWhichTheyCame) {
     }
     flushLogEcho();
     EXPECT_EQ(recordedText(), expected);
+}
+
+// A process that ends behind it takes the other threads with it.
+TEST(BufferedLog, FinishWritesOutAllLinesAlsoWhileOthersWrite) {
+    CapturedOutput output;
+    bufferLogEcho();
+    std::atomic<bool> isEnding{false};
+    std::vector<std::thread> others;
+    for (int i = 0; i < 3; ++i) {
+        others.emplace_back([&isEnding] {
+            while (!isEnding) {
+                logMessage(5, nullptr, 0, "other");
+                flushLogEcho();
+            }
+        });
+    }
+    int missing = 0;
+    for (int i = 0; i < 300; ++i) {
+        clearRecordedLines();
+        logMessage(5, nullptr, 0, "last");
+        finishLogEcho();
+        missing += wasLogged(5, "last") ? 0 : 1;
+    }
+    isEnding = true;
+    for (std::thread& other : others) {
+        other.join();
+    }
+    EXPECT_EQ(missing, 0);
 }
 
 TEST(BufferedLog, TextsOfEveryLengthAreWholeAndCutAt4095) {

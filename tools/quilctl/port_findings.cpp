@@ -1,0 +1,95 @@
+#include "tools/quilctl/port_findings.hpp"
+
+#include <map>
+#include <set>
+
+namespace {
+
+std::string portOf(const SavedSession& session) {
+    return "port " + std::to_string(session.port) + " of " + session.appId;
+}
+
+// The push server gives out ports, and is free to give one twice. Only one session can listen on
+// it, and which one may change with every start.
+void judgeSharedPorts(const StatusFacts& facts, Findings& findings) {
+    std::map<int, std::set<std::string>> applications;
+    for (const SavedSession& session : facts.saved.sessions) {
+        applications[session.port].insert(session.appId);
+    }
+    for (const auto& [port, names] : applications) {
+        if (port <= 0 || names.size() < 2) {
+            continue;
+        }
+        std::string list;
+        for (const std::string& name : names) {
+            list += list.empty() ? name : " and " + name;
+        }
+        add(findings, "port-shared",
+            "port " + std::to_string(port) + " was given to " + list +
+                ": one of them gets the pushes of all, which one may change when the agent starts",
+            "the push server has to give each application a port of its own; then create their "
+            "channels again");
+    }
+}
+
+void judgeListening(const StatusFacts& facts, Findings& findings) {
+    for (const SavedSession& session : facts.saved.sessions) {
+        if (!session.isListening) {
+            add(findings, "port-silent", "nobody listens on " + portOf(session),
+                "the port was taken when the agent wanted it, or listen-address is wrong: see "
+                "'Failed to bind' in its log, then create the channel again");
+        } else if (session.listener != facts.agents.front().user) {
+            add(findings, "port-taken",
+                "another user (" + std::to_string(session.listener) + ") listens on " +
+                    portOf(session),
+                "end that program, or create the channel again to get another port");
+        } else if (session.isForeign) {
+            add(findings, "port-taken",
+                "another process of the agent's user (" + session.holder + ") listens on " +
+                    portOf(session),
+                "end that program, or create the channel again to get another port");
+        }
+    }
+}
+
+void judgeDescriptors(const StatusFacts& facts, Findings& findings) {
+    for (const AgentPort& port : facts.ports.agentPorts) {
+        if (port.descriptor <= kHighestWatchedDescriptor) {
+            continue;
+        }
+        add(findings, "port-unwatched",
+            "port " + std::to_string(port.port) + (port.appId.empty() ? "" : " of " + port.appId) +
+                " is on descriptor " + std::to_string(port.descriptor) +
+                " of the agent, which watches none above " +
+                std::to_string(kHighestWatchedDescriptor) + ": pushes wait there for ever",
+            "destroy channels that nobody needs, then create this one again");
+    }
+}
+
+void judgeWaiting(const StatusFacts& facts, Findings& findings) {
+    for (const SavedSession& session : facts.saved.sessions) {
+        if (session.waitingConnections == 0) {
+            continue;
+        }
+        const std::string count = std::to_string(session.waitingConnections);
+        warn(findings, "pushes-wait",
+             count + (session.waitingConnections == 1 ? " push waits" : " pushes wait") +
+                 " for an answer on " + portOf(session) +
+                 (session.unaccepted == 0 ? ""
+                                          : ", " + std::to_string(session.unaccepted) +
+                                                " of them not taken off the port yet"),
+             "see whether the application is connected (quilctl clients) and answers; how long "
+             "each waits: quilctl trace");
+    }
+}
+
+}  // namespace
+
+void judgePorts(const StatusFacts& facts, Findings& findings) {
+    judgeSharedPorts(facts, findings);
+    if (!facts.agents.empty()) {
+        judgeListening(facts, findings);
+    }
+    judgeDescriptors(facts, findings);
+    judgeWaiting(facts, findings);
+}
