@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "tools/common/validators.hpp"
+#include "tools/quilctl/codes.hpp"
 #include "tools/quilctl/listen.hpp"
 #include "tools/quilctl/rules.hpp"
 #include "tools/quilctl/status.hpp"
@@ -130,14 +131,12 @@ void addRequests(CLI::App& app, Typed& typed) {
 }
 
 void addCodes(CLI::App& app, Typed& typed) {
-    CLI::App* verb = app.add_subcommand("codes", "Explain result codes");
-    verb->add_option("CODE", typed.code, "Only this one");
+    CLI::App* verb = app.add_subcommand("codes", "Explain numbers: err, rc, libcurl's");
+    verb->add_option("CODE", typed.code, "Only this number, in all that it can mean")
+        ->check(validators::wholeNumber());
     verb->add_flag("--json", typed.json, "One JSON object per line");
-    verb->callback([&typed] {
-        typed.run = [&typed] {
-            return explainCodes(typed.code ? &*typed.code : nullptr, typed.json);
-        };
-    });
+    verb->callback(
+        [&typed] { typed.run = [&typed] { return explainCodes(typed.code, typed.json); }; });
 }
 
 void addStatus(CLI::App& app, Typed& typed) {

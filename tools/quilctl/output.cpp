@@ -1,5 +1,6 @@
 #include "tools/quilctl/output.hpp"
 
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 
@@ -53,6 +54,18 @@ void addResult(nlohmann::ordered_json& object, const Result& result) {
         object["origin"] = info.origin;
         object["next"] = info.nextStep;
     }
+}
+
+std::string clockText(const std::optional<double>& seconds) {
+    constexpr double kDay = 86400;
+    if (!seconds) {
+        return "--:--:--.---";
+    }
+    const auto milliseconds = static_cast<long>(std::floor(std::fmod(*seconds, kDay) * 1000 + 0.5));
+    char text[32];
+    std::snprintf(text, sizeof text, "%02ld:%02ld:%02ld.%03ld", milliseconds / 3600000 % 24,
+                  milliseconds / 60000 % 60, milliseconds / 1000 % 60, milliseconds % 1000);
+    return text;
 }
 
 std::string timeOfDay() {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 
 #include "quilclient/result.hpp"
@@ -21,5 +22,8 @@ void printFailure(const std::string& subject, const quilclient::Result& result);
 // Adds "code", and for a failure "words", "origin" and "next", to `object`.
 void addResult(nlohmann::ordered_json& object, const quilclient::Result& result);
 
-// The time of day, "12:34:56".
+// The time of day of a number of seconds, "12:34:56.789", or dashes for none.
+std::string clockText(const std::optional<double>& seconds);
+
+// The time of day now, "12:34:56".
 std::string timeOfDay();

@@ -2,12 +2,10 @@
 
 #include <cmath>
 #include <cstdio>
-#include <vector>
 
 #include "tools/common/terminal.hpp"
 #include "tools/quilctl/output.hpp"
 
-using quilclient::CodeInfo;
 using quilclient::Verb;
 
 namespace {
@@ -33,13 +31,6 @@ std::string success(const quilclient::Request& request, const std::string& token
     return "";
 }
 
-nlohmann::ordered_json asJson(const CodeInfo& info) {
-    return {{"code", info.code},
-            {"origin", info.origin},
-            {"meaning", info.meaning},
-            {"next", info.nextStep}};
-}
-
 }  // namespace
 
 ExitStatus makeRequest(const char* name, const quilclient::Request& request, double timeoutSeconds,
@@ -62,22 +53,4 @@ ExitStatus makeRequest(const char* name, const quilclient::Request& request, dou
         std::printf("%s\n", wrapped(visible(words), 0, 0).c_str());
     }
     return exitStatusOf(reply.result);
-}
-
-ExitStatus explainCodes(const int* code, bool json) {
-    const std::vector<CodeInfo> all =
-        code == nullptr ? quilclient::knownCodes() : std::vector{quilclient::explain(*code)};
-    const Style style(stdout);
-    for (const CodeInfo& info : all) {
-        if (json) {
-            printJson(asJson(info));
-            continue;
-        }
-        char start[32];
-        std::snprintf(start, sizeof start, "%6d  ", info.code);
-        std::printf("%s%s\n", style.strong(start).c_str(), wrapped(info.meaning, 8, 8).c_str());
-        std::printf("        %s\n", wrapped("next: " + std::string(info.nextStep), 8, 14).c_str());
-        std::printf("        from: %s\n", std::string(info.origin).c_str());
-    }
-    return kDone;
 }

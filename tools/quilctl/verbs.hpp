@@ -8,6 +8,3 @@
 // Makes the request, shows its outcome and gives the exit status. `name` is the verb as typed.
 ExitStatus makeRequest(const char* name, const quilclient::Request& request, double timeoutSeconds,
                        bool json);
-
-// quilctl codes: explains `code`, or with null all that are known by number.
-ExitStatus explainCodes(const int* code, bool json);
