@@ -208,6 +208,12 @@ ChannelTrace* ChannelTracer::findInTrouble(std::string_view text) {
     return count == 1 ? only : nullptr;
 }
 
+const char* kindOf(const ChannelTrace& channel) {
+    return channel.isRestored     ? "restoreChannel"
+           : channel.isDestroying ? "destroyChannel"
+                                  : "createChannel";
+}
+
 std::string outcomeOf(const ChannelTrace& channel) {
     if (channel.isRestored) {
         return "channel of before, but nobody listens: " + channel.trouble;

@@ -57,5 +57,8 @@ class ChannelTracer {
     std::string m_lookedFor;             // device value that is being read
 };
 
+// The request it is about, such as "createChannel".
+const char* kindOf(const ChannelTrace& channel);
+
 // In words, such as "channel created".
 std::string outcomeOf(const ChannelTrace& channel);

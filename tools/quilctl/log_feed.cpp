@@ -29,6 +29,7 @@ bool LogFeed::take(std::string_view line) {
     if (!time && m_isLive) {
         time = timeOfArrival();
     }
-    m_tracer.take(parsed->text, time ? std::optional<double>(m_clock.next(*time)) : std::nullopt);
+    m_now = time ? std::optional<double>(m_clock.next(*time)) : std::nullopt;
+    m_tracer.take(parsed->text, m_now);
     return true;
 }

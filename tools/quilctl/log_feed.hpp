@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <optional>
 #include <string_view>
 
 #include "tools/quilctl/log_line.hpp"
@@ -16,8 +17,12 @@ class LogFeed {
     // One line without its line feed. False for one that is none of the agent's.
     bool take(std::string_view line);
 
+    // The time of the last line, where it has one.
+    const std::optional<double>& now() const { return m_now; }
+
   private:
     LogTracer& m_tracer;
     bool m_isLive;
     RunningTime m_clock;
+    std::optional<double> m_now;
 };

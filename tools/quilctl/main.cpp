@@ -7,6 +7,7 @@
 #include "tools/common/validators.hpp"
 #include "tools/quilctl/codes.hpp"
 #include "tools/quilctl/listen.hpp"
+#include "tools/quilctl/monitor.hpp"
 #include "tools/quilctl/rules.hpp"
 #include "tools/quilctl/status.hpp"
 #include "tools/quilctl/trace.hpp"
@@ -38,6 +39,7 @@ struct Typed {
     std::optional<int> code;
     std::string logFile = "-";
     double slowSeconds = 1;
+    MonitorOptions monitor;
     bool isChecking = false;
     std::string user;
     std::string rulesFile;  // "" for that of the configuration
@@ -166,6 +168,21 @@ void addTrace(CLI::App& app, Typed& typed) {
     });
 }
 
+void addMonitor(CLI::App& app, Typed& typed) {
+    CLI::App* verb = app.add_subcommand("monitor", "Show pushes and requests as they happen");
+    MonitorOptions& options = typed.monitor;
+    verb->add_option("LOG", options.log,
+                     "The agent's log, also when it is rotated;\n"
+                     "- is standard input, nothing the journal")
+        ->check(validators::notEmpty());
+    verb->add_option("--app", options.appId, "Only what concerns this application")
+        ->type_name("APP")
+        ->check(validators::notEmpty());
+    verb->add_flag("--all", options.fromStart, "Also what the log holds already");
+    verb->add_flag("--json", options.json, "One JSON object per line");
+    verb->callback([&typed] { typed.run = [&typed] { return monitorLog(typed.monitor); }; });
+}
+
 void addRules(CLI::App& app, Typed& typed) {
     CLI::App* verb = app.add_subcommand("rules", "Check the rules of who may act for what");
     verb->require_subcommand(1);
@@ -206,6 +223,7 @@ int main(int argc, char** argv) {
     addRequests(app, typed);
     addStatus(app, typed);
     addTrace(app, typed);
+    addMonitor(app, typed);
     addRules(app, typed);
     addCodes(app, typed);
     try {

@@ -46,6 +46,12 @@ void printFailure(const std::string& subject, const Result& result) {
                  wrapped(quilclient::explain(result.code).nextStep, 9, 9).c_str());
 }
 
+void printTrouble(const std::string& words, const std::string& next) {
+    const Style style(stderr);
+    std::fprintf(stderr, "%s %s\n   next: %s\n", style.bad("quilctl:").c_str(),
+                 visible(words).c_str(), next.c_str());
+}
+
 void addResult(nlohmann::ordered_json& object, const Result& result) {
     object["code"] = result.code;
     if (!result.ok()) {

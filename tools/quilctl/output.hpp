@@ -19,6 +19,9 @@ void printJson(const nlohmann::ordered_json& object);
 // attempted, such as "create-channel com.example.app".
 void printFailure(const std::string& subject, const quilclient::Result& result);
 
+// What went wrong without a code, and the next step, on standard error.
+void printTrouble(const std::string& words, const std::string& next);
+
 // Adds "code", and for a failure "words", "origin" and "next", to `object`.
 void addResult(nlohmann::ordered_json& object, const quilclient::Result& result);
 

@@ -13,7 +13,7 @@ constexpr int kTypePush = 5;
 // An agent keeps no more connections for one session; those of pushes for which nobody waits look
 // the same without -v.
 constexpr std::size_t kMostDelivered = 16384;
-constexpr const char* kIdInUse = "delivered, but its id was in use: its connection was closed";
+constexpr const char* kIdInUse = "its id was in use: its connection was closed";
 
 std::optional<PushTrace> takeFirstOf(std::deque<PushTrace>* pushes, const std::string& appId) {
     for (auto push = pushes->begin(); push != pushes->end(); ++push) {
@@ -120,8 +120,8 @@ bool PushTracer::takeLetGo(std::string_view text) {
                                .value_or(between(text, "push id[", "] hung up").value_or(""));
     const auto push = findDelivered(hungUp || !m_handled ? "" : m_handled->appId, id);
     if (push != m_delivered.end()) {
-        push->trouble = hungUp ? "delivered, not answered: its sender hung up"
-                               : "delivered, not answered: closed, too many wait";
+        push->trouble =
+            hungUp ? "not answered: its sender hung up" : "closed without an answer: too many wait";
         endDelivered(push);
     }
     return true;
@@ -152,6 +152,7 @@ void PushTracer::takePush() {
     if (m_queue.empty() && m_receiving && m_receiving->bytes >= 0) {
         m_receiving->queued = m_now;
         m_handled = std::exchange(m_receiving, std::nullopt);
+        onArrival(*m_handled);
     } else if (!m_queue.empty()) {
         m_handled = m_queue.front();
         m_queue.pop_front();
@@ -187,7 +188,7 @@ bool PushTracer::takeKeeping(std::string_view text) {
     if (contains(text, ": adding push id[")) {
         m_handled->id = between(text, "push id[", "] socket").value_or("");
     } else if (contains(text, ": exception occurred")) {
-        m_handled->trouble = "delivered, but its connection was closed for want of memory";
+        m_handled->trouble = "its connection was closed for want of memory";
     } else if (contains(text, "return_code = 0") && m_handled->trouble.empty()) {
         m_handled->trouble = kIdInUse;
     }

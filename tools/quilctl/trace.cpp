@@ -42,15 +42,9 @@ std::vector<Stage> stagesOf(const ChannelTrace& channel) {
             {"server", difference(channel.taken, channel.ended), channel.hasEnded}};
 }
 
-const char* kindOf(const ChannelTrace& channel) {
-    return channel.isRestored     ? "restoreChannel"
-           : channel.isDestroying ? "destroyChannel"
-                                  : "createChannel";
-}
-
 std::string outcomeOf(const PushTrace& push) {
     if (!push.trouble.empty()) {
-        return push.trouble;
+        return (push.wasDelivered ? "delivered, but " : "") + push.trouble;
     }
     if (!push.answer.empty()) {
         return push.answer;
@@ -167,9 +161,7 @@ std::size_t readLog(std::istream& input, bool isLive, LogTracer& tracer) {
 }
 
 ExitStatus fail(const std::string& words, const std::string& next, ExitStatus status) {
-    const Style style(stderr);
-    std::fprintf(stderr, "%s %s\n   next: %s\n", style.bad("quilctl:").c_str(),
-                 visible(words).c_str(), next.c_str());
+    printTrouble(words, next);
     return status;
 }
 

@@ -286,8 +286,7 @@ TEST_F(Tracing, NamesThePushWhoseIdIsInUse) {
         log({"sendMessage: Callback [pushNotification] for client id[@ipc.1] err[0] has data[1]",
              "addData: name [Push-Message-ID] value[ m1]", "Wrote 144 bytes to pps."});
     }
-    EXPECT_EQ(m_shown,
-              "a ' m1' 68 delivered delivered, but its id was in use: its connection was closed\n");
+    EXPECT_EQ(m_shown, "a ' m1' 68 delivered its id was in use: its connection was closed\n");
     m_shown.clear();
     answer("acceptPush", " m1");
     EXPECT_EQ(m_shown, "a ' m1' 68 delivered accepted\n");
@@ -305,7 +304,7 @@ TEST_F(Tracing, NamesThePushWhoseIdWasInUseWhenItIsAnswered) {
     log({"acceptPush called and Push id [ m1].", "providerAppID is a\n",
          "Failed to find pushId[ m1]", "quilAgentLoop: All the valid ports are"});
     EXPECT_EQ(m_shown,
-              "a ' m1' 2 delivered accepteddelivered, but its id was in use: its connection was "
+              "a ' m1' 2 delivered acceptedits id was in use: its connection was "
               "closed\n");
 }
 
@@ -337,12 +336,12 @@ TEST_F(Tracing, TellsOfPushesWhoseConnectionIsLetGo) {
         deliver(id);
     }
     log({"QuilSession: sender of push id[m2] hung up, let go"});
-    EXPECT_EQ(m_shown, "a 'm2' 1 delivered delivered, not answered: its sender hung up\n");
+    EXPECT_EQ(m_shown, "a 'm2' 1 delivered not answered: its sender hung up\n");
     m_shown.clear();
     receive("a", "2");
     log({"5 received", "app id[a] clientId[@ipc.1]",
          "QuilSession::addPushSocket: oldest push id[m1] given up: 8192 wait for an answer"});
-    EXPECT_EQ(m_shown, "a 'm1' 1 delivered delivered, not answered: closed, too many wait\n");
+    EXPECT_EQ(m_shown, "a 'm1' 1 delivered closed without an answer: too many wait\n");
 }
 
 TEST_F(Tracing, ForgetsTheOldestOfManyPushesThatAreNotAnswered) {
@@ -411,4 +410,25 @@ TEST_F(Tracing, BeginsAnewWithTheAgent) {
     deliver("m1", "b");
     answer("acceptPush", "m1");
     EXPECT_EQ(m_shown, "b 'm1' 2 delivered accepted\n");
+}
+
+TEST_F(Tracing, TellsOfThePushAsItComesAndGoes) {
+    m_tracer.pushes.onArrival = [this](const PushTrace& push) {
+        m_shown +=
+            "arrived " + push.appId + " '" + push.id + "' " + std::to_string(push.bytes) + "\n";
+    };
+    m_tracer.pushes.onDelivery = [this](const PushTrace& push) {
+        m_shown += "delivered " + push.appId + " '" + push.id + "'\n";
+    };
+    receive("a", "68");
+    deliver("m1");
+    EXPECT_EQ(m_shown, "arrived a '' 68\ndelivered a 'm1'\n");
+    m_shown.clear();
+    // Handled by the thread that read it, with -v.
+    log({"quilAgentLoop: Port 1 receiving data for App id [a]",
+         "serverIfProcessData 1: recved [69] bytes of data",
+         "found [Push-Message-ID] and value [ m2]"});
+    deliver(" m2");
+    log({"quilAgentLoop: serverIfProcessData port [1] fd[9]"});
+    EXPECT_EQ(m_shown, "arrived a ' m2' 69\ndelivered a ' m2'\n");
 }
