@@ -130,7 +130,17 @@ int serve(const CommandLine& commandLine, Background* background) {
     const std::string storePath = absolutePath(commandLine.store);
     Accounts accounts(commandLine.shares);
     OpenFiles files;
-    Store store(storePath, files, complain, accounts);
+    // Called on the threads of the service and of the disk, on that one only once there is a mount.
+    bool isInBackground = false;
+    Store store(
+        storePath, files,
+        [&isInBackground](const std::string& text) {
+            complain(text);
+            if (isInBackground) {
+                syslog(LOG_WARNING, "%s", text.c_str());
+            }
+        },
+        accounts);
     // The store first: of two services on one store, the second must not disturb the mount.
     const int loadError = store.load();
     if (loadError != 0) {
@@ -158,6 +168,7 @@ int serve(const CommandLine& commandLine, Background* background) {
         complain("cannot go to the background");
         return 1;
     }
+    isInBackground = background != nullptr;
     notifyManager();
     const int loopError = loop.run();
     if (loopError != 0) {

@@ -2,7 +2,7 @@
 
 _quilctl() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local verbs="listen create-session create-channel destroy-channel query-channel register-launch unregister-launch accept reject status clients trace rules codes"
+    local verbs="listen create-session create-channel destroy-channel query-channel register-launch unregister-launch accept reject status clients trace monitor rules codes"
     local verb=${COMP_WORDS[1]} options="--help"
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
@@ -17,7 +17,7 @@ _quilctl() {
         --file | --log) mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
         --save) mapfile -t COMPREPLY < <(compgen -d -- "$current"); return ;;
         --exec) mapfile -t COMPREPLY < <(compgen -c -- "$current"); return ;;
-        --ppg | --count | --timeout | --slow) return ;;
+        --ppg | --count | --timeout | --slow | --app) return ;;
     esac
     case $verb in
         listen) options+=" --ppg --accept --reject --ask --exec --save --json --count --timeout" ;;
@@ -27,6 +27,7 @@ _quilctl() {
         status) options+=" --check --json --timeout" ;;
         clients) options+=" --log --json --timeout" ;;
         trace) options+=" --json --slow" ;;
+        monitor) options+=" --app --all --json" ;;
         codes) options+=" --json" ;;
         rules)
             case ${COMP_WORDS[2]} in
@@ -34,7 +35,7 @@ _quilctl() {
                 explain) options+=" --file --json" ;;
             esac ;;
     esac
-    if [[ $current != -* && ($verb == trace || "$verb ${COMP_WORDS[2]}" == "rules check") ]]; then
+    if [[ $current != -* && ($verb == trace || $verb == monitor || "$verb ${COMP_WORDS[2]}" == "rules check") ]]; then
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
         return
     fi

@@ -123,6 +123,7 @@ void Changes::doWork() noexcept {
         m_disk.saveAll(m_batch.m_saves);
         if (m_batch.m_work) {
             m_batch.m_workError = m_batch.m_work();
+            m_disk.noteChange(m_batch.m_workError);
         }
     } catch (const std::bad_alloc&) {
         m_batch.m_workError = ENOMEM;

@@ -20,6 +20,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -93,7 +94,7 @@ struct OpenFolder {
 }  // namespace
 
 Disk::Disk(std::string folder, Report report)
-    : m_folder(std::move(folder)), m_report(std::move(report)) {}
+    : m_folder(std::move(folder)), m_report(std::move(report)), m_trouble(m_report) {}
 
 int Disk::open() {
     int error = makeFolders(m_folder, 0700);
@@ -339,6 +340,14 @@ void Disk::saveAll(std::vector<Save>& saves) {
             }
         }
     }
+    for (const Save& save : saves) {
+        m_trouble.noteWrite(save.error, save.record.lines.size(), [this] { return freeBytes(); });
+    }
+}
+
+std::size_t Disk::freeBytes() const {
+    struct statvfs status {};
+    return fstatvfs(m_tree.get(), &status) == 0 ? status.f_bavail * status.f_frsize : 0;
 }
 
 int Disk::saveObject(const std::string& path, const Record& record) {

@@ -9,15 +9,12 @@
 
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 
+#include "ppsd/store/disk_trouble.hpp"
 #include "ppsd/store/record.hpp"
 #include "ppsd/store/unique_fd.hpp"
-
-// Takes one line for the person who looks after the service, without a line feed.
-using Report = std::function<void(const std::string&)>;
 
 class Disk {
   public:
@@ -50,7 +47,8 @@ class Disk {
     std::vector<Entry> load(const std::string& path);
 
     // Several at once, of different paths: each is kept or not by itself, and a folder is synced
-    // once for all that lie in it.
+    // once for all that lie in it. That the disk is full, or cannot be written to for another
+    // reason, is reported once, and once when it can again.
     void saveAll(std::vector<Save>& saves);
     int saveObject(const std::string& path, const Record& record);
     int saveDirectory(const std::string& path, const Metadata& metadata);
@@ -58,6 +56,10 @@ class Disk {
     int removeObject(const std::string& path);
     int removeDirectory(const std::string& path);  // which must hold no objects and folders
     int rename(const std::string& from, const std::string& to);
+
+    // To be told how a change ended that was no saveAll(), so that trouble with the disk is
+    // reported.
+    void noteChange(int error) { m_trouble.noteChange(error); }
 
     // Any descriptor on the disk below, for what it says of itself.
     int descriptor() const { return m_tree.get(); }
@@ -69,9 +71,11 @@ class Disk {
     bool loadEntry(int folder, const std::string& name, Entry& entry, std::string& error) const;
     void removeLeftovers(int folder, const std::string& path);
     void keepAside(const std::string& path, const std::string& error);
+    std::size_t freeBytes() const;
 
     std::string m_folder;
     Report m_report;
+    DiskTrouble m_trouble;
     UniqueFd m_lock;
     UniqueFd m_tree;
 };

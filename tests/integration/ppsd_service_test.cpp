@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/file.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -543,4 +542,44 @@ TEST_F(PpsdService, TellsAServiceManagerWithAnAbstractSocketToo) {
     const Manager manager("@ppsd-test-" + std::to_string(getpid()));
     ASSERT_TRUE(m_ppsd.start());
     EXPECT_EQ(manager.message(), "READY=1");
+}
+
+// Each writer hears it; whoever looks after the service is told once, and once when it is over.
+TEST_F(PpsdService, FullDiskIsToldOnceAndRefusesEveryWriter) {
+    const std::string store = m_root.path("/store");
+    ASSERT_EQ(mkdir(store.c_str(), 0700), 0);
+    PrivateMount mounted;
+    if (!PrivateMount::disk(store, 256 * 1024, mounted)) {
+        GTEST_SKIP() << "NOT TESTED: nothing can be mounted here: " << std::strerror(errno);
+    }
+    ASSERT_TRUE(m_ppsd.start({"--store", store}));
+    PpsFile object(path("/obj"), kCreate);
+    EXPECT_EQ(object.write("a::1\n"), 0);
+    EXPECT_EQ(PpsFile(path("/other"), kCreate).write("b::1\n"), 0);
+    EXPECT_EQ(m_ppsd.output().find("the store"), std::string::npos) << m_ppsd.output();
+
+    ASSERT_NE(std::system(("cat /dev/zero > '" + store + "/filler' 2> /dev/null").c_str()), 0);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(object.write("a::2\n"), ENOSPC);
+        EXPECT_EQ(PpsFile(path("/new"), kCreate).error(), ENOSPC);
+        EXPECT_EQ(errorOf(mkdir(path("/newdir").c_str(), 0755)), ENOSPC);
+    }
+    EXPECT_EQ(text("/obj"), "@obj\na::1\n");
+    EXPECT_EQ(errorOf(unlink(path("/other").c_str())), 0) << "what takes no room";
+    const std::string begun =
+        "ppsd: the store cannot be written to: No space left on device; "
+        "changes fail until it can\n";
+    const std::string output = m_ppsd.output();
+    const std::size_t told = output.find(begun);
+    ASSERT_NE(told, std::string::npos) << output;
+    EXPECT_EQ(output.substr(told), begun);
+
+    std::filesystem::remove(store + "/filler");
+    EXPECT_EQ(object.write("a::3\n"), 0);
+    EXPECT_EQ(object.write("a::4\n"), 0);
+    EXPECT_EQ(m_ppsd.output().substr(told), begun + "ppsd: the store can be written to again\n");
+    EXPECT_EQ(m_ppsd.stop(), 0);
+    ASSERT_TRUE(m_ppsd.start({"--store", store}));
+    EXPECT_EQ(text("/obj"), "@obj\na::4\n");
+    EXPECT_EQ(m_ppsd.stop(), 0);
 }

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <sstream>
@@ -538,10 +539,39 @@ TEST(QuilctlCodes, ExplainsEachCode) {
     EXPECT_TRUE(contains(one.output, "no usable port")) << one.output;
     EXPECT_FALSE(contains(one.output, "10108"));
     EXPECT_TRUE(contains(runAlone({"codes", "4711"}).output, "push server refused"));
+    EXPECT_TRUE(contains(runAlone({"codes", "-5"}).output, "without a token"));
+}
+
+TEST(QuilctlCodes, AreToldApartByWhereTheyWereSeen) {
+    std::istringstream lines(runAlone({"codes", "7", "--json"}).output);
+    std::map<std::string, std::string> origins;
+    for (std::string line; std::getline(lines, line);) {
+        const auto object = nlohmann::json::parse(line);
+        EXPECT_EQ(object["code"], 7);
+        origins[object["seen"]] = object["origin"];
+    }
+    EXPECT_EQ(origins, (std::map<std::string, std::string>{
+                           {"err", "push server"}, {"rc", "push server"}, {"libcurl", "libcurl"}}));
+    const std::string text = runAlone({"codes", "7"}).output;
+    EXPECT_TRUE(contains(text, "In err of a reply")) << text;
+    EXPECT_TRUE(contains(text, "Behind rc=")) << text;
+    EXPECT_TRUE(contains(text, "HTTP Transport failure")) << text;
+}
+
+TEST(QuilctlCodes, SayThatTheyWantANumber) {
+    for (const char* word : {"foo", "7x", "99999999999", ""}) {
+        const ToolRun run = runAlone({"codes", word});
+        EXPECT_EQ(run.status, 2) << word;
+        EXPECT_TRUE(contains(run.error, "must be a whole number")) << run.error;
+    }
 }
 
 TEST(QuilctlCodes, AsJsonAreOneObjectPerLine) {
-    const auto object = nlohmann::json::parse(runAlone({"codes", "500", "--json"}).output);
+    std::istringstream lines(runAlone({"codes", "500", "--json"}).output);
+    std::string line;
+    ASSERT_TRUE(std::getline(lines, line));
+    const auto object = nlohmann::json::parse(line);
     EXPECT_EQ(object["code"], 500);
+    EXPECT_EQ(object["seen"], "err");
     EXPECT_EQ(object["origin"], "agent");
 }

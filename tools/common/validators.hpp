@@ -3,6 +3,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <string>
 
 namespace validators {
@@ -28,6 +29,18 @@ inline CLI::Validator seconds() {
 inline CLI::Validator positive() {
     return {[](std::string& text) {
                 return isNumberUpTo(text, 1e18) ? "" : std::string("must be a number above 0");
+            },
+            ""};
+}
+
+// What fits into an int.
+inline CLI::Validator wholeNumber() {
+    return {[](std::string& text) {
+                int value = 0;
+                const char* end = text.data() + text.size();
+                const auto [stop, error] = std::from_chars(text.data(), end, value);
+                const bool isGood = error == std::errc{} && stop == end;
+                return isGood ? "" : std::string("must be a whole number, such as 10103");
             },
             ""};
 }

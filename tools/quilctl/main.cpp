@@ -6,7 +6,9 @@
 
 #include "tools/common/validators.hpp"
 #include "tools/quilctl/clients.hpp"
+#include "tools/quilctl/codes.hpp"
 #include "tools/quilctl/listen.hpp"
+#include "tools/quilctl/monitor.hpp"
 #include "tools/quilctl/rules.hpp"
 #include "tools/quilctl/status.hpp"
 #include "tools/quilctl/trace.hpp"
@@ -43,6 +45,7 @@ struct Typed {
     std::string clientsLog;  // "" for none
     double slowSeconds = 1;
     double lookSeconds = kLookSeconds;
+    MonitorOptions monitor;
     bool isChecking = false;
     std::string user;
     std::string rulesFile;  // "" for that of the configuration
@@ -156,14 +159,12 @@ void addRequests(CLI::App& app, Typed& typed) {
 }
 
 void addCodes(CLI::App& app, Typed& typed) {
-    CLI::App* verb = app.add_subcommand("codes", "Explain result codes");
-    verb->add_option("CODE", typed.code, "Only this one");
+    CLI::App* verb = app.add_subcommand("codes", "Explain numbers: err, rc, libcurl's");
+    verb->add_option("CODE", typed.code, "Only this number, in all that it can mean")
+        ->check(validators::wholeNumber());
     verb->add_flag("--json", typed.json, "One JSON object per line");
-    verb->callback([&typed] {
-        typed.run = [&typed] {
-            return explainCodes(typed.code ? &*typed.code : nullptr, typed.json);
-        };
-    });
+    verb->callback(
+        [&typed] { typed.run = [&typed] { return explainCodes(typed.code, typed.json); }; });
 }
 
 void addLookTimeout(CLI::App* verb, Typed& typed) {
@@ -219,6 +220,21 @@ void addTrace(CLI::App& app, Typed& typed) {
     });
 }
 
+void addMonitor(CLI::App& app, Typed& typed) {
+    CLI::App* verb = app.add_subcommand("monitor", "Show pushes and requests as they happen");
+    MonitorOptions& options = typed.monitor;
+    verb->add_option("LOG", options.log,
+                     "The agent's log, also when it is rotated;\n"
+                     "- is standard input, nothing the journal")
+        ->check(validators::notEmpty());
+    verb->add_option("--app", options.appId, "Only what concerns this application")
+        ->type_name("APP")
+        ->check(validators::notEmpty());
+    verb->add_flag("--all", options.fromStart, "Also what the log holds already");
+    verb->add_flag("--json", options.json, "One JSON object per line");
+    verb->callback([&typed] { typed.run = [&typed] { return monitorLog(typed.monitor); }; });
+}
+
 void addRules(CLI::App& app, Typed& typed) {
     CLI::App* verb = app.add_subcommand("rules", "Check the rules of who may act for what");
     verb->require_subcommand(1);
@@ -260,6 +276,7 @@ int main(int argc, char** argv) {
     addStatus(app, typed);
     addClients(app, typed);
     addTrace(app, typed);
+    addMonitor(app, typed);
     addRules(app, typed);
     addCodes(app, typed);
     try {

@@ -46,6 +46,12 @@ void printFailure(const std::string& subject, const Result& result) {
                  wrapped(quilclient::explain(result.code).nextStep, 9, 9).c_str());
 }
 
+void printTrouble(const std::string& words, const std::string& next) {
+    const Style style(stderr);
+    std::fprintf(stderr, "%s %s\n   next: %s\n", style.bad("quilctl:").c_str(),
+                 visible(words).c_str(), next.c_str());
+}
+
 void addResult(nlohmann::ordered_json& object, const Result& result) {
     object["code"] = result.code;
     if (!result.ok()) {
@@ -54,6 +60,18 @@ void addResult(nlohmann::ordered_json& object, const Result& result) {
         object["origin"] = info.origin;
         object["next"] = info.nextStep;
     }
+}
+
+std::string clockText(const std::optional<double>& seconds) {
+    constexpr double kDay = 86400;
+    if (!seconds) {
+        return "--:--:--.---";
+    }
+    const auto milliseconds = static_cast<long>(std::floor(std::fmod(*seconds, kDay) * 1000 + 0.5));
+    char text[32];
+    std::snprintf(text, sizeof text, "%02ld:%02ld:%02ld.%03ld", milliseconds / 3600000 % 24,
+                  milliseconds / 60000 % 60, milliseconds / 1000 % 60, milliseconds % 1000);
+    return text;
 }
 
 std::string timeOfDay() {

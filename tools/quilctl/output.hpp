@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 
 #include "quilclient/result.hpp"
@@ -19,10 +20,16 @@ void printJson(const nlohmann::ordered_json& object);
 // attempted, such as "create-channel com.example.app".
 void printFailure(const std::string& subject, const quilclient::Result& result);
 
+// What went wrong without a code, and the next step, on standard error.
+void printTrouble(const std::string& words, const std::string& next);
+
 // Adds "code", and for a failure "words", "origin" and "next", to `object`.
 void addResult(nlohmann::ordered_json& object, const quilclient::Result& result);
 
-// The time of day, "12:34:56".
+// The time of day of a number of seconds, "12:34:56.789", or dashes for none.
+std::string clockText(const std::optional<double>& seconds);
+
+// The time of day now, "12:34:56".
 std::string timeOfDay();
 
 // Rounded up, so that no time-out above 0 becomes none.

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -12,13 +11,11 @@
 #include <vector>
 
 #include "tools/common/terminal.hpp"
-#include "tools/quilctl/log_line.hpp"
+#include "tools/quilctl/log_feed.hpp"
 #include "tools/quilctl/log_tracer.hpp"
 #include "tools/quilctl/output.hpp"
 
 namespace {
-
-constexpr double kDay = 86400;
 
 // A stage of the way and how long it took.
 struct Stage {
@@ -47,7 +44,7 @@ std::vector<Stage> stagesOf(const ChannelTrace& channel) {
 
 std::string outcomeOf(const PushTrace& push) {
     if (!push.trouble.empty()) {
-        return push.trouble;
+        return (push.wasDelivered ? "delivered, but " : "") + push.trouble;
     }
     if (!push.answer.empty()) {
         return push.answer;
@@ -57,30 +54,12 @@ std::string outcomeOf(const PushTrace& push) {
                : push.wasQueued ? "still queued"
                                 : "still being read";
     }
-    return push.nobodyWaits ? "delivered, nobody waits" : "delivered, no answer";
-}
-
-std::string outcomeOf(const ChannelTrace& channel) {
-    const std::string done = channel.isDestroying ? "channel destroyed" : "channel created";
-    if (channel.isGood) {
-        return done;
+    if (push.nobodyWaits) {
+        return "delivered, nobody waits";
     }
-    const std::string what = channel.isDestroying ? "channel not destroyed" : "channel not created";
-    if (!channel.hasEnded) {
-        return what + " yet";
-    }
-    return channel.trouble.empty() ? what : what + ": " + channel.trouble;
-}
-
-std::string clockText(const std::optional<double>& time) {
-    if (!time) {
-        return "--:--:--.---";
-    }
-    const auto milliseconds = static_cast<long>(std::floor(std::fmod(*time, kDay) * 1000 + 0.5));
-    char text[32];
-    std::snprintf(text, sizeof text, "%02ld:%02ld:%02ld.%03ld", milliseconds / 3600000 % 24,
-                  milliseconds / 60000 % 60, milliseconds / 1000 % 60, milliseconds % 1000);
-    return text;
+    return push.sharesId
+               ? "delivered, no answer; its id was in use: if its sender waited, it was closed"
+               : "delivered, no answer";
 }
 
 std::string durationText(double seconds) {
@@ -117,13 +96,13 @@ class TraceView {
 
     void show(const ChannelTrace& channel) {
         if (m_json) {
-            showJson({{"kind", channel.isDestroying ? "destroyChannel" : "createChannel"},
+            showJson({{"kind", kindOf(channel)},
                       {"app", channel.appId},
                       {"outcome", outcomeOf(channel)}},
                      channel.requested, stagesOf(channel));
         } else {
             showLine(channel.requested, visible(channel.appId), stagesOf(channel),
-                     outcomeOf(channel), channel.isGood);
+                     outcomeOf(channel), channel.isGood());
         }
     }
 
@@ -171,56 +150,18 @@ class TraceView {
     bool m_json;
 };
 
-double timeOfArrival() {
-    const auto now = std::chrono::system_clock::now();
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
-    std::tm parts{};
-    localtime_r(&seconds, &parts);
-    const double fraction =
-        std::chrono::duration<double>(now - std::chrono::system_clock::from_time_t(seconds))
-            .count();
-    return parts.tm_hour * 3600 + parts.tm_min * 60 + parts.tm_sec + fraction;
-}
-
-// Times of the day, made to go on over midnight.
-class RunningTime {
-  public:
-    double next(double dayTime) {
-        if (m_last && dayTime + kDay / 2 < *m_last) {
-            m_days += kDay;
-        }
-        m_last = dayTime;
-        return m_days + dayTime;
-    }
-
-  private:
-    std::optional<double> m_last;
-    double m_days = 0;
-};
-
 // Number of lines of the agent's.
 std::size_t readLog(std::istream& input, bool isLive, LogTracer& tracer) {
-    RunningTime clock;
+    LogFeed feed(tracer, isLive);
     std::size_t count = 0;
-    for (std::string text; std::getline(input, text);) {
-        const std::optional<LogLine> line = parseLogLine(text);
-        if (!line) {
-            continue;
-        }
-        ++count;
-        std::optional<double> time = line->dayTime;
-        if (!time && isLive) {
-            time = timeOfArrival();
-        }
-        tracer.take(line->text, time ? std::optional<double>(clock.next(*time)) : std::nullopt);
+    for (std::string line; std::getline(input, line);) {
+        count += feed.take(line) ? 1 : 0;
     }
     return count;
 }
 
 ExitStatus fail(const std::string& words, const std::string& next, ExitStatus status) {
-    const Style style(stderr);
-    std::fprintf(stderr, "%s %s\n   next: %s\n", style.bad("quilctl:").c_str(),
-                 visible(words).c_str(), next.c_str());
+    printTrouble(words, next);
     return status;
 }
 
@@ -229,8 +170,8 @@ ExitStatus fail(const std::string& words, const std::string& next, ExitStatus st
 ExitStatus traceLog(const std::string& file, double slowSeconds, bool json) {
     TraceView view(slowSeconds, json);
     LogTracer tracer;
-    tracer.onPush = [&view](const PushTrace& push) { view.show(push); };
-    tracer.onChannel = [&view](const ChannelTrace& channel) { view.show(channel); };
+    tracer.pushes.onEnd = [&view](const PushTrace& push) { view.show(push); };
+    tracer.channels.onEnd = [&view](const ChannelTrace& channel) { view.show(channel); };
     std::size_t count = 0;
     if (file == "-") {
         count = readLog(std::cin, true, tracer);

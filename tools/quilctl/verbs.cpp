@@ -1,13 +1,11 @@
 #include "tools/quilctl/verbs.hpp"
 
 #include <cstdio>
-#include <vector>
 
 #include "tools/common/terminal.hpp"
 #include "tools/quilctl/output.hpp"
 
 using quilclient::ChannelState;
-using quilclient::CodeInfo;
 using quilclient::Verb;
 
 namespace {
@@ -48,13 +46,6 @@ std::string describe(const ChannelState& channel) {
                                      ": nobody takes what is pushed; see quilctl status --check";
 }
 
-nlohmann::ordered_json asJson(const CodeInfo& info) {
-    return {{"code", info.code},
-            {"origin", info.origin},
-            {"meaning", info.meaning},
-            {"next", info.nextStep}};
-}
-
 }  // namespace
 
 ExitStatus makeRequest(const char* name, const quilclient::Request& request, double timeoutSeconds,
@@ -79,8 +70,9 @@ ExitStatus makeRequest(const char* name, const quilclient::Request& request, dou
 }
 
 ExitStatus queryChannel(const std::string& appId, double timeoutSeconds, bool json) {
+    const quilclient::Request request{Verb::QueryChannel, appId, ""};
     const quilclient::Reply reply =
-        quilclient::sendRequest({Verb::QueryChannel, appId, ""}, asMilliseconds(timeoutSeconds));
+        quilclient::sendRequest(request, asMilliseconds(timeoutSeconds));
     const ChannelState& channel = reply.channel;
     if (json) {
         nlohmann::ordered_json object = {{"request", "query-channel"}, {"app", appId}};
@@ -103,22 +95,4 @@ ExitStatus queryChannel(const std::string& appId, double timeoutSeconds, bool js
         std::printf("%s\n", wrapped(visible(words), 0, 0).c_str());
     }
     return channel.isRegistered && channel.isListening ? kDone : kRefused;
-}
-
-ExitStatus explainCodes(const int* code, bool json) {
-    const std::vector<CodeInfo> all =
-        code == nullptr ? quilclient::knownCodes() : std::vector{quilclient::explain(*code)};
-    const Style style(stdout);
-    for (const CodeInfo& info : all) {
-        if (json) {
-            printJson(asJson(info));
-            continue;
-        }
-        char start[32];
-        std::snprintf(start, sizeof start, "%6d  ", info.code);
-        std::printf("%s%s\n", style.strong(start).c_str(), wrapped(info.meaning, 8, 8).c_str());
-        std::printf("        %s\n", wrapped("next: " + std::string(info.nextStep), 8, 14).c_str());
-        std::printf("        from: %s\n", std::string(info.origin).c_str());
-    }
-    return kDone;
 }

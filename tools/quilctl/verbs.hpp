@@ -12,6 +12,3 @@ ExitStatus makeRequest(const char* name, const quilclient::Request& request, dou
 // quilctl query-channel: tells how the application's channel stands. kDone when it does, kRefused
 // when there is none or nobody listens on its port.
 ExitStatus queryChannel(const std::string& appId, double timeoutSeconds, bool json);
-
-// quilctl codes: explains `code`, or with null all that are known by number.
-ExitStatus explainCodes(const int* code, bool json);

@@ -1,0 +1,231 @@
+#include "tools/quilctl/channel_tracer.hpp"
+
+#include <cstdlib>
+
+#include "quilclient/result.hpp"
+#include "tools/quilctl/curl_codes.hpp"
+#include "tools/quilctl/log_line.hpp"
+
+namespace {
+
+constexpr int kTypeRegister = 7;
+constexpr int kTypeDeregister = 8;
+constexpr std::string_view kTransportFailure = "HTTP Transport failure: rc [";
+constexpr const char* kPinObject = "/pps/system/nvram/deviceinfo";
+
+// What was on the way between the agent and a push server, libcurl's number in its own words.
+std::string transportTrouble(std::string_view text) {
+    const int code = std::atoi(between(text, "rc [", "]").value_or("0").c_str());
+    const std::string status = between(text, "HTTP Status[", "]").value_or("?");
+    const std::string cause = code == 0 ? "status " + status
+                                        : std::string(curlWords(code)) + " (libcurl's number " +
+                                              std::to_string(code) + ")";
+    return "HTTP Transport failure: " + cause + ", url[" +
+           betweenLast(text, "url[", "]").value_or("") + "]";
+}
+
+}  // namespace
+
+void ChannelTracer::take(std::string_view text, std::optional<double> time) {
+    m_now = time;
+    takeRequest(text) || takeQueue(text) || takeOpening(text) || takeRegistered(text) ||
+        takeEnd(text);
+    takePin(text);
+    takeTrouble(text);
+}
+
+void ChannelTracer::finish() {
+    for (const ChannelTrace& channel : m_channels) {
+        onEnd(channel);
+    }
+    m_channels.clear();
+    m_openingTrouble.clear();
+}
+
+bool ChannelTracer::takeRequest(std::string_view text) {
+    const bool isDestroying = startsWith(text, "addMessage: msg type[8]");
+    if (!isDestroying && !startsWith(text, "addMessage: msg type[7]")) {
+        return false;
+    }
+    ChannelTrace channel;
+    channel.appId = between(text, "provider id[", "] errorCode").value_or("");
+    channel.isDestroying = isDestroying;
+    channel.requested = m_now;
+    m_channels.push_back(channel);
+    onRequest(m_channels.back());
+    return true;
+}
+
+// The handler thread took a message of some type; the next line says whose.
+bool ChannelTracer::takeQueue(std::string_view text) {
+    if (const std::optional<int> type = typeOfTaken(text)) {
+        m_handledType = *type;
+        return true;
+    }
+    const bool isOne = m_handledType == kTypeRegister || m_handledType == kTypeDeregister;
+    if (!isOne || !startsWith(text, "app id[")) {
+        return false;
+    }
+    if (ChannelTrace* channel = find(between(text, "app id[", "] clientId").value_or(""),
+                                     m_handledType == kTypeDeregister, false)) {
+        channel->taken = m_now;
+        channel->wasTaken = true;
+    }
+    return true;
+}
+
+// A port that cannot be listened on: each step tells its reason, and all end in the same line.
+// That the channel comes about all the same, without anybody listening, tells the line behind it.
+bool ChannelTracer::takeOpening(std::string_view text) {
+    if (startsWith(text, "Failed to bind ") || startsWith(text, "listen socket error") ||
+        (startsWith(text, "Failed to create ") && contains(text, " server soc"))) {
+        m_openingTrouble = text;
+        return true;
+    }
+    if (startsWith(text, "Error opening port ")) {
+        m_openingTrouble = m_openingTrouble.empty() ? std::string(text)
+                                                    : std::string(text) + ": " + m_openingTrouble;
+        return true;
+    }
+    if (startsWith(text, "QuilSessionManager::addSavedSession -> added key [")) {
+        if (!m_openingTrouble.empty()) {
+            ChannelTrace channel;
+            channel.appId = betweenLast(text, "key [", "]").value_or("");
+            channel.isRestored = true;
+            channel.requested = m_now;
+            channel.trouble = m_openingTrouble;
+            m_openingTrouble.clear();
+            onEnd(channel);
+        }
+        return true;
+    }
+    return false;
+}
+
+bool ChannelTracer::takeRegistered(std::string_view text) {
+    if (!contains(text, "next state[Register]")) {
+        return false;
+    }
+    if (ChannelTrace* channel =
+            find(between(text, "app id [", "] current").value_or(""), false, true)) {
+        channel->isRegistered = true;
+        if (!m_openingTrouble.empty()) {
+            channel->trouble = m_openingTrouble;
+        }
+        m_openingTrouble.clear();
+    }
+    return true;
+}
+
+bool ChannelTracer::takeEnd(std::string_view text) {
+    const bool isDestroyed = startsWith(text, "addMessage: msg type[3]");
+    if (!isDestroyed && !startsWith(text, "addMessage: msg type[2]")) {
+        return false;
+    }
+    ChannelTrace* channel =
+        find(between(text, "provider id[", "] errorCode").value_or(""), isDestroyed, true);
+    if (channel == nullptr) {
+        return true;
+    }
+    if (isDestroyed) {
+        const int code = std::atoi(between(text, "errorCode[", "]").value_or("0").c_str());
+        channel->isRegistered = code == 0;
+        if (code != 0 && channel->trouble.empty()) {
+            channel->trouble =
+                std::to_string(code) + ", " + std::string(quilclient::explain(code).meaning);
+        }
+    }
+    channel->ended = m_now;
+    channel->hasEnded = true;
+    onEnd(*channel);
+    m_channels.remove_if([channel](const ChannelTrace& each) { return &each == channel; });
+    return true;
+}
+
+// The PIN is asked for behind the registration, unless it is known already. No PIN, no token: the
+// application is told of a channel that could not be created.
+void ChannelTracer::takePin(std::string_view text) {
+    const std::string object = std::string("[") + kPinObject + "]";
+    if (startsWith(text, "looking for [")) {
+        m_lookedFor = between(text, "[", "]").value_or("");
+    } else if (startsWith(text, "Open " + object + " errno[")) {
+        noteNoPin(betweenLast(text, "error[", "]").value_or(""));
+    } else if (startsWith(text, "Read " + object + " errno[") && m_lookedFor == "PIN") {
+        noteNoPin("no attribute PIN");
+    }
+}
+
+void ChannelTracer::noteNoPin(const std::string& reason) {
+    for (ChannelTrace& channel : m_channels) {
+        if (channel.isRegistered && !channel.isDestroying && !channel.hasNoPin) {
+            channel.hasNoPin = true;
+            channel.trouble = std::string("the device has no PIN (") + kPinObject + ": " + reason +
+                              ")" + (channel.trouble.empty() ? "" : "; " + channel.trouble);
+        }
+    }
+}
+
+// Lines that tell why something went wrong; the first one counts.
+void ChannelTracer::takeTrouble(std::string_view text) {
+    const bool isTransport = startsWith(text, kTransportFailure);
+    if (!isTransport && !startsWith(text, "OVRA server rejected") &&
+        !startsWith(text, "OVRA registration failed") &&
+        !contains(text, "OVRA server rejected registration")) {
+        return;
+    }
+    ChannelTrace* channel = findInTrouble(text);
+    if (channel != nullptr && channel->trouble.empty()) {
+        channel->trouble = isTransport ? transportTrouble(text) : std::string(text);
+    }
+}
+
+ChannelTrace* ChannelTracer::find(const std::string& appId, bool isDestroying, bool wasTaken) {
+    for (ChannelTrace& channel : m_channels) {
+        if (channel.appId == appId && channel.isDestroying == isDestroying &&
+            channel.wasTaken == wasTaken) {
+            return &channel;
+        }
+    }
+    return nullptr;
+}
+
+// The one that the line names, or the only one that is under way.
+ChannelTrace* ChannelTracer::findInTrouble(std::string_view text) {
+    ChannelTrace* only = nullptr;
+    int count = 0;
+    for (ChannelTrace& channel : m_channels) {
+        if (!channel.wasTaken) {
+            continue;
+        }
+        const std::string query = "serviceid=" + channel.appId;
+        if (contains(text, query + "&") || contains(text, query + "]") ||
+            contains(text, "[" + channel.appId + "]")) {
+            return &channel;
+        }
+        only = &channel;
+        ++count;
+    }
+    return count == 1 ? only : nullptr;
+}
+
+const char* kindOf(const ChannelTrace& channel) {
+    return channel.isRestored     ? "restoreChannel"
+           : channel.isDestroying ? "destroyChannel"
+                                  : "createChannel";
+}
+
+std::string outcomeOf(const ChannelTrace& channel) {
+    if (channel.isRestored) {
+        return "channel of before, but nobody listens: " + channel.trouble;
+    }
+    const std::string done = channel.isDestroying ? "destroyed" : "created";
+    if (channel.isRegistered && !channel.hasNoPin) {
+        return "channel " + done +
+               (channel.trouble.empty() ? "" : ", but nobody listens: " + channel.trouble);
+    }
+    const std::string what = "channel not " + done;
+    if (!channel.hasEnded) {
+        return what + " yet";
+    }
+    return channel.trouble.empty() ? what : what + ": " + channel.trouble;
+}
