@@ -99,7 +99,7 @@ _MEANINGS: Dict[int, str] = {
 
 
 def meaning(code: int) -> str:
-    """What a code means, in one sentence; `quilctl codes CODE` tells also what to do about it."""
+    """What a code means, in one sentence; `quilctl codes CODE` tells more."""
     unknown = "a code that this version does not know" if code < 0 else \
         "the push server refused; this is its own return code"
     return _MEANINGS.get(code, unknown)

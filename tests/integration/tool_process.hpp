@@ -78,8 +78,6 @@ class ToolProcess {
         m_in = -1;
     }
 
-    void signal(int number) const { kill(m_pid, number); }
-
     void closeOutput() {
         close(m_out);
         m_out = open("/dev/null", O_RDONLY | O_CLOEXEC);

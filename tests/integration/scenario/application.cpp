@@ -3,6 +3,7 @@
 // same in Python.
 //
 // Usage: scenario_application APP PPG-URL
+//        scenario_application          (tells the codes that the library knows)
 //
 //     answer accept|reject|later|throw     how to answer pushes from now on; at first "accept"
 //     accept ID, reject ID                 the blank of an id that begins with one is there twice
@@ -139,7 +140,13 @@ int live(PushClient& client, Commands& commands, std::string* answer) {
 
 }  // namespace
 
-int main(int, char** argv) {
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        for (const CodeInfo& info : knownCodes()) {
+            tell(std::to_string(info.code) + " " + std::string(info.meaning));
+        }
+        return 0;
+    }
     Config config;
     config.appId = argv[1];
     config.ppgUrl = argv[2];

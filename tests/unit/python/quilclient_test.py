@@ -586,10 +586,10 @@ class PythonClientEnds(ClientTest):
 
 
 class PythonClientExplains(unittest.TestCase):
-    def test_CodesAsQuilctlDoes(self):
-        listed = subprocess.run([os.path.join(os.environ["QUIL_BIN"], "quilctl"), "codes", "--json"], check=True,
+    def test_CodesAsTheLibraryInCppDoes(self):
+        listed = subprocess.run([os.path.join(os.environ["QUIL_BIN"], "scenario_application")], check=True,
                                 stdout=subprocess.PIPE, text=True).stdout
-        codes = {code["code"]: code["meaning"] for code in map(json.loads, listed.splitlines())}
+        codes = {int(code): words for code, words in (line.split(" ", 1) for line in listed.splitlines())}
         own = codes.pop(-8)  # an exception is raised here, not told as a code
         self.assertIn("exception", own)
         self.assertEqual(quilclient._MEANINGS, codes)
