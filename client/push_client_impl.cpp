@@ -368,7 +368,7 @@ void PushClientImpl::handleOutcome(Verb verb, const Result& outcome, const Incom
         case Verb::DestroyChannel:
             call(m_handlers.onChannelDestroyed, outcome);
             if (m_wantsChannel && m_phase == Phase::NoChannel) {
-                lookForChannel();
+                askForChannelWhenQuiet();
             }
             return;
         default:
@@ -440,6 +440,9 @@ void PushClientImpl::handlePush(Incoming& incoming) {
 void PushClientImpl::handleSimChange() {
     const bool wasReady = m_phase == Phase::Ready;
     call(m_handlers.onSimChange);
+    if (m_phase == Phase::Query) {
+        askForChannelWhenQuiet();  // the answer may be older than the change
+    }
     if (wasReady && m_phase == Phase::Ready) {
         askForChannel();
     }
@@ -514,7 +517,9 @@ Result PushClientImpl::createChannel() {
     if (!m_connection.isOpen() || m_lost) {
         return resultOf(kNotConnected);
     }
-    lookForChannel();
+    // Not believing one that the agent still has: it was to be destroyed, and may be at the push
+    // server.
+    askForChannelWhenQuiet();
     return {};
 }
 

@@ -766,7 +766,7 @@ class PushClient:
         elif name == _DESTROY_CHANNEL:
             self._call(self._on_channel_destroyed, outcome)
             if self._wants_channel and self._phase is _Phase.NO_CHANNEL:
-                self._look_for_channel()
+                self._ask_for_channel_when_quiet()
         else:
             self._call(self._on_launch, outcome)
 
@@ -915,7 +915,8 @@ class PushClient:
             return  # the line of life, or the answer to destroyChannel, leads there by itself
         if not self._connection.is_open or self._lost is not None:
             raise Error(_result_of(Code.NOT_CONNECTED))
-        self._look_for_channel()
+        # Not believing one that the agent still has: it was to be destroyed, and may be at the push server.
+        self._ask_for_channel_when_quiet()
 
     @property
     def is_ready(self) -> bool:

@@ -215,6 +215,31 @@ TEST_F(Client, AnswerAboutAChannelThatIsNotWantedAnyMoreChangesNothing) {
     EXPECT_EQ(m_log, "connection 0\n");
 }
 
+TEST_F(Client, AnswerAboutAChannelFromBeforeASimChangeIsNotBelieved) {
+    m_channel = "";
+    m_agent.sendReply("onCreateSessionComplete", next().id);
+    FakeRequest question;
+    EXPECT_TRUE(drive([&] {
+        question = m_agent.take();
+        return question.msg == "queryChannel";
+    }));
+    m_agent.sendReply("onSimChange", "");
+    m_agent.sendReply("onQueryChannelComplete", question.id, channelOf(true, "http://ppg"));
+    EXPECT_EQ(next().msg, "createChannel");
+}
+
+// The agent may have been killed between telling the push server and saving that.
+TEST_F(Client, ChannelWantedAgainAfterItWasDestroyedIsAskedForWithoutAQuestion) {
+    makeReady();
+    EXPECT_TRUE(client().destroyChannel().ok());
+    m_agent.sendReply("onDestroyChannelComplete", next().id);
+    EXPECT_TRUE(drive([this] { return m_log == "destroyed 0\n"; })) << m_log;
+    const int questions = m_questions;
+    EXPECT_TRUE(client().createChannel().ok());
+    EXPECT_EQ(next().msg, "createChannel");
+    EXPECT_EQ(m_questions, questions);
+}
+
 TEST_F(Client, ChannelIsAskedForOnceNoPushCameForAWhile) {
     m_config.quietTime = 100ms;
     m_channel = channelOf(true, "http://other");
