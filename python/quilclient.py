@@ -21,8 +21,8 @@ Errors: what can be wrong for a while is told to handlers, as a Result, and trie
 was asked for raises Error. What a handler raises does not stop the work: the push is rejected, the other messages are
 handled, and then run() or dispatch() raises it; run() may be called again and goes on where it stopped.
 
-Bytes: ids and headers of pushes are str. A byte that is not UTF-8 is in them what errors="surrogateescape" makes of it;
-str.encode("utf-8", "surrogateescape") gives it back.
+Bytes: ids and headers of pushes are str. A byte that is not UTF-8 is in an id what errors="surrogateescape" makes of it,
+and str.encode("utf-8", "surrogateescape") gives it back; in a header it is U+FFFD.
 
 This file needs Python 3.9 and nothing else, and may be copied into an application.
 """
@@ -63,6 +63,8 @@ class Code(enum.IntEnum):
     QUEUE_FULL = -11  # too many requests wait for an agent that does not read
     OBJECT_IN_THE_WAY = -12  # an ordinary object lies where the agent serves the push object
 
+
+_CODES = frozenset(Code)
 
 _MEANINGS: Dict[int, str] = {
     -12: "an ordinary object lies where the agent serves the push object: nobody reads it",
@@ -111,6 +113,10 @@ class Result:
     code: int = 0
     words: str = ""
 
+    def __post_init__(self) -> None:
+        if self.code in _CODES:
+            object.__setattr__(self, "code", Code(self.code))
+
     @property
     def ok(self) -> bool:
         return self.code == 0
@@ -135,20 +141,31 @@ _OK = Result()
 # ---- Pushes
 
 class Answer(enum.Enum):
-    """What becomes of a push whose sender waits; without effect when nobody waits."""
-    ACCEPT = 1  # the sender gets its acknowledgement
-    REJECT = 2  # the sender's connection is closed without a byte
-    LATER = 3  # the application will call accept() or reject() itself; the sender waits till then
+    """What becomes of a push whose sender waits; without effect when nobody waits.
+
+    ACCEPT  The sender gets its acknowledgement.
+    REJECT  The sender's connection is closed without a byte.
+    LATER   The application will call accept() or reject() with the push's id itself; the sender waits till then."""
+    ACCEPT = 1
+    REJECT = 2
+    LATER = 3
 
 
 @dataclasses.dataclass(frozen=True)
 class Push:
-    """One push."""
-    id: str  # as on the wire: it may begin with a blank
-    headers: List[Tuple[str, str]]  # in the order of arrival, equal names included, blanks kept
-    data: bytes  # that the sender sent, decoded
-    sender_waits: bool  # the sender keeps its connection open for accept() or reject()
-    is_duplicate: bool  # a push with this id was handed over before (of the last 1024)
+    """One push.
+
+    id            As on the wire: it mostly begins with a blank. Bytes that are not UTF-8 are kept (surrogateescape).
+    headers       Names and values in the order of arrival, equal names included, blanks kept. Bytes that are not UTF-8
+                  have become U+FFFD on the way, those of an id in a header too: take it from `id`.
+    data          The bytes that the sender sent. Fewer than the header Content-Length says: the push came short.
+    sender_waits  Whether the sender keeps its connection open for accept() or reject().
+    is_duplicate  Whether a push with this id was handed over before (of the last 1024)."""
+    id: str
+    headers: List[Tuple[str, str]]
+    data: bytes
+    sender_waits: bool
+    is_duplicate: bool
 
 
 # ---- The text of requests and answers. Nothing here touches a descriptor.
@@ -471,7 +488,8 @@ class PushClient:
                               them down, whichever application's. If this client's channel stood, it is created anew.
     on_launch(result)         How set_launch_string() or clear_launch_string() ended.
     on_channel_destroyed(result)  How destroy_channel() ended.
-    on_notice(text)           Something came that cannot be right; for a log.
+    on_notice(text)           Something came that cannot be right, or the answer to a push could not be handed to the
+                              agent any more, so that its sender does not get it; for a log.
 
     All times are in seconds:
 

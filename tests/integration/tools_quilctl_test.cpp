@@ -144,6 +144,18 @@ TEST_F(Quilctl, QueryChannelGivesUpSoonOnAnAgentThatDoesNotKnowIt) {
     EXPECT_EQ(run({"query-channel", "com.app", "--timeout", "0.2"}).status, 4);
 }
 
+TEST_F(Quilctl, RequestsGiveUpOnAnObjectServiceThatHangs) {
+    kill(m_ppsd.pid(), SIGSTOP);
+    for (const Words& words : {Words{"query-channel", "com.app", "--timeout", "0.2"},
+                               Words{"create-session", "com.app", "--timeout", "0.2"}}) {
+        const ToolRun result = run(words);
+        EXPECT_EQ(result.status, 4) << words[0];
+        EXPECT_TRUE(contains(joined(result.error), "the object service does not answer"))
+            << result.error;
+    }
+    kill(m_ppsd.pid(), SIGCONT);
+}
+
 TEST_F(Quilctl, LaunchStringIsSetAndCleared) {
     EXPECT_EQ(run({"register-launch", "com.app", "app://x"}).output,
               "com.app: launch string set\n");

@@ -156,7 +156,9 @@ void judgeStore(const StatusFacts& facts, Findings& findings) {
     } else if (!store.problem.empty()) {
         add(findings, "store",
             "the object service cannot write an object (" + store.problem + ")" + effect,
-            "make room on the disk below its store (df /pps), or make the store writable");
+            "make room on the disk below its store (df /pps), or make the store writable; then let "
+            "one application say registerToLaunch, which saves all sessions, before the agent is "
+            "restarted");
     } else if (store.freeBytes < kLeastFreeBytes && store.totalBytes > 0) {
         warn(findings, "store-nearly-full",
              "the disk below the object service's store has " +

@@ -27,10 +27,14 @@ void judgeSharedPorts(const StatusFacts& facts, Findings& findings) {
         add(findings, "port-shared",
             "port " + std::to_string(port) + " was given to " + list +
                 ": one of them gets the pushes of all, which one may change when the agent starts",
-            "the push server has to give each application a port of its own; then create their "
-            "channels again");
+            "the push server has to give each application a port of its own; then destroy their "
+            "channels and create them again (created alone they may get the same port)");
     }
 }
+
+// A push server may keep the port of an application that registers again.
+constexpr const char* kFreeThePort =
+    "end that program, then create the channel again; for another port destroy the channel first";
 
 void judgeListening(const StatusFacts& facts, Findings& findings) {
     for (const SavedSession& session : facts.saved.sessions) {
@@ -42,12 +46,12 @@ void judgeListening(const StatusFacts& facts, Findings& findings) {
             add(findings, "port-taken",
                 "another user (" + std::to_string(session.listener) + ") listens on " +
                     portOf(session),
-                "end that program, or create the channel again to get another port");
+                kFreeThePort);
         } else if (session.isForeign) {
             add(findings, "port-taken",
                 "another process of the agent's user (" + session.holder + ") listens on " +
                     portOf(session),
-                "end that program, or create the channel again to get another port");
+                kFreeThePort);
         }
     }
 }

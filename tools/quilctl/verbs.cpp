@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "tools/common/terminal.hpp"
+#include "tools/common/time_limit.hpp"
 #include "tools/quilctl/output.hpp"
 
 using quilclient::ChannelState;
@@ -33,6 +34,13 @@ std::string success(const quilclient::Request& request, const std::string& token
     return "";
 }
 
+// An object service that hangs holds whoever opens something in it.
+void limitWait(double timeoutSeconds) {
+    constexpr double kMoreSeconds = 1;
+    limitTime(timeoutSeconds + kMoreSeconds, "quilctl",
+              "the object service does not answer; next: quilctl status --check");
+}
+
 std::string describe(const ChannelState& channel) {
     if (!channel.isRegistered) {
         return channel.ppgUrl.empty()
@@ -50,6 +58,7 @@ std::string describe(const ChannelState& channel) {
 
 ExitStatus makeRequest(const char* name, const quilclient::Request& request, double timeoutSeconds,
                        bool json) {
+    limitWait(timeoutSeconds);
     const quilclient::Reply reply =
         quilclient::sendRequest(request, asMilliseconds(timeoutSeconds));
     if (json) {
@@ -70,6 +79,7 @@ ExitStatus makeRequest(const char* name, const quilclient::Request& request, dou
 }
 
 ExitStatus queryChannel(const std::string& appId, double timeoutSeconds, bool json) {
+    limitWait(timeoutSeconds);
     const quilclient::Request request{Verb::QueryChannel, appId, ""};
     const quilclient::Reply reply =
         quilclient::sendRequest(request, asMilliseconds(timeoutSeconds));
