@@ -212,6 +212,17 @@ TEST_F(Status, NamesOddLinesOfTheConfiguration) {
     EXPECT_EQ(check(), "configuration configuration configuration configuration configuration 1");
 }
 
+TEST_F(Status, WarnsOfFilesThatChangedSinceTheAgentReadThem) {
+    configure("proxy-port 0\nhttp-timeout 20\nrules /etc/rules\n");
+    std::ofstream(m_root.path("/etc/rules")) << "allow user * *\n";
+    startAgent();
+    EXPECT_FALSE(contains(check(), "not-loaded"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    std::ofstream(m_root.path("/etc/rules")) << "allow user * %u.*\n";
+    const std::string found = check();
+    EXPECT_TRUE(contains(found, "not-loaded")) << found;
+}
+
 TEST_F(Status, NamesRulesThatLeaveRootAlone) {
     configure("proxy-port 0\nhttp-timeout 20\nrules /etc/quilagent.rules\n");
     startAgent();

@@ -97,6 +97,14 @@ void judgeConfiguration(const StatusFacts& facts, Findings& findings) {
     }
 }
 
+void judgeNewerFiles(const StatusFacts& facts, Findings& findings) {
+    for (const std::string& path : facts.newerFiles) {
+        warn(findings, "not-loaded",
+             path + " was changed after the agent started, and is read only then",
+             "restart the agent");
+    }
+}
+
 void judgeRules(const StatusFacts& facts, Findings& findings) {
     const std::string path = settingOf(facts.configuration, "rules");
     const std::string effect = ": the agent lets root alone act for applications";
@@ -174,6 +182,7 @@ Findings findProblems(const StatusFacts& facts) {
     judgeRunning(facts, found);
     judgeIdentity(facts, found);
     judgeConfiguration(facts, found);
+    judgeNewerFiles(facts, found);
     judgeRules(facts, found);
     judgeSaved(facts, found);
     judgeStore(facts, found);

@@ -1,8 +1,11 @@
 #include "tools/quilctl/proc.hpp"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -158,6 +161,30 @@ pid_t findHolder(unsigned long inode) {
         }
     }
     return 0;
+}
+
+std::chrono::system_clock::time_point startOf(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    // The name is in parentheses and may hold anything, so the fields are counted behind it.
+    std::istringstream fields(text.substr(std::min(text.rfind(')'), text.size() - 1) + 1));
+    constexpr int kFieldsBefore = 19;
+    std::string field;
+    for (int i = 0; i < kFieldsBefore; ++i) {
+        fields >> field;
+    }
+    long long ticks = 0;
+    if (text.empty() || !(fields >> ticks)) {
+        return {};
+    }
+    timespec sinceBoot{};
+    clock_gettime(CLOCK_BOOTTIME, &sinceBoot);
+    const auto up = std::chrono::seconds(sinceBoot.tv_sec) +
+                    std::chrono::nanoseconds(sinceBoot.tv_nsec) -
+                    std::chrono::milliseconds(1000 * ticks / sysconf(_SC_CLK_TCK));
+    return std::chrono::system_clock::now() -
+           std::chrono::duration_cast<std::chrono::system_clock::duration>(up);
 }
 
 std::string programOf(pid_t process) {

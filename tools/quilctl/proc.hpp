@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -42,6 +43,9 @@ bool readOpenSockets(pid_t process, std::vector<OpenSocket>* sockets);
 
 // A process that has the socket open, 0 when none can be seen.
 pid_t findHolder(unsigned long inode);
+
+// When a process was started, by the clock of files; the beginning of time when it is gone.
+std::chrono::system_clock::time_point startOf(pid_t process);
 
 // The name of a process, "" when it is gone.
 std::string programOf(pid_t process);

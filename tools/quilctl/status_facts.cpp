@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +14,9 @@
 #include "platform/root/root.hpp"
 
 namespace {
+
+// Within which an agent that is started has read its files.
+constexpr std::chrono::milliseconds kStartTakes{100};
 
 bool isLoopback(const std::string& host) {
     return host.compare(0, 4, "127.") == 0 || host == "localhost" || host == "::1";
@@ -64,6 +68,28 @@ void readRules(StatusFacts* facts) {
     }
 }
 
+// Of the files that the agent reads when it starts, those that changed since.
+void lookForNewerFiles(StatusFacts* facts) {
+    if (facts->agents.empty()) {
+        return;
+    }
+    const auto start = startOf(facts->agents.front().pid);
+    for (const std::string& path :
+         {std::string("/etc/quilagent.conf"), settingOf(facts->configuration, "rules")}) {
+        struct stat file {};
+        if (path.empty() || stat(platformPath(path).c_str(), &file) != 0) {
+            continue;
+        }
+        const std::chrono::system_clock::time_point change(
+            std::chrono::duration_cast<std::chrono::system_clock::duration>(
+                std::chrono::seconds(file.st_mtim.tv_sec) +
+                std::chrono::nanoseconds(file.st_mtim.tv_nsec)));
+        if (change > start + kStartTakes) {
+            facts->newerFiles.push_back(path);
+        }
+    }
+}
+
 pid_t findStoppedService() {
     for (const AgentProcess& service : findProcesses("ppsd")) {
         if (service.isStopped) {
@@ -101,6 +127,7 @@ StatusFacts collectFacts(bool isCheck, std::chrono::milliseconds limit) {
         facts.agents = withoutStrangers(std::move(facts.agents), facts.objectOwner);
         facts.strangers = found - facts.agents.size();
     }
+    lookForNewerFiles(&facts);
     facts.ports = matchPorts(facts.agents, &facts.saved.sessions);
     if (isCheck && facts.service == ServiceState::Mounted) {
         facts.store = checkStore(limit);

@@ -27,8 +27,9 @@ struct StatusFacts : ServiceFacts {
     RulesFile rules;  // of the key "rules"; empty and sound without it, or where only root may read
     bool areRulesClosed = false;  // to this user
     PortFacts ports;
-    bool isProxyLocal = false;      // proxy-host is a loopback address
-    bool isProxyListening = false;  // and something listens on its port
+    std::vector<std::string> newerFiles;  // that changed after the agent had read them
+    bool isProxyLocal = false;            // proxy-host is a loopback address
+    bool isProxyListening = false;        // and something listens on its port
     bool isListenAddressOurs = true;
     // Of a check alone.
     StoreFacts store;

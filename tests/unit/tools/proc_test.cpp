@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 
 namespace {
@@ -44,6 +45,22 @@ TEST(Proc, HolderOfASocketIsFound) {
     EXPECT_EQ(findHolder(found->inode), 0);
     sockets.clear();
     EXPECT_FALSE(readOpenSockets(0, &sockets)) << "no such process";
+}
+
+TEST(Proc, StartOfAProcessIsByTheClockOfFiles) {
+    const auto before = std::chrono::system_clock::now();
+    const pid_t child = fork();
+    if (child == 0) {
+        pause();
+        _exit(0);
+    }
+    const auto after = std::chrono::system_clock::now();
+    const auto tick = std::chrono::milliseconds(20);
+    EXPECT_GE(startOf(child), before - tick);
+    EXPECT_LE(startOf(child), after + tick);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(startOf(child), std::chrono::system_clock::time_point());
 }
 
 TEST(Proc, StoppedProcessIsSeenToBe) {
