@@ -20,9 +20,7 @@ void MonitorView::showArrival(const PushTrace& push) {
 }
 
 void MonitorView::showDelivery(const PushTrace& push) {
-    const char* more = push.nobodyWaits ? ", nobody waits"
-                       : push.sharesId  ? "; its id was in use: if its sender waits, it was closed"
-                                        : "";
+    const char* more = push.nobodyWaits ? ", nobody waits" : noteOfSharedId(push);
     showPush(push, "delivered", std::string("delivered") + more, Kind::Good);
 }
 
@@ -31,7 +29,7 @@ void MonitorView::showEnd(const PushTrace& push) {
     if (!push.trouble.empty()) {
         showPush(push, "failed", push.trouble, Kind::Bad);
     } else if (!push.answer.empty()) {
-        showPush(push, push.answer.c_str(), push.answer,
+        showPush(push, push.answer.c_str(), answerOf(push),
                  push.answer == "accepted" ? Kind::Good : Kind::Bad);
     }
 }

@@ -33,9 +33,11 @@ struct PushTrace {
     std::string answer;        // "accepted", "rejected" or empty
     std::string trouble;       // what went wrong, or empty
     bool nobodyWaits = false;  // known with -v only
-    // A push of the same id waited for its answer. Whether that kept the id, and this one's
-    // connection was closed, is known with -v only, or when nobody waited for the answer.
+    // A push of the same id waited for its answer, and which of their connections stands is not
+    // known: this one's when the earlier sender had hung up, else the earlier. Told with -v only.
     bool sharesId = false;
+    // The answer went to this one or to another of its id.
+    bool sharesAnswer = false;
 };
 
 class PushTracer {
@@ -71,6 +73,7 @@ class PushTracer {
     bool takeAnswer(std::string_view text);
     void takeTrouble(std::string_view text);
     void matchAnswer(const std::string& appId);
+    void endReplaced();
     void endAnswered();
     void noteDelivered();
     void endHandled();
@@ -86,3 +89,9 @@ class PushTracer {
     bool m_isWriting = false;              // the handler writes m_handled to its application
     int m_handledType = 0;                 // of the message that the handler thread took last
 };
+
+// In words, of a push that was answered.
+std::string answerOf(const PushTrace& push);
+
+// What to say behind "delivered" of a push without an answer; empty unless its id is shared.
+const char* noteOfSharedId(const PushTrace& push);

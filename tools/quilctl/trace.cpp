@@ -47,7 +47,7 @@ std::string outcomeOf(const PushTrace& push) {
         return (push.wasDelivered ? "delivered, but " : "") + push.trouble;
     }
     if (!push.answer.empty()) {
-        return push.answer;
+        return answerOf(push);
     }
     if (!push.wasDelivered) {
         return push.wasTaken    ? "being delivered"
@@ -57,9 +57,7 @@ std::string outcomeOf(const PushTrace& push) {
     if (push.nobodyWaits) {
         return "delivered, nobody waits";
     }
-    return push.sharesId
-               ? "delivered, no answer; its id was in use: if its sender waited, it was closed"
-               : "delivered, no answer";
+    return std::string("delivered, no answer") + noteOfSharedId(push);
 }
 
 std::string durationText(double seconds) {

@@ -292,20 +292,61 @@ TEST_F(Tracing, NamesThePushWhoseIdIsInUse) {
     EXPECT_EQ(m_shown, "a ' m1' 68 delivered accepted\n");
 }
 
-// Without -v it shows at the second answer, which nobody waits for.
-TEST_F(Tracing, NamesThePushWhoseIdWasInUseWhenItIsAnswered) {
+// With -v: the session kept the connection of the second, so the first one's was let go.
+TEST_F(Tracing, CallsThePushOfASenderThatHadHungUpSentAgain) {
+    for (int i = 0; i < 2; ++i) {
+        receive("a", "68");
+        log({"5 received", "app id[a] clientId[@ipc.1]"});
+        keep(" m1", "1");
+        log({"sendMessage: Callback [pushNotification] for client id[@ipc.1] err[0] has data[1]",
+             "addData: name [Push-Message-ID] value[ m1]", "Wrote 144 bytes to pps."});
+    }
+    EXPECT_EQ(m_shown, "a ' m1' 68 delivered its sender had hung up; sent again\n");
+    EXPECT_FALSE(m_last.sharesId);
+    m_shown.clear();
+    answer("acceptPush", " m1");
+    EXPECT_EQ(m_shown, "a ' m1' 68 delivered accepted\n");
+    EXPECT_EQ(answerOf(m_last), "accepted");
+}
+
+TEST_F(Tracing, LetsAPushOfAnotherApplicationKeepItsId) {
+    for (const char* app : {"a", "b"}) {
+        receive(app, "68");
+        log({"5 received", (std::string("app id[") + app + "] clientId[@ipc.1]").c_str()});
+        keep(" m1", "1");
+        log({"sendMessage: Callback [pushNotification] for client id[@ipc.1] err[0] has data[1]",
+             "addData: name [Push-Message-ID] value[ m1]", "Wrote 144 bytes to pps."});
+    }
+    EXPECT_EQ(m_shown, "");
+}
+
+// Without -v nothing tells whether the first sender still waited: one connection has the answer,
+// and the answer to the other delivery finds none.
+TEST_F(Tracing, LeavesOpenWhichPushOfAnIdWasAnswered) {
     receive("a", "1");
     deliver(" m1");
     receive("a", "2");
     deliver(" m1");
     answer("acceptPush", " m1");
-    EXPECT_EQ(m_shown, "a ' m1' 1 delivered accepted\n");
+    EXPECT_EQ(m_shown, "a ' m1' 1 delivered accepted\na ' m1' 2 delivered accepted\n");
+    EXPECT_EQ(answerOf(m_last),
+              "accepted: this one or another of its id, a log with -v tells which");
     m_shown.clear();
     log({"acceptPush called and Push id [ m1].", "providerAppID is a\n",
          "Failed to find pushId[ m1]", "quilAgentLoop: All the valid ports are"});
+    EXPECT_EQ(m_shown, "");
+}
+
+TEST_F(Tracing, SaysOfAllPushesOfAnIdThatNobodyWaitedForTheAnswer) {
+    for (int i = 0; i < 2; ++i) {
+        receive("a", "1");
+        deliver("m1");
+    }
+    log({"acceptPush called and Push id [m1].", "providerAppID is a\n", "Failed to find pushId[m1]",
+         "quilAgentLoop: All the valid ports are"});
     EXPECT_EQ(m_shown,
-              "a ' m1' 2 delivered acceptedits id was in use: its connection was "
-              "closed\n");
+              "a 'm1' 1 delivered acceptednobody waited for the answer\n"
+              "a 'm1' 1 delivered acceptednobody waited for the answer\n");
 }
 
 TEST_F(Tracing, SaysThatAnIdIsSharedOnlyWithinAnApplication) {
