@@ -23,6 +23,14 @@ struct ChannelTrace {
     bool hasNoPin = false;      // then the application is told that there is no channel
     std::string trouble;        // what went wrong, or empty
 
+    // What the push server was asked and said, as far as the log tells; most of it with -v only.
+    std::optional<int> portBefore;          // the session's when the server was asked; -1 for none
+    std::optional<int> code;                // behind "rc="
+    std::optional<std::string> portHeader;  // its value
+    bool hasNewPort = false;
+    bool hasNoPort = false;      // of a channel that was created
+    bool isTroubleOpen = false;  // somebody's trouble was told without a name
+
     // Whether all is as its application hopes.
     bool isGood() const { return isRegistered && !hasNoPin && trouble.empty(); }
 };
@@ -44,10 +52,13 @@ class ChannelTracer {
     bool takeRegistered(std::string_view text);
     bool takeEnd(std::string_view text);
     bool takeOpening(std::string_view text);
+    bool takeAnswer(std::string_view text);
+    void takePorts(std::string_view text);
     void takePin(std::string_view text);
     void takeTrouble(std::string_view text);
     ChannelTrace* find(const std::string& appId, bool isDestroying, bool wasTaken);
     ChannelTrace* findInTrouble(std::string_view text);
+    ChannelTrace* findOnlyTaken();
     void noteNoPin(const std::string& reason);
 
     std::optional<double> m_now;
@@ -55,6 +66,7 @@ class ChannelTracer {
     std::list<ChannelTrace> m_channels;  // not ended yet
     std::string m_openingTrouble;        // why a port could not be opened; whose tells a later line
     std::string m_lookedFor;             // device value that is being read
+    std::optional<int> m_listedPorts;    // so far, of the list that the main thread logs
 };
 
 // The request it is about, such as "createChannel".

@@ -442,6 +442,96 @@ TEST_F(Tracing, TakesNoOtherValueForThePin) {
     EXPECT_EQ(outcomeOf(m_lastChannel), "channel created");
 }
 
+TEST_F(Tracing, TellsOfAChannelWithoutAPort) {
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   "getReturnCode: Response Code [0]",
+                   "addCreateChannelCompletedMessage: provider app id [a]",
+                   " Provider app id [a] current state[Create] next state[Register]"});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel created, but nobody listens: the push server gave no port (its code was 0)");
+    EXPECT_FALSE(m_lastChannel.isGood());
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   "getReturnCode: Response Code [200]",
+                   "processServerRegister: app id [a] port [-1]",
+                   "processServerRegister: Opening port 4400\n",
+                   "addCreateChannelCompletedMessage: provider app id [a]",
+                   " Provider app id [a] current state[Create] next state[Register]"});
+    EXPECT_EQ(outcomeOf(m_lastChannel), "channel created");
+}
+
+// Without -v the list that the main thread watches next tells it.
+TEST_F(Tracing, TellsOfAChannelWithoutAPortWhereTheAgentWatchesNone) {
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   " Provider app id [a] current state[Create] next state[Register]",
+                   "quilAgentLoop: All the valid ports are\n",
+                   "quilAgentLoop: Waiting (select)..."});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel created, but nobody listens: the push server gave no port");
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   " Provider app id [a] current state[Create] next state[Register]",
+                   "quilAgentLoop: All the valid ports are\n", "quilAgentLoop 2: port[4400] fd[9]",
+                   "quilAgentLoop: Waiting (select)..."});
+    EXPECT_EQ(outcomeOf(m_lastChannel), "channel created");
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   "quilAgentLoop: All the valid ports are\n",
+                   " Provider app id [a] current state[Create] next state[Register]",
+                   "quilAgentLoop: Waiting (select)..."});
+    EXPECT_EQ(outcomeOf(m_lastChannel), "channel created");
+}
+
+TEST_F(Tracing, TellsOfAChannelThatKeepsThePortOfBefore) {
+    createChannel({"processServerRegister: appid [a] port [4400]\n",
+                   "getReturnCode: Response Code [0]",
+                   "addCreateChannelCompletedMessage: provider app id [a]",
+                   " Provider app id [a] current state[Create] next state[Register]"});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel created, but the push server gave no port (its code was 0): port 4400 of "
+              "before is kept");
+}
+
+TEST_F(Tracing, TellsTheCodeOfARefusalInTheFirstAnswer) {
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   "getReturnCode: Response Code [10005]",
+                   "addCreateChannelCompletedMessage: provider app id [a]"});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel not created: 10005, the push server refused; this is its own return code");
+    createChannel({"processServerRegister: appid [a] port [-1]\n"});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel not created: the push server's first answer ended it; a log with -v tells "
+              "its code");
+}
+
+// Two exchanges at once: of which the line is, nothing says.
+TEST_F(Tracing, BlamesNoChannelForATroubleWithoutAName) {
+    log({"addMessage: msg type[7] provider id[a] errorCode[0]",
+         "addMessage: msg type[7] provider id[b] errorCode[0]", "7 received",
+         "app id[a] clientId[@ipc.1]", "7 received", "app id[b] clientId[@ipc.2]",
+         "processServerRegister: appid [a] port [-1]\n",
+         "processServerRegister: appid [b] port [-1]\n", "getReturnCode: Response Code [200]",
+         "getReturnCode: Response Code [10005]", "OVRA registration failed. Invalid port received",
+         "addMessage: msg type[2] provider id[a] errorCode[0]",
+         "addMessage: msg type[2] provider id[b] errorCode[0]"});
+    EXPECT_EQ(m_shown, "a create bad \nb create bad \n");
+}
+
+TEST_F(Tracing, TellsWhetherThePortHeaderIsMissing) {
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   "getReturnCode: Response Code [200]",
+                   "OVRA registration failed. Invalid port received"});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel not created: OVRA registration failed. Invalid port received: the header "
+              "vex-device-ovra-port is missing");
+    createChannel({"processServerRegister: appid [a] port [-1]\n", "Port response -3\n",
+                   "getReturnCode: Response Code [200]",
+                   "OVRA registration failed. Invalid port received"});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel not created: OVRA registration failed. Invalid port received: the header "
+              "vex-device-ovra-port is '-3'");
+    createChannel({"OVRA registration failed. Invalid port received"});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel not created: OVRA registration failed. Invalid port received");
+}
+
 TEST_F(Tracing, BeginsAnewWithTheAgent) {
     receive("a", "1");
     log({"Initialize Configuration Manager - done."});
