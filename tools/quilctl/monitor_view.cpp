@@ -20,8 +20,9 @@ void MonitorView::showArrival(const PushTrace& push) {
 }
 
 void MonitorView::showDelivery(const PushTrace& push) {
-    const char* more = push.nobodyWaits ? ", nobody waits" : noteOfSharedId(push);
-    showPush(push, "delivered", std::string("delivered") + more, Kind::Good);
+    const std::string words = std::string("delivered") + noteOfDelivery(push) +
+                              (push.nobodyWaits ? ", nobody waits" : "");
+    showPush(push, "delivered", words, push.hasNoReader ? Kind::Bad : Kind::Good);
 }
 
 // Of a push that was delivered, and for which nothing follows, all is said.

@@ -30,6 +30,7 @@ std::optional<PushTrace> takeFirstOf(std::deque<PushTrace>* pushes, const std::s
 
 void PushTracer::take(std::string_view text, std::optional<double> time) {
     m_now = time;
+    m_goneClients.take(text);
     // Each of these knows whether a line is one of its own; the first that does ends the search.
     takeReceiving(text) || takeGivenUp(text) || takeLetGo(text) || takeQueue(text) ||
         takeKeeping(text) || takeDelivery(text) || takeAnswer(text);
@@ -51,6 +52,7 @@ void PushTracer::finish() {
     m_queue.clear();
     m_delivered.clear();
     m_answering.reset();
+    m_goneClients = {};
 }
 
 // The main thread: a connection on a port, what it read, and that it is done with it.
@@ -249,6 +251,8 @@ bool PushTracer::takeDelivery(std::string_view text) {
     }
     if (startsWith(text, "sendMessage: Callback [pushNotification]")) {
         m_isWriting = true;
+        m_handled->hasNoReader =
+            m_goneClients.has(between(text, "for client id[", "] err[").value_or(""));
         return true;
     }
     if (m_isWriting && startsWith(text, "addData: name [Push-Message-ID] value[")) {
@@ -384,7 +388,10 @@ std::string answerOf(const PushTrace& push) {
            (push.sharesAnswer ? ": this one or another of its id, a log with -v tells which" : "");
 }
 
-const char* noteOfSharedId(const PushTrace& push) {
+const char* noteOfDelivery(const PushTrace& push) {
+    if (push.hasNoReader) {
+        return " to nobody: the application was not connected";
+    }
     return push.sharesId && push.trouble.empty()
                ? "; its id was in use: unless the earlier sender had hung up, it was closed (a log "
                  "with -v tells)"

@@ -442,6 +442,28 @@ TEST_F(Tracing, TakesNoOtherValueForThePin) {
     EXPECT_EQ(outcomeOf(m_lastChannel), "channel created");
 }
 
+TEST_F(Tracing, TellsOfAPushThatIsDeliveredToNobody) {
+    log({"PPS_DELETE: removed client id [@ipc.1] return code [1]",
+         "Empty message received from [@ipc.1]."});
+    receive("a", "1");
+    deliver("m1");
+    m_tracer.finish();
+    EXPECT_TRUE(m_last.hasNoReader);
+    EXPECT_STREQ(noteOfDelivery(m_last), " to nobody: the application was not connected");
+}
+
+// An object service that was started again gives its connections the names of before.
+TEST_F(Tracing, TakesAConnectionOfTheSameNameForANewOne) {
+    log({"PPS_DELETE: removed client id [@ipc.1] return code [1]",
+         "Empty message received from [@ipc.1].", "clientIf_getMsg - Reading incoming IPC request.",
+         "----------------- PPS_CREATED------------------------------",
+         "Empty message received from [@ipc.1]."});
+    receive("a", "1");
+    deliver("m1");
+    m_tracer.finish();
+    EXPECT_FALSE(m_last.hasNoReader);
+}
+
 TEST_F(Tracing, TellsOfAChannelWithoutAPort) {
     createChannel({"processServerRegister: appid [a] port [-1]\n",
                    "getReturnCode: Response Code [0]",
