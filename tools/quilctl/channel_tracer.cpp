@@ -40,6 +40,11 @@ std::string portTrouble(const ChannelTrace& channel) {
            (channel.portHeader ? " is '" + *channel.portHeader + "'" : " is missing");
 }
 
+// Whether it may have come without a port, and nothing has told yet.
+bool mayLackPort(const ChannelTrace& channel) {
+    return channel.trouble.empty() && channel.portBefore.value_or(1) < 1 && !channel.isPortKnown;
+}
+
 // Of a creation that ended without a line that says why: with the code of the server's first
 // answer, or, when it was created, with a code that brings no port.
 std::string quietTrouble(const ChannelTrace& channel) {
@@ -69,6 +74,10 @@ void ChannelTracer::take(std::string_view text, std::optional<double> time) {
 }
 
 void ChannelTracer::finish() {
+    for (; !m_created.empty(); m_created.pop_front()) {
+        end(m_created.front());
+    }
+    m_listedPorts.reset();
     for (const ChannelTrace& channel : m_channels) {
         onEnd(channel);
     }
@@ -157,6 +166,7 @@ bool ChannelTracer::takeAnswer(std::string_view text) {
         if (ChannelTrace* channel =
                 find(betweenLast(text, "app id [", "]").value_or(""), false, true)) {
             channel->hasNoPort = !channel->hasNewPort;
+            channel->isPortKnown = true;
         }
         return true;
     }
@@ -180,11 +190,17 @@ void ChannelTracer::takePorts(std::string_view text) {
     } else if (m_listedPorts && startsWith(text, "quilAgentLoop 2: port[")) {
         ++*m_listedPorts;
     } else if (m_listedPorts && startsWith(text, "quilAgentLoop: Waiting")) {
-        for (ChannelTrace& channel : m_channels) {
-            if (channel.isRegistered && channel.trouble.empty() &&
-                channel.portBefore.value_or(-1) < 1 && *m_listedPorts == 0) {
-                channel.hasNoPort = true;
+        const bool hasNone = *m_listedPorts == 0;
+        for (std::list<ChannelTrace>* channels : {&m_channels, &m_created}) {
+            for (ChannelTrace& channel : *channels) {
+                if (channel.isRegistered && mayLackPort(channel)) {
+                    channel.hasNoPort = hasNone;
+                    channel.isPortKnown = true;
+                }
             }
+        }
+        for (; !m_created.empty(); m_created.pop_front()) {
+            end(m_created.front());
         }
         m_listedPorts.reset();
     }
@@ -222,14 +238,23 @@ bool ChannelTracer::takeEnd(std::string_view text) {
         if (code != 0 && channel->trouble.empty()) {
             channel->trouble = codeTrouble(code);
         }
-    } else if (channel->trouble.empty()) {
-        channel->trouble = quietTrouble(*channel);
     }
     channel->ended = m_now;
     channel->hasEnded = true;
-    onEnd(*channel);
+    if (!isDestroyed && channel->isRegistered && mayLackPort(*channel)) {
+        m_created.push_back(*channel);
+    } else {
+        end(*channel);
+    }
     m_channels.remove_if([channel](const ChannelTrace& each) { return &each == channel; });
     return true;
+}
+
+void ChannelTracer::end(ChannelTrace channel) {
+    if (channel.trouble.empty() && !channel.isDestroying) {
+        channel.trouble = quietTrouble(channel);
+    }
+    onEnd(channel);
 }
 
 // The PIN is asked for behind the registration, unless it is known already. No PIN, no token: the

@@ -28,6 +28,7 @@ struct ChannelTrace {
     std::optional<int> code;                // behind "rc="
     std::optional<std::string> portHeader;  // its value
     bool hasNewPort = false;
+    bool isPortKnown = false;    // whether it has one or not
     bool hasNoPort = false;      // of a channel that was created
     bool isTroubleOpen = false;  // somebody's trouble was told without a name
 
@@ -59,11 +60,13 @@ class ChannelTracer {
     ChannelTrace* find(const std::string& appId, bool isDestroying, bool wasTaken);
     ChannelTrace* findInTrouble(std::string_view text);
     ChannelTrace* findOnlyTaken();
+    void end(ChannelTrace channel);
     void noteNoPin(const std::string& reason);
 
     std::optional<double> m_now;
     int m_handledType = 0;               // of the message that the handler thread took last
     std::list<ChannelTrace> m_channels;  // not ended yet
+    std::list<ChannelTrace> m_created;   // the next list of ports tells whether they have one
     std::string m_openingTrouble;        // why a port could not be opened; whose tells a later line
     std::string m_lookedFor;             // device value that is being read
     std::optional<int> m_listedPorts;    // so far, of the list that the main thread logs

@@ -494,11 +494,15 @@ TEST_F(Tracing, TellsOfAChannelWithoutAPortWhereTheAgentWatchesNone) {
                    "quilAgentLoop: All the valid ports are\n", "quilAgentLoop 2: port[4400] fd[9]",
                    "quilAgentLoop: Waiting (select)..."});
     EXPECT_EQ(outcomeOf(m_lastChannel), "channel created");
+    m_shown.clear();
     createChannel({"processServerRegister: appid [a] port [-1]\n",
                    "quilAgentLoop: All the valid ports are\n",
                    " Provider app id [a] current state[Create] next state[Register]",
                    "quilAgentLoop: Waiting (select)..."});
-    EXPECT_EQ(outcomeOf(m_lastChannel), "channel created");
+    EXPECT_EQ(m_shown, "");  // that list may be one of before
+    log({"quilAgentLoop: All the valid ports are\n", "quilAgentLoop: Waiting (select)..."});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel created, but nobody listens: the push server gave no port");
 }
 
 TEST_F(Tracing, TellsOfAChannelThatKeepsThePortOfBefore) {
@@ -521,6 +525,14 @@ TEST_F(Tracing, TellsTheCodeOfARefusalInTheFirstAnswer) {
     EXPECT_EQ(outcomeOf(m_lastChannel),
               "channel not created: the push server's first answer ended it; a log with -v tells "
               "its code");
+}
+
+TEST_F(Tracing, TellsOfAChannelAtTheEndOfTheLogThoughNoPortsAreListed) {
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   " Provider app id [a] current state[Create] next state[Register]"});
+    EXPECT_EQ(m_shown, "");
+    m_tracer.finish();
+    EXPECT_EQ(m_shown, "a create good\n");
 }
 
 // Two exchanges at once: of which the line is, nothing says.
