@@ -33,8 +33,9 @@ const std::vector<CodeInfo>& knownCodes() {
         {kBadArgument, kLibrary, "the request was refused before it was sent",
          "correct the argument that the message names"},
         {kEmptyToken, kLibrary, "the channel was not created: its completion came without a token",
-         "the agent's log tells why: the push server did not answer or refused the registration, "
-         "its answer held no usable port, or the device has no PIN; the agent gives no code"},
+         "quilctl trace LOG shows the reason, out of the agent's log: the push server did not "
+         "answer "
+         "or refused, gave no usable port, or the device has no PIN"},
         {kConnectionLost, kLibrary, "the agent or the object service went away",
          "start it again; a PushClient then goes on by itself"},
         {kTimedOut, kLibrary, "the agent did not answer in time",

@@ -23,6 +23,15 @@ struct ChannelTrace {
     bool hasNoPin = false;      // then the application is told that there is no channel
     std::string trouble;        // what went wrong, or empty
 
+    // What the push server was asked and said, as far as the log tells; most of it with -v only.
+    std::optional<int> portBefore;          // the session's when the server was asked; -1 for none
+    std::optional<int> code;                // behind "rc="
+    std::optional<std::string> portHeader;  // its value
+    bool hasNewPort = false;
+    bool isPortKnown = false;    // whether it has one or not
+    bool hasNoPort = false;      // of a channel that was created
+    bool isTroubleOpen = false;  // somebody's trouble was told without a name
+
     // Whether all is as its application hopes.
     bool isGood() const { return isRegistered && !hasNoPin && trouble.empty(); }
 };
@@ -44,17 +53,23 @@ class ChannelTracer {
     bool takeRegistered(std::string_view text);
     bool takeEnd(std::string_view text);
     bool takeOpening(std::string_view text);
+    bool takeAnswer(std::string_view text);
+    void takePorts(std::string_view text);
     void takePin(std::string_view text);
     void takeTrouble(std::string_view text);
     ChannelTrace* find(const std::string& appId, bool isDestroying, bool wasTaken);
     ChannelTrace* findInTrouble(std::string_view text);
+    ChannelTrace* findOnlyTaken();
+    void end(ChannelTrace channel);
     void noteNoPin(const std::string& reason);
 
     std::optional<double> m_now;
     int m_handledType = 0;               // of the message that the handler thread took last
     std::list<ChannelTrace> m_channels;  // not ended yet
+    std::list<ChannelTrace> m_created;   // the next list of ports tells whether they have one
     std::string m_openingTrouble;        // why a port could not be opened; whose tells a later line
     std::string m_lookedFor;             // device value that is being read
+    std::optional<int> m_listedPorts;    // so far, of the list that the main thread logs
 };
 
 // The request it is about, such as "createChannel".

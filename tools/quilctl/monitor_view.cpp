@@ -20,10 +20,9 @@ void MonitorView::showArrival(const PushTrace& push) {
 }
 
 void MonitorView::showDelivery(const PushTrace& push) {
-    const char* more = push.nobodyWaits ? ", nobody waits"
-                       : push.sharesId  ? "; its id was in use: if its sender waits, it was closed"
-                                        : "";
-    showPush(push, "delivered", std::string("delivered") + more, Kind::Good);
+    const std::string words = std::string("delivered") + noteOfDelivery(push) +
+                              (push.nobodyWaits ? ", nobody waits" : "");
+    showPush(push, "delivered", words, push.hasNoReader ? Kind::Bad : Kind::Good);
 }
 
 // Of a push that was delivered, and for which nothing follows, all is said.
@@ -31,7 +30,7 @@ void MonitorView::showEnd(const PushTrace& push) {
     if (!push.trouble.empty()) {
         showPush(push, "failed", push.trouble, Kind::Bad);
     } else if (!push.answer.empty()) {
-        showPush(push, push.answer.c_str(), push.answer,
+        showPush(push, push.answer.c_str(), answerOf(push),
                  push.answer == "accepted" ? Kind::Good : Kind::Bad);
     }
 }

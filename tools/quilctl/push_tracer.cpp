@@ -30,6 +30,7 @@ std::optional<PushTrace> takeFirstOf(std::deque<PushTrace>* pushes, const std::s
 
 void PushTracer::take(std::string_view text, std::optional<double> time) {
     m_now = time;
+    m_goneClients.take(text);
     // Each of these knows whether a line is one of its own; the first that does ends the search.
     takeReceiving(text) || takeGivenUp(text) || takeLetGo(text) || takeQueue(text) ||
         takeKeeping(text) || takeDelivery(text) || takeAnswer(text);
@@ -51,6 +52,7 @@ void PushTracer::finish() {
     m_queue.clear();
     m_delivered.clear();
     m_answering.reset();
+    m_goneClients = {};
 }
 
 // The main thread: a connection on a port, what it read, and that it is done with it.
@@ -191,8 +193,24 @@ bool PushTracer::takeKeeping(std::string_view text) {
         m_handled->trouble = "its connection was closed for want of memory";
     } else if (contains(text, "return_code = 0") && m_handled->trouble.empty()) {
         m_handled->trouble = kIdInUse;
+    } else if (contains(text, "return_code = 1")) {
+        endReplaced();
     }
     return true;
+}
+
+// The session keeps one connection for an id: that of the push in hand, so no earlier one.
+void PushTracer::endReplaced() {
+    const auto isReplaced = [this](const PushTrace& push) {
+        return push.appId == m_handled->appId && push.id == m_handled->id;
+    };
+    for (PushTrace& push : m_delivered) {
+        if (isReplaced(push)) {
+            push.trouble = "its sender had hung up; sent again";
+            onEnd(push);
+        }
+    }
+    m_delivered.remove_if(isReplaced);
 }
 
 // The handler thread is done with its push: an application has it, or nobody ever will.
@@ -233,6 +251,8 @@ bool PushTracer::takeDelivery(std::string_view text) {
     }
     if (startsWith(text, "sendMessage: Callback [pushNotification]")) {
         m_isWriting = true;
+        m_handled->hasNoReader =
+            m_goneClients.has(between(text, "for client id[", "] err[").value_or(""));
         return true;
     }
     if (m_isWriting && startsWith(text, "addData: name [Push-Message-ID] value[")) {
@@ -297,17 +317,28 @@ bool PushTracer::takeAnswer(std::string_view text) {
     return false;
 }
 
-// Marks the push that the answer is meant for.
+// Marks the pushes that the answer may be meant for: all of that id, of which one connection at the
+// most stands.
 void PushTracer::matchAnswer(const std::string& appId) {
     if (m_answering->isMatched) {
         return;
     }
-    const auto push = findDelivered(appId, m_answering->id);
-    if (push != m_delivered.end()) {
-        m_answering->isMatched = true;
-        push->id = m_answering->id;
-        push->answer = m_answering->isAccept ? "accepted" : "rejected";
-        push->answered = m_answering->time;
+    const auto first = findDelivered(appId, m_answering->id);
+    if (first == m_delivered.end()) {
+        return;
+    }
+    m_answering->isMatched = true;
+    first->id = m_answering->id;
+    const auto isMeant = [first](const PushTrace& push) {
+        return push.id == first->id && push.appId == first->appId;
+    };
+    const bool areMore = std::count_if(m_delivered.begin(), m_delivered.end(), isMeant) > 1;
+    for (PushTrace& push : m_delivered) {
+        if (isMeant(push)) {
+            push.answer = m_answering->isAccept ? "accepted" : "rejected";
+            push.answered = m_answering->time;
+            push.sharesAnswer = areMore;
+        }
     }
 }
 
@@ -316,11 +347,12 @@ void PushTracer::endAnswered() {
         return;
     }
     matchAnswer("");
-    const auto push = std::find_if(m_delivered.begin(), m_delivered.end(),
-                                   [](const PushTrace& each) { return !each.answer.empty(); });
-    if (push != m_delivered.end()) {
-        push->closed = m_now;
-        endDelivered(push);
+    for (auto push = m_delivered.begin(); push != m_delivered.end();) {
+        const auto each = push++;
+        if (!each->answer.empty()) {
+            each->closed = m_now;
+            endDelivered(each);
+        }
     }
     m_answering.reset();
 }
@@ -345,8 +377,23 @@ void PushTracer::takeTrouble(std::string_view text) {
         matchAnswer("");
         for (PushTrace& push : m_delivered) {
             if (!push.answer.empty()) {
-                push.trouble = push.sharesId ? kIdInUse : "nobody waited for the answer";
+                push.trouble = "nobody waited for the answer";
             }
         }
     }
+}
+
+std::string answerOf(const PushTrace& push) {
+    return push.answer +
+           (push.sharesAnswer ? ": this one or another of its id, a log with -v tells which" : "");
+}
+
+const char* noteOfDelivery(const PushTrace& push) {
+    if (push.hasNoReader) {
+        return " to nobody: the application was not connected";
+    }
+    return push.sharesId && push.trouble.empty()
+               ? "; its id was in use: unless the earlier sender had hung up, it was closed (a log "
+                 "with -v tells)"
+               : "";
 }

@@ -15,6 +15,8 @@
 #include <string>
 #include <string_view>
 
+#include "tools/quilctl/gone_clients.hpp"
+
 // Times in seconds; absent where that stage was not reached or the log holds no times.
 struct PushTrace {
     std::string appId;
@@ -33,9 +35,12 @@ struct PushTrace {
     std::string answer;        // "accepted", "rejected" or empty
     std::string trouble;       // what went wrong, or empty
     bool nobodyWaits = false;  // known with -v only
-    // A push of the same id waited for its answer. Whether that kept the id, and this one's
-    // connection was closed, is known with -v only, or when nobody waited for the answer.
+    bool hasNoReader = false;  // its application's connection had ended when it was delivered
+    // A push of the same id waited for its answer, and which of their connections stands is not
+    // known: this one's when the earlier sender had hung up, else the earlier. Told with -v only.
     bool sharesId = false;
+    // The answer went to this one or to another of its id.
+    bool sharesAnswer = false;
 };
 
 class PushTracer {
@@ -71,6 +76,7 @@ class PushTracer {
     bool takeAnswer(std::string_view text);
     void takeTrouble(std::string_view text);
     void matchAnswer(const std::string& appId);
+    void endReplaced();
     void endAnswered();
     void noteDelivered();
     void endHandled();
@@ -84,5 +90,13 @@ class PushTracer {
     std::list<PushTrace> m_delivered;      // wait for an answer, oldest first
     std::optional<Answer> m_answering;     // what the main thread handles
     bool m_isWriting = false;              // the handler writes m_handled to its application
-    int m_handledType = 0;                 // of the message that the handler thread took last
+    GoneClients m_goneClients;
+    int m_handledType = 0;  // of the message that the handler thread took last
 };
+
+// In words, of a push that was answered.
+std::string answerOf(const PushTrace& push);
+
+// What to say behind "delivered" of a push without an answer: to nobody, or that its id is shared;
+// empty where there is nothing to say.
+const char* noteOfDelivery(const PushTrace& push);

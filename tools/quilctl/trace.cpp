@@ -42,24 +42,28 @@ std::vector<Stage> stagesOf(const ChannelTrace& channel) {
             {"server", difference(channel.taken, channel.ended), channel.hasEnded}};
 }
 
+std::string deliveredBut(const PushTrace& push) {
+    return push.hasNoReader ? std::string("delivered") + noteOfDelivery(push) + "; "
+                            : "delivered, but ";
+}
+
 std::string outcomeOf(const PushTrace& push) {
     if (!push.trouble.empty()) {
-        return (push.wasDelivered ? "delivered, but " : "") + push.trouble;
+        return (push.wasDelivered ? deliveredBut(push) : "") + push.trouble;
     }
     if (!push.answer.empty()) {
-        return push.answer;
+        return answerOf(push);
     }
     if (!push.wasDelivered) {
         return push.wasTaken    ? "being delivered"
                : push.wasQueued ? "still queued"
                                 : "still being read";
     }
-    if (push.nobodyWaits) {
-        return "delivered, nobody waits";
+    if (push.hasNoReader) {
+        return std::string("delivered") + noteOfDelivery(push);
     }
-    return push.sharesId
-               ? "delivered, no answer; its id was in use: if its sender waited, it was closed"
-               : "delivered, no answer";
+    return std::string(push.nobodyWaits ? "delivered, nobody waits" : "delivered, no answer") +
+           noteOfDelivery(push);
 }
 
 std::string durationText(double seconds) {
@@ -80,7 +84,7 @@ class TraceView {
     void show(const PushTrace& push) {
         const std::string id = push.id.empty() ? "push" : "push '" + visible(push.id) + "'";
         const std::string size = push.bytes < 0 ? "" : ", " + std::to_string(push.bytes) + " bytes";
-        const bool isGood = push.trouble.empty() && push.answer != "rejected";
+        const bool isGood = push.trouble.empty() && !push.hasNoReader && push.answer != "rejected";
         if (m_json) {
             showJson({{"kind", "push"},
                       {"app", push.appId},

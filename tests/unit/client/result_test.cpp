@@ -37,6 +37,12 @@ TEST(Codes, OutsideTheTablesAreThePushServersOwn) {
     EXPECT_EQ(explain(-99).origin, "client library");
 }
 
+// The agent gives no code for it.
+TEST(Codes, OfAChannelWithoutATokenNamesTheToolThatTellsWhy) {
+    EXPECT_NE(explain(kEmptyToken).nextStep.find("quilctl trace LOG shows the reason"),
+              std::string_view::npos);
+}
+
 TEST(Codes, SuccessHasNoWords) {
     EXPECT_TRUE(resultOf(kOk).ok());
     EXPECT_EQ(resultOf(kOk).words, "");

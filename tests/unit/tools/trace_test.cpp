@@ -292,20 +292,61 @@ TEST_F(Tracing, NamesThePushWhoseIdIsInUse) {
     EXPECT_EQ(m_shown, "a ' m1' 68 delivered accepted\n");
 }
 
-// Without -v it shows at the second answer, which nobody waits for.
-TEST_F(Tracing, NamesThePushWhoseIdWasInUseWhenItIsAnswered) {
+// With -v: the session kept the connection of the second, so the first one's was let go.
+TEST_F(Tracing, CallsThePushOfASenderThatHadHungUpSentAgain) {
+    for (int i = 0; i < 2; ++i) {
+        receive("a", "68");
+        log({"5 received", "app id[a] clientId[@ipc.1]"});
+        keep(" m1", "1");
+        log({"sendMessage: Callback [pushNotification] for client id[@ipc.1] err[0] has data[1]",
+             "addData: name [Push-Message-ID] value[ m1]", "Wrote 144 bytes to pps."});
+    }
+    EXPECT_EQ(m_shown, "a ' m1' 68 delivered its sender had hung up; sent again\n");
+    EXPECT_FALSE(m_last.sharesId);
+    m_shown.clear();
+    answer("acceptPush", " m1");
+    EXPECT_EQ(m_shown, "a ' m1' 68 delivered accepted\n");
+    EXPECT_EQ(answerOf(m_last), "accepted");
+}
+
+TEST_F(Tracing, LetsAPushOfAnotherApplicationKeepItsId) {
+    for (const char* app : {"a", "b"}) {
+        receive(app, "68");
+        log({"5 received", (std::string("app id[") + app + "] clientId[@ipc.1]").c_str()});
+        keep(" m1", "1");
+        log({"sendMessage: Callback [pushNotification] for client id[@ipc.1] err[0] has data[1]",
+             "addData: name [Push-Message-ID] value[ m1]", "Wrote 144 bytes to pps."});
+    }
+    EXPECT_EQ(m_shown, "");
+}
+
+// Without -v nothing tells whether the first sender still waited: one connection has the answer,
+// and the answer to the other delivery finds none.
+TEST_F(Tracing, LeavesOpenWhichPushOfAnIdWasAnswered) {
     receive("a", "1");
     deliver(" m1");
     receive("a", "2");
     deliver(" m1");
     answer("acceptPush", " m1");
-    EXPECT_EQ(m_shown, "a ' m1' 1 delivered accepted\n");
+    EXPECT_EQ(m_shown, "a ' m1' 1 delivered accepted\na ' m1' 2 delivered accepted\n");
+    EXPECT_EQ(answerOf(m_last),
+              "accepted: this one or another of its id, a log with -v tells which");
     m_shown.clear();
     log({"acceptPush called and Push id [ m1].", "providerAppID is a\n",
          "Failed to find pushId[ m1]", "quilAgentLoop: All the valid ports are"});
+    EXPECT_EQ(m_shown, "");
+}
+
+TEST_F(Tracing, SaysOfAllPushesOfAnIdThatNobodyWaitedForTheAnswer) {
+    for (int i = 0; i < 2; ++i) {
+        receive("a", "1");
+        deliver("m1");
+    }
+    log({"acceptPush called and Push id [m1].", "providerAppID is a\n", "Failed to find pushId[m1]",
+         "quilAgentLoop: All the valid ports are"});
     EXPECT_EQ(m_shown,
-              "a ' m1' 2 delivered acceptedits id was in use: its connection was "
-              "closed\n");
+              "a 'm1' 1 delivered acceptednobody waited for the answer\n"
+              "a 'm1' 1 delivered acceptednobody waited for the answer\n");
 }
 
 TEST_F(Tracing, SaysThatAnIdIsSharedOnlyWithinAnApplication) {
@@ -399,6 +440,130 @@ TEST_F(Tracing, TakesNoOtherValueForThePin) {
                    "looking for [HardwareID]",
                    "Read [/pps/system/nvram/deviceinfo] errno[0] error[Success]"});
     EXPECT_EQ(outcomeOf(m_lastChannel), "channel created");
+}
+
+TEST_F(Tracing, TellsOfAPushThatIsDeliveredToNobody) {
+    log({"PPS_DELETE: removed client id [@ipc.1] return code [1]",
+         "Empty message received from [@ipc.1]."});
+    receive("a", "1");
+    deliver("m1");
+    m_tracer.finish();
+    EXPECT_TRUE(m_last.hasNoReader);
+    EXPECT_STREQ(noteOfDelivery(m_last), " to nobody: the application was not connected");
+}
+
+// An object service that was started again gives its connections the names of before.
+TEST_F(Tracing, TakesAConnectionOfTheSameNameForANewOne) {
+    log({"PPS_DELETE: removed client id [@ipc.1] return code [1]",
+         "Empty message received from [@ipc.1].", "clientIf_getMsg - Reading incoming IPC request.",
+         "----------------- PPS_CREATED------------------------------",
+         "Empty message received from [@ipc.1]."});
+    receive("a", "1");
+    deliver("m1");
+    m_tracer.finish();
+    EXPECT_FALSE(m_last.hasNoReader);
+}
+
+TEST_F(Tracing, TellsOfAChannelWithoutAPort) {
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   "getReturnCode: Response Code [0]",
+                   "addCreateChannelCompletedMessage: provider app id [a]",
+                   " Provider app id [a] current state[Create] next state[Register]"});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel created, but nobody listens: the push server gave no port (its code was 0)");
+    EXPECT_FALSE(m_lastChannel.isGood());
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   "getReturnCode: Response Code [200]",
+                   "processServerRegister: app id [a] port [-1]",
+                   "processServerRegister: Opening port 4400\n",
+                   "addCreateChannelCompletedMessage: provider app id [a]",
+                   " Provider app id [a] current state[Create] next state[Register]"});
+    EXPECT_EQ(outcomeOf(m_lastChannel), "channel created");
+}
+
+// Without -v the list that the main thread watches next tells it.
+TEST_F(Tracing, TellsOfAChannelWithoutAPortWhereTheAgentWatchesNone) {
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   " Provider app id [a] current state[Create] next state[Register]",
+                   "quilAgentLoop: All the valid ports are\n",
+                   "quilAgentLoop: Waiting (select)..."});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel created, but nobody listens: the push server gave no port");
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   " Provider app id [a] current state[Create] next state[Register]",
+                   "quilAgentLoop: All the valid ports are\n", "quilAgentLoop 2: port[4400] fd[9]",
+                   "quilAgentLoop: Waiting (select)..."});
+    EXPECT_EQ(outcomeOf(m_lastChannel), "channel created");
+    m_shown.clear();
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   "quilAgentLoop: All the valid ports are\n",
+                   " Provider app id [a] current state[Create] next state[Register]",
+                   "quilAgentLoop: Waiting (select)..."});
+    EXPECT_EQ(m_shown, "");  // that list may be one of before
+    log({"quilAgentLoop: All the valid ports are\n", "quilAgentLoop: Waiting (select)..."});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel created, but nobody listens: the push server gave no port");
+}
+
+TEST_F(Tracing, TellsOfAChannelThatKeepsThePortOfBefore) {
+    createChannel({"processServerRegister: appid [a] port [4400]\n",
+                   "getReturnCode: Response Code [0]",
+                   "addCreateChannelCompletedMessage: provider app id [a]",
+                   " Provider app id [a] current state[Create] next state[Register]"});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel created, but the push server gave no port (its code was 0): port 4400 of "
+              "before is kept");
+}
+
+TEST_F(Tracing, TellsTheCodeOfARefusalInTheFirstAnswer) {
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   "getReturnCode: Response Code [10005]",
+                   "addCreateChannelCompletedMessage: provider app id [a]"});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel not created: 10005, the push server refused; this is its own return code");
+    createChannel({"processServerRegister: appid [a] port [-1]\n"});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel not created: the push server's first answer ended it; a log with -v tells "
+              "its code");
+}
+
+TEST_F(Tracing, TellsOfAChannelAtTheEndOfTheLogThoughNoPortsAreListed) {
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   " Provider app id [a] current state[Create] next state[Register]"});
+    EXPECT_EQ(m_shown, "");
+    m_tracer.finish();
+    EXPECT_EQ(m_shown, "a create good\n");
+}
+
+// Two exchanges at once: of which the line is, nothing says.
+TEST_F(Tracing, BlamesNoChannelForATroubleWithoutAName) {
+    log({"addMessage: msg type[7] provider id[a] errorCode[0]",
+         "addMessage: msg type[7] provider id[b] errorCode[0]", "7 received",
+         "app id[a] clientId[@ipc.1]", "7 received", "app id[b] clientId[@ipc.2]",
+         "processServerRegister: appid [a] port [-1]\n",
+         "processServerRegister: appid [b] port [-1]\n", "getReturnCode: Response Code [200]",
+         "getReturnCode: Response Code [10005]", "OVRA registration failed. Invalid port received",
+         "addMessage: msg type[2] provider id[a] errorCode[0]",
+         "addMessage: msg type[2] provider id[b] errorCode[0]"});
+    EXPECT_EQ(m_shown, "a create bad \nb create bad \n");
+}
+
+TEST_F(Tracing, TellsWhetherThePortHeaderIsMissing) {
+    createChannel({"processServerRegister: appid [a] port [-1]\n",
+                   "getReturnCode: Response Code [200]",
+                   "OVRA registration failed. Invalid port received"});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel not created: OVRA registration failed. Invalid port received: the header "
+              "vex-device-ovra-port is missing");
+    createChannel({"processServerRegister: appid [a] port [-1]\n", "Port response -3\n",
+                   "getReturnCode: Response Code [200]",
+                   "OVRA registration failed. Invalid port received"});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel not created: OVRA registration failed. Invalid port received: the header "
+              "vex-device-ovra-port is '-3'");
+    createChannel({"OVRA registration failed. Invalid port received"});
+    EXPECT_EQ(outcomeOf(m_lastChannel),
+              "channel not created: OVRA registration failed. Invalid port received");
 }
 
 TEST_F(Tracing, BeginsAnewWithTheAgent) {
