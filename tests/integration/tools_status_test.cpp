@@ -222,6 +222,23 @@ TEST_F(Status, NamesRulesThatLeaveRootAlone) {
     EXPECT_EQ(check(), "0");
 }
 
+TEST_F(Status, NamesAllowedSendersThatAreNone) {
+    configure("proxy-port 0\nhttp-timeout 20\nallowed-senders 127.0.0.2, 10.0.0.0/8 foo\n");
+    startAgent();
+    EXPECT_EQ(check(), "allowed-senders 0");
+    const std::string shown = runTool(m_root.path(), "quilctl", {"status"}).output;
+    EXPECT_TRUE(
+        contains(shown, "127.0.0.2, 10.0.0.0/8 foo (line 3; what counts: 127.0.0.2, 10.0.0.0/8)"))
+        << shown;
+    configure("proxy-port 0\nhttp-timeout 20\nallowed-senders foo\n");
+    EXPECT_EQ(check(), "allowed-senders allowed-senders 1");
+    const ToolRun none = runTool(m_root.path(), "quilctl", {"status"});
+    EXPECT_TRUE(contains(none.output, "foo (line 3; what counts: nothing)")) << none.output;
+    const auto object =
+        nlohmann::json::parse(runTool(m_root.path(), "quilctl", {"status", "--json"}).output);
+    EXPECT_TRUE(object["configuration"]["allowed-senders"]["counts"].empty()) << object;
+}
+
 TEST_F(Status, LaterEmptyValueIsTheDefaultAgain) {
     configure("proxy-port 0\nhttp-timeout 20\nrules /etc/none\nrules \n");
     startAgent();

@@ -32,11 +32,10 @@ class FindingsTest : public ::testing::Test {
         m_facts.store = {true, 1 << 30, 1 << 30, true, false, ""};
         m_facts.probe.outcome = ProbeResult::Answered;
         m_facts.configuration.isFileRead = true;
-        m_facts.configuration.settings = {{"proxy-host", "127.0.0.1", "default"},
-                                          {"proxy-port", "0", "line 1"},
-                                          {"listen-address", "127.0.0.1", "default"},
-                                          {"push-timeout", "30", "default"},
-                                          {"http-timeout", "60", "line 2"}};
+        m_facts.configuration.settings = {
+            {"proxy-host", "127.0.0.1", "default"},     {"proxy-port", "0", "line 1"},
+            {"listen-address", "127.0.0.1", "default"}, {"allowed-senders", "", "default"},
+            {"push-timeout", "30", "default"},          {"http-timeout", "60", "line 2"}};
         m_facts.isProxyLocal = true;
         for (const char* name : {"PIN", "model", "OS version", "IMSI"}) {
             m_facts.identity.push_back({name, "/pps/x", name, "1", "", true, false});
@@ -269,6 +268,19 @@ TEST_F(FindingsTest, ProxyInTheWay) {
 TEST_F(FindingsTest, ListenAddressOfAnotherMachine) {
     m_facts.isListenAddressOurs = false;
     EXPECT_EQ(found(), "listen-address");
+}
+
+TEST_F(FindingsTest, AllowedSendersThatAreNoAddresses) {
+    set("allowed-senders", "127.0.0.2, 10.0.0.0/8");
+    EXPECT_EQ(found(), "");
+    set("allowed-senders", "127.0.0.2, 10.0.0.0/8 foo 10.0.0.0/33");
+    ASSERT_EQ(found(), "allowed-senders? allowed-senders?");
+    EXPECT_EQ(findProblems(m_facts)[0].words,
+              "allowed-senders: 'foo' is no address and no network: it lets nobody push");
+    set("allowed-senders", "foo");
+    ASSERT_EQ(found(), "allowed-senders allowed-senders?");
+    EXPECT_EQ(findProblems(m_facts)[0].words,
+              "allowed-senders: no entry is an address: nobody may push");
 }
 
 TEST_F(FindingsTest, TimeoutsOff) {
