@@ -257,6 +257,28 @@ TEST_F(Status, NamesAListenAddressOfAnotherMachine) {
     EXPECT_EQ(check(), "listen-address 1");
 }
 
+// A push server that ends the registration with code 0 gives a token, but no port. Such a channel
+// is not saved.
+TEST_F(Status, QueryChannelTellsThatThePushServerGaveNoPort) {
+    startAgent();
+    createChannelAt({"--rc", "0"});
+    const ToolRun query = runTool(m_root.path(), "quilctl", {"query-channel", "com.app"});
+    EXPECT_TRUE(contains(query.output, "channel without a port")) << query.output << query.error;
+}
+
+TEST_F(Status, NamesANumberThatIsNotAPort) {
+    startAgent();
+    createChannelAt({"--port-header", "70000"});
+    ASSERT_TRUE(waitUntil([this] {  // it is saved behind the answer
+        return contains(runTool(m_root.path(), "quilctl", {"status"}).output, "port 70000");
+    }));
+    EXPECT_EQ(check(), "port-invalid 1");
+    const std::string words = runTool(m_root.path(), "quilctl", {"status", "--check"}).output;
+    EXPECT_TRUE(
+        contains(words, "port 70000 of com.app is not a port: the push server has to correct it"))
+        << words;
+}
+
 TEST_F(Status, NamesAPortThatNobodyListensOn) {
     std::string port;
     {

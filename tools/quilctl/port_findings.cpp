@@ -3,6 +3,8 @@
 #include <map>
 #include <set>
 
+#include "tools/quilctl/channel_words.hpp"
+
 namespace {
 
 std::string portOf(const SavedSession& session) {
@@ -17,7 +19,7 @@ void judgeSharedPorts(const StatusFacts& facts, Findings& findings) {
         applications[session.port].insert(session.appId);
     }
     for (const auto& [port, names] : applications) {
-        if (port <= 0 || names.size() < 2) {
+        if (port <= 0 || port > kHighestPort || names.size() < 2) {
             continue;
         }
         std::string list;
@@ -34,7 +36,11 @@ void judgeSharedPorts(const StatusFacts& facts, Findings& findings) {
 
 void judgeListening(const StatusFacts& facts, Findings& findings) {
     for (const SavedSession& session : facts.saved.sessions) {
-        if (!session.isListening) {
+        if (session.port > kHighestPort) {
+            add(findings, "port-invalid",
+                portOf(session) + " is not a port: the push server has to correct it",
+                "tell who runs " + session.ppgUrl + "; then create the channel again");
+        } else if (!session.isListening) {
             add(findings, "port-silent", "nobody listens on " + portOf(session),
                 "the port was taken when the agent wanted it, or listen-address is wrong: see "
                 "'Failed to bind' in its log, then create the channel again");

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "tools/common/terminal.hpp"
+#include "tools/quilctl/channel_words.hpp"
 #include "tools/quilctl/output.hpp"
 
 using quilclient::ChannelState;
@@ -31,19 +32,6 @@ std::string success(const quilclient::Request& request, const std::string& token
                    "stands in its log";
     }
     return "";
-}
-
-std::string describe(const ChannelState& channel) {
-    if (!channel.isRegistered) {
-        return channel.ppgUrl.empty()
-                   ? "no channel"
-                   : "no channel; the last one was asked for at " + channel.ppgUrl;
-    }
-    const std::string of = "on port " + std::to_string(channel.port) + ", token " + channel.token +
-                           ", push server " + channel.ppgUrl;
-    return channel.isListening ? "channel stands " + of
-                               : "channel without a listener " + of +
-                                     ": nobody takes what is pushed; see quilctl status --check";
 }
 
 }  // namespace
@@ -91,7 +79,7 @@ ExitStatus queryChannel(const std::string& appId, double timeoutSeconds, bool js
         return exitStatusOf(reply.result);
     }
     if (!json) {
-        const std::string words = appId + ": " + describe(channel);
+        const std::string words = appId + ": " + describeChannel(channel);
         std::printf("%s\n", wrapped(visible(words), 0, 0).c_str());
     }
     return channel.isRegistered && channel.isListening ? kDone : kRefused;

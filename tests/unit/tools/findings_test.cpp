@@ -302,6 +302,18 @@ TEST_F(FindingsTest, SavedSessionsForbiddenTooLongOrDamaged) {
     EXPECT_EQ(found(), "saved-damaged");
 }
 
+TEST_F(FindingsTest, NumberThatIsNotAPort) {
+    m_facts.saved.sessions[0].isListening = false;
+    m_facts.saved.sessions[0].port = 65535;
+    EXPECT_EQ(found(), "port-silent");
+    m_facts.saved.sessions[0].port = 65536;
+    m_facts.saved.sessions.push_back(m_facts.saved.sessions[0]);
+    m_facts.saved.sessions[1].appId = "com.other";
+    EXPECT_EQ(found(), "port-invalid port-invalid");
+    EXPECT_EQ(findProblems(m_facts)[0].words,
+              "port 65536 of com.app is not a port: the push server has to correct it");
+}
+
 TEST_F(FindingsTest, PortBeyondWhatTheAgentWatches) {
     m_facts.ports.agentPorts = {{4400, 255, "com.app"}};
     EXPECT_EQ(found(), "");
