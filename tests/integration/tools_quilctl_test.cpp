@@ -53,6 +53,8 @@ class Quilctl : public ::testing::Test {
     std::optional<ToolProcess> m_listener;
 };
 
+constexpr const char* kAnnouncedFive = "\"Content-Length\":\" 5\"";
+
 // An answer to "queryChannel": a channel on whose port nobody listens.
 std::string deafChannel(const std::string& port) {
     return R"(dat:json:{"registered":1,"listening":0,"port":)" + port +
@@ -298,6 +300,27 @@ TEST_F(Quilctl, ListenWithRejectRejects) {
     m_agent->push("m1", "", true);
     EXPECT_EQ(m_agent->take("rejectPush").id, "m1");
     EXPECT_EQ(m_listener->wait(), 0);
+}
+
+TEST_F(Quilctl, ListenRejectsAPushThatCameShort) {
+    listen({"--count", "1"});
+    m_agent->push("m1", "", true, kAnnouncedFive);
+    EXPECT_EQ(m_agent->take("rejectPush").id, "m1");
+    EXPECT_EQ(m_listener->wait(), 0);
+    EXPECT_TRUE(contains(m_listener->output,
+                         "push 'm1', 0 of 5 bytes, sender waits\n"
+                         "          Content-Length: 5\n"
+                         "          rejected (less data than its Content-Length says)\n"))
+        << m_listener->output;
+}
+
+TEST_F(Quilctl, ListenToldToAcceptAcceptsAlsoAPushThatCameShort) {
+    listen({"--accept", "--json", "--count", "1"});
+    m_agent->push("m1", "aGk=", true, kAnnouncedFive);
+    EXPECT_EQ(m_agent->take("acceptPush").id, "m1");
+    EXPECT_EQ(m_listener->wait(), 0);
+    EXPECT_TRUE(contains(m_listener->output, R"("bytes":2,"announced":5,"short":true,)"))
+        << m_listener->output;
 }
 
 TEST_F(Quilctl, ListenEndsAfterTheCount) {

@@ -25,6 +25,7 @@
 #include "tools/quilctl/output.hpp"
 #include "tools/quilctl/push_command.hpp"
 #include "tools/quilctl/push_files.hpp"
+#include "tools/quilctl/push_length.hpp"
 #include "tools/quilctl/push_view.hpp"
 
 namespace {
@@ -244,9 +245,11 @@ Answer Listener::decide(const Push& push) {
         case ListenOptions::Mode::Reject:
             break;
     }
-    const bool isAccepted = m_options.mode == ListenOptions::Mode::Accept;
+    const bool isAccepting = m_options.mode == ListenOptions::Mode::Accept;
+    const bool isTooShort = isAccepting && !m_options.acceptsShort && isShort(push);
+    const bool isAccepted = isAccepting && !isTooShort;
     if (push.senderWaits) {
-        showAnswer(push.id, isAccepted, "");
+        showAnswer(push.id, isAccepted, isTooShort ? "less data than its Content-Length says" : "");
     }
     return isAccepted ? Answer::Accept : Answer::Reject;
 }
