@@ -154,6 +154,18 @@ TEST_F(FindingsTest, PushesThatWait) {
               "port yet");
 }
 
+TEST_F(FindingsTest, PushesWhoseSendersHaveGone) {
+    m_facts.saved.sessions[0].heldConnections = 3;
+    m_facts.saved.sessions[0].waitingConnections = 3;
+    m_facts.saved.sessions[0].goneSenders = 2;
+    ASSERT_EQ(found(), "pushes-wait? senders-gone?");
+    EXPECT_EQ(findProblems(m_facts)[0].words, "1 push waits for an answer on port 4400 of com.app");
+    EXPECT_EQ(findProblems(m_facts)[1].words,
+              "the senders of 2 pushes on port 4400 of com.app have gone");
+    m_facts.saved.sessions[0].goneSenders = 3;
+    EXPECT_EQ(found(), "senders-gone?");
+}
+
 TEST_F(FindingsTest, WhatThisUserMayNotReadIsNotJudged) {
     m_facts.configuration.isFileRead = false;
     m_facts.configuration.error = EACCES;
