@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
-"""An application with the client library for Python: prints each push and accepts it. Session and channel come back by
-themselves when the agent or the object service was restarted, and with them the pushes that came meanwhile.
+"""An application with the client library for Python: prints each push and accepts it, unless it came short. Session
+and channel come back by themselves when the agent or the object service was restarted, and with them the pushes that
+came meanwhile.
 
 Usage: listen.py APP PPG-URL
 """
 import os
+import re
 import signal
 import sys
 
@@ -13,7 +15,16 @@ sys.path.append(os.path.join(os.path.dirname(os.path.realpath(__file__)), "../py
 import quilclient  # noqa: E402: the path comes first
 
 
+def announced(push):
+    """How much data the push ought to have; 0 when its sender does not say."""
+    said = [re.match(r"\s*([0-9]{1,18})", value) for name, value in push.headers if name == "Content-Length"]
+    return int(said[-1].group(1)) if said and said[-1] else 0
+
+
 def on_push(push):
+    if len(push.data) < announced(push):  # it broke off
+        print(f"short push{push.id}: {len(push.data)} of {announced(push)} bytes", flush=True)
+        return quilclient.Answer.REJECT
     print(f"push{push.id}: {push.data.decode(errors='replace')}", flush=True)
     # One that was handed over before is accepted again: its sender missed the first answer.
     return quilclient.Answer.ACCEPT

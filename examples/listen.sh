@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# An application in nothing but bash, cat, printf and base64: prints each push and accepts it. Starts over when the agent
-# or the object service was restarted, and asks again for a channel that it did not get; with growing pauses.
+# An application in nothing but bash, cat, printf and base64: prints each push and accepts it, unless it came
+# short. Starts over when the agent or the object service was restarted, and asks again for a channel that it did not
+# get; with growing pauses.
 # Usage: listen.sh APP PPG-URL
 export LC_ALL=C # bytes as they come, also those that are no UTF-8
 app=$1 url=$2 ipc=$QUIL_ROOT/pps/services/push/ipc
@@ -9,6 +10,12 @@ app=$1 url=$2 ipc=$QUIL_ROOT/pps/services/push/ipc
 request() { env printf 'msg::%s\n%s\ndat:json:{"providerApplicationId":"%s"%s}\n' "$1" "$2" "$app" "$3" >&3; }
 # The string that follows "NAME": in the line.
 field() { rest=${line#*\"$1\":\"}; printf %s "${rest%%\"*}"; }
+# How many bytes of data the push in the line has, and ought to have (0 when its sender does not say).
+size() { data=$(field data) fill=${data##*[!=]}; echo $((${#data} / 4 * 3 - ${#fill})); }
+announced() {
+    case $line in *\"Content-Length\":\"*) rest=${line##*\"Content-Length\":\"} ;; *) rest= ;; esac
+    [[ $rest =~ ^\ *([0-9]{1,18}) ]] && echo "${BASH_REMATCH[1]}" || echo 0
+}
 # Twice as much, but no more than $2.
 grown() { echo $(($1 * 2 < $2 ? $1 * 2 : $2)); }
 
@@ -44,8 +51,13 @@ listen() {
                         patience=$retry retry=$(grown "$retry" 300) ;;
                     onCreateChannelComplete:*) opened ;;
                     pushNotification:*)
-                        echo "push${id#id:*:}: $(field data | base64 -d)"
-                        request acceptPush "$id" ;;
+                        if [ "$(size)" -lt "$(announced)" ]; then # it broke off
+                            echo "short push${id#id:*:}: $(size) of $(announced) bytes"
+                            request rejectPush "$id"
+                        else
+                            echo "push${id#id:*:}: $(field data | base64 -d)"
+                            request acceptPush "$id"
+                        fi ;;
                 esac ;;
             0:*) ;;
             1:*) return ;; # the end

@@ -152,6 +152,17 @@ TEST_P(ListeningExample, MakesItsChannelAnewForAnotherSim) {
     expectPushIsAccepted();
 }
 
+// Its sender broke off, or counts wrongly; what lacks something is no push to accept.
+TEST_P(ListeningExample, RejectsAPushThatCameShort) {
+    start();
+    const PushSender sender(portOf(kExampleApp));
+    ASSERT_TRUE(sender.send("POST / HTTP/1.1\r\nContent-Length: 5\r\nPush-Message-ID: m1\r\n\r\n"));
+    EXPECT_EQ(sender.readToEnd(), "") << m_application.output();
+    expectSaid("short push m1: 0 of 5 bytes\n", 0);
+    EXPECT_EQ(m_application.output().find("\npush m1"), std::string::npos);
+    expectPushIsAccepted();
+}
+
 TEST_P(ListeningExample, TakesAnyBytes) {
     start();
     expectAnyBytesAreAccepted();

@@ -194,6 +194,23 @@ TEST_F(StatusCheck, PushThatWaitsIsNamedUntilItIsAnswered) {
     EXPECT_EQ(check(), "0");
 }
 
+TEST_F(StatusCheck, PushWhoseSenderHungUpWaitsForNoAnswer) {
+    startAgent();
+    ClientConnection client(object("ipc"));
+    const int port = createChannel(client);
+    std::optional<PushSender> gone(port);
+    ASSERT_TRUE(gone->send(makePush("m1", "x")));
+    EXPECT_EQ(client.next().id, "m1");
+    gone.reset();
+    EXPECT_EQ(check(), "senders-gone 0");
+    const PushSender sender(port);
+    ASSERT_TRUE(sender.send(makePush("m2", "x")));
+    EXPECT_EQ(client.next().id, "m2");
+    EXPECT_EQ(check(), "pushes-wait senders-gone 0");
+    EXPECT_TRUE(contains(words(), "1 push waits for an answer on port")) << words();
+    EXPECT_TRUE(contains(words(), "the sender of 1 push on port")) << words();
+}
+
 TEST_F(StatusCheck, PushThatTheAgentDoesNotTakeIsCounted) {
     startAgent();
     ClientConnection client(object("ipc"));

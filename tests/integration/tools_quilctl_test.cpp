@@ -53,6 +53,14 @@ class Quilctl : public ::testing::Test {
     std::optional<ToolProcess> m_listener;
 };
 
+constexpr const char* kAnnouncedFive = "\"Content-Length\":\" 5\"";
+
+// An answer to "queryChannel": a channel on whose port nobody listens.
+std::string deafChannel(const std::string& port) {
+    return R"(dat:json:{"registered":1,"listening":0,"port":)" + port +
+           R"(,"token":"2a3b","ppgUrl":"http://ppg"})" + "\n";
+}
+
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
@@ -137,6 +145,21 @@ TEST_F(Quilctl, QueryChannelEndsWithOneWhereNoneStands) {
     result = run({"query-channel", "com.app"});
     EXPECT_EQ(result.status, 1);
     EXPECT_TRUE(contains(joined(result.error), "(code 10100)")) << result.error;
+}
+
+TEST_F(Quilctl, QueryChannelSaysThatAChannelHasNoPort) {
+    m_agent->answerWith("queryChannel", deafChannel("0"));
+    ToolRun result = run({"query-channel", "com.app"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(joined(result.output),
+              "com.app: channel without a port: the push server gave none (it ended the "
+              "registration without one), so nobody can push; create the channel anew once the "
+              "push server is mended ");
+    m_agent->answerWith("queryChannel", deafChannel("70000"));
+    result = run({"query-channel", "com.app"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_TRUE(contains(joined(result.output), "the push server gave 70000, which is not a port"))
+        << result.output;
 }
 
 TEST_F(Quilctl, QueryChannelGivesUpSoonOnAnAgentThatDoesNotKnowIt) {
@@ -291,6 +314,27 @@ TEST_F(Quilctl, ListenWithRejectRejects) {
     EXPECT_EQ(m_listener->wait(), 0);
 }
 
+TEST_F(Quilctl, ListenRejectsAPushThatCameShort) {
+    listen({"--count", "1"});
+    m_agent->push("m1", "", true, kAnnouncedFive);
+    EXPECT_EQ(m_agent->take("rejectPush").id, "m1");
+    EXPECT_EQ(m_listener->wait(), 0);
+    EXPECT_TRUE(contains(m_listener->output,
+                         "push 'm1', 0 of 5 bytes, sender waits\n"
+                         "          Content-Length: 5\n"
+                         "          rejected (less data than its Content-Length says)\n"))
+        << m_listener->output;
+}
+
+TEST_F(Quilctl, ListenToldToAcceptAcceptsAlsoAPushThatCameShort) {
+    listen({"--accept", "--json", "--count", "1"});
+    m_agent->push("m1", "aGk=", true, kAnnouncedFive);
+    EXPECT_EQ(m_agent->take("acceptPush").id, "m1");
+    EXPECT_EQ(m_listener->wait(), 0);
+    EXPECT_TRUE(contains(m_listener->output, R"("bytes":2,"announced":5,"short":true,)"))
+        << m_listener->output;
+}
+
 TEST_F(Quilctl, ListenEndsAfterTheCount) {
     listen({"--count", "2"});
     m_agent->push("m1", "", false);
@@ -389,10 +433,42 @@ TEST_F(Quilctl, ListenAsJsonIsOneObjectPerLine) {
     EXPECT_EQ(events[3]["event"], "accepted");
 }
 
-TEST_F(Quilctl, ListenGivesUpAfterTheTimeout) {
-    listen({"--timeout", "2"});
+TEST_F(Quilctl, ListenGivesUpAfterTheTimeoutAndSaysThatNoPushCame) {
+    listen({"--timeout", "1.5"});
     EXPECT_EQ(m_listener->wait(), 4);
-    EXPECT_TRUE(contains(m_listener->error, "the time given with --timeout is over"));
+    EXPECT_EQ(joined(m_listener->error), "quilctl: listen: no push came in 1.5 seconds ");
+}
+
+TEST_F(Quilctl, ListenThatEndsByTheTimeoutBehindAPushSaysHowManyCame) {
+    listen({"--timeout", "2", "--json"});
+    m_agent->push("m1", "", true);
+    EXPECT_EQ(m_agent->take("acceptPush").id, "m1");
+    EXPECT_EQ(m_listener->wait(), 4);
+    EXPECT_EQ(joined(m_listener->error), "quilctl: listen: 1 push came in 2 seconds ");
+    const std::string last = m_listener->output.substr(m_listener->output.rfind("{\"event"));
+    EXPECT_EQ(last,
+              R"({"event":"failure","what":"listen","code":-3,"words":"1 push came in 2 seconds"})"
+              "\n");
+}
+
+TEST_F(Quilctl, ListenWithoutAChannelAtTheTimeoutAdvisesToLookAtTheAgent) {
+    m_agent->answerWith("createChannel", "silent");
+    const ToolRun result = run({"listen", "a", "--ppg", "u", "--timeout", "1"});
+    EXPECT_EQ(result.status, 4);
+    EXPECT_TRUE(contains(joined(result.error), "the time given with --timeout is over"))
+        << result.error;
+}
+
+TEST_F(Quilctl, ListenWarnsOfAChannelThatNobodyCanPushTo) {
+    m_agent->answerWith("queryChannel", deafChannel("0"));
+    listen({});
+    ASSERT_TRUE(m_listener->waitFor("without a port")) << m_listener->output;
+    m_listener.reset();
+    m_agent->answerWith("queryChannel", deafChannel("24010"));
+    listen({"--json"});
+    ASSERT_TRUE(
+        m_listener->waitFor("{\"event\":\"warning\",\"words\":\"channel without a listener"))
+        << m_listener->output;
 }
 
 TEST_F(Quilctl, ListenEndsWhenTheFirstChannelIsRefused) {

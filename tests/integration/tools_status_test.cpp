@@ -233,6 +233,23 @@ TEST_F(Status, NamesRulesThatLeaveRootAlone) {
     EXPECT_EQ(check(), "0");
 }
 
+TEST_F(Status, NamesAllowedSendersThatAreNone) {
+    configure("proxy-port 0\nhttp-timeout 20\nallowed-senders 127.0.0.2, 10.0.0.0/8 foo\n");
+    startAgent();
+    EXPECT_EQ(check(), "allowed-senders 0");
+    const std::string shown = runTool(m_root.path(), "quilctl", {"status"}).output;
+    EXPECT_TRUE(
+        contains(shown, "127.0.0.2, 10.0.0.0/8 foo (line 3; what counts: 127.0.0.2, 10.0.0.0/8)"))
+        << shown;
+    configure("proxy-port 0\nhttp-timeout 20\nallowed-senders foo\n");
+    EXPECT_EQ(check(), "allowed-senders allowed-senders 1");
+    const ToolRun none = runTool(m_root.path(), "quilctl", {"status"});
+    EXPECT_TRUE(contains(none.output, "foo (line 3; what counts: nothing)")) << none.output;
+    const auto object =
+        nlohmann::json::parse(runTool(m_root.path(), "quilctl", {"status", "--json"}).output);
+    EXPECT_TRUE(object["configuration"]["allowed-senders"]["counts"].empty()) << object;
+}
+
 TEST_F(Status, LaterEmptyValueIsTheDefaultAgain) {
     configure("proxy-port 0\nhttp-timeout 20\nrules /etc/none\nrules \n");
     startAgent();
@@ -249,6 +266,28 @@ TEST_F(Status, NamesAListenAddressOfAnotherMachine) {
     configure("proxy-port 0\nhttp-timeout 20\nlisten-address 192.0.2.1\n");
     startAgent();
     EXPECT_EQ(check(), "listen-address 1");
+}
+
+// A push server that ends the registration with code 0 gives a token, but no port. Such a channel
+// is not saved.
+TEST_F(Status, QueryChannelTellsThatThePushServerGaveNoPort) {
+    startAgent();
+    createChannelAt({"--rc", "0"});
+    const ToolRun query = runTool(m_root.path(), "quilctl", {"query-channel", "com.app"});
+    EXPECT_TRUE(contains(query.output, "channel without a port")) << query.output << query.error;
+}
+
+TEST_F(Status, NamesANumberThatIsNotAPort) {
+    startAgent();
+    createChannelAt({"--port-header", "70000"});
+    ASSERT_TRUE(waitUntil([this] {  // it is saved behind the answer
+        return contains(runTool(m_root.path(), "quilctl", {"status"}).output, "port 70000");
+    }));
+    EXPECT_EQ(check(), "port-invalid 1");
+    const std::string words = runTool(m_root.path(), "quilctl", {"status", "--check"}).output;
+    EXPECT_TRUE(
+        contains(words, "port 70000 of com.app is not a port: the push server has to correct it"))
+        << words;
 }
 
 TEST_F(Status, NamesAPortThatNobodyListensOn) {

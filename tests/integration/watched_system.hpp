@@ -97,6 +97,23 @@ class Status : public ::testing::Test {
         ASSERT_TRUE(m_agent->waitFor("Entering quilAgentLoop")) << m_agent->output;
     }
 
+    // Creates the channel of com.app at a push server with these options of `pushsim serve`.
+    void createChannelAt(Words options) {
+        const std::string portFile = m_root.path("/port");
+        options.insert(options.begin(),
+                       {"serve", "--port-file", portFile, "--ports", "21000-29000"});
+        ToolProcess server(m_root.path(), "pushsim", options);
+        ASSERT_TRUE(server.waitFor("listening on"));
+        std::string port;
+        std::ifstream(portFile) >> port;
+        const ToolRun session = runTool(m_root.path(), "quilctl", {"create-session", "com.app"});
+        ASSERT_EQ(session.status, 0) << session.error;
+        const ToolRun channel =
+            runTool(m_root.path(), "quilctl",
+                    {"create-channel", "com.app", "--ppg", "http://127.0.0.1:" + port});
+        ASSERT_EQ(channel.status, 0) << channel.error;
+    }
+
     // The names of the findings, and the exit status.
     std::string check(const Words& more = {}) {
         Words words = {"status", "--check", "--json"};

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/addresses/networks.hpp"
 #include "tools/quilctl/port_findings.hpp"
 #include "tools/quilctl/running_findings.hpp"
 
@@ -53,6 +54,21 @@ void judgeIdentity(const StatusFacts& facts, Findings& findings) {
     }
 }
 
+void judgeAllowedSenders(const Configuration& configuration, Findings& findings) {
+    const NetworkList list = parseNetworks(settingOf(configuration, "allowed-senders"));
+    if (list.networks.empty() && !list.isEmpty()) {
+        add(findings, "allowed-senders", "allowed-senders: no entry is an address: nobody may push",
+            "list addresses and networks, such as 192.0.2.7 or 10.0.0.0/8, or leave the value "
+            "empty, then restart the agent");
+    }
+    for (const std::string& entry : list.badEntries) {
+        warn(findings, "allowed-senders",
+             "allowed-senders: '" + entry + "' is no address and no network: it lets nobody push",
+             "put an address there (names are not looked up), or take it out, then restart the "
+             "agent");
+    }
+}
+
 void judgeConfiguration(const StatusFacts& facts, Findings& findings) {
     const Configuration& configuration = facts.configuration;
     if (configuration.error == EACCES) {
@@ -71,6 +87,7 @@ void judgeConfiguration(const StatusFacts& facts, Findings& findings) {
         add(findings, "configuration", "/etc/quilagent.conf: " + problem,
             "mend the line, then restart the agent");
     }
+    judgeAllowedSenders(configuration, findings);
     const int port = std::atoi(settingOf(configuration, "proxy-port").c_str());
     if (port > 0 && facts.isProxyLocal && !facts.isProxyListening) {
         add(findings, "proxy",

@@ -19,10 +19,13 @@
 #include <system_error>
 
 #include "quilclient/push_client.hpp"
+#include "quilclient/request.hpp"
 #include "tools/common/terminal.hpp"
+#include "tools/quilctl/channel_words.hpp"
 #include "tools/quilctl/output.hpp"
 #include "tools/quilctl/push_command.hpp"
 #include "tools/quilctl/push_files.hpp"
+#include "tools/quilctl/push_length.hpp"
 #include "tools/quilctl/push_view.hpp"
 
 namespace {
@@ -33,6 +36,7 @@ using quilclient::Push;
 using quilclient::Result;
 using std::chrono::milliseconds;
 
+constexpr milliseconds kQueryTime{2000};  // an agent that is well answers at once
 constexpr milliseconds kFlushTime{2000};  // for answers that a full queue of the agent holds back
 
 std::optional<Clock::time_point> deadlineOf(const std::optional<double>& seconds) {
@@ -75,6 +79,8 @@ class Listener {
     void show(const std::string& event, const std::string& words, const Result& result = {});
     void showAnswer(const std::string& id, bool isAccepted, const std::string& why);
     void showFailure(const std::string& what, const Result& result);
+    void showTimeout();
+    void warnOfDeafChannel();
 
     const ListenOptions& m_options;
     Style m_style;
@@ -122,7 +128,7 @@ ExitStatus Listener::run() {
         } else if (m_options.count && m_pushes >= *m_options.count && m_questions.empty()) {
             finish(kDone);
         } else if (m_deadline && Clock::now() >= *m_deadline) {
-            showFailure("listen", {quilclient::kTimedOut, "the time given with --timeout is over"});
+            showTimeout();
             finish(kTimeout);
         }
         if (!m_end) {
@@ -188,11 +194,23 @@ void Listener::onChannel(const Result& result, const std::string& token) {
             show("channel", m_style.good("channel open") + " for " + visible(m_options.appId) +
                                 ", token " + visible(token));
         }
+        warnOfDeafChannel();
         return;
     }
     showFailure("channel of " + m_options.appId, result);
     if (!m_hadChannel) {
         finish(exitStatusOf(result));
+    }
+}
+
+// A channel has a token also when nobody can push over it. The client does not tell which ones, so
+// the agent is asked.
+void Listener::warnOfDeafChannel() {
+    const quilclient::Reply reply =
+        quilclient::sendRequest({quilclient::Verb::QueryChannel, m_options.appId, ""}, kQueryTime);
+    const std::string words = reply.result.ok() ? describeDeafChannel(reply.channel) : "";
+    if (!words.empty()) {
+        show("warning", m_options.json ? words : m_style.warning("warning: ") + visible(words));
     }
 }
 
@@ -227,9 +245,11 @@ Answer Listener::decide(const Push& push) {
         case ListenOptions::Mode::Reject:
             break;
     }
-    const bool isAccepted = m_options.mode == ListenOptions::Mode::Accept;
+    const bool isAccepting = m_options.mode == ListenOptions::Mode::Accept;
+    const bool isTooShort = isAccepting && !m_options.acceptsShort && isShort(push);
+    const bool isAccepted = isAccepting && !isTooShort;
     if (push.senderWaits) {
-        showAnswer(push.id, isAccepted, "");
+        showAnswer(push.id, isAccepted, isTooShort ? "less data than its Content-Length says" : "");
     }
     return isAccepted ? Answer::Accept : Answer::Reject;
 }
@@ -357,6 +377,28 @@ void Listener::showFailure(const std::string& what, const Result& result) {
         printJson(object);
     }
     printFailure(what, result);
+}
+
+void Listener::showTimeout() {
+    if (!m_hadChannel && m_pushes == 0) {
+        showFailure("listen", {quilclient::kTimedOut, "the time given with --timeout is over"});
+        return;
+    }
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%g second%s", *m_options.timeoutSeconds,
+                  *m_options.timeoutSeconds == 1 ? "" : "s");
+    const std::string words = m_pushes == 0 ? std::string("no push came in ") + seconds
+                                            : std::to_string(m_pushes) +
+                                                  (m_pushes == 1 ? " push" : " pushes") +
+                                                  " came in " + seconds;
+    if (m_options.json) {
+        printJson({{"event", "failure"},
+                   {"what", "listen"},
+                   {"code", quilclient::kTimedOut},
+                   {"words", words}});
+    }
+    std::fflush(stdout);
+    std::fprintf(stderr, "%s listen: %s\n", Style(stderr).bad("quilctl:").c_str(), words.c_str());
 }
 
 }  // namespace

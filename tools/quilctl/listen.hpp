@@ -12,8 +12,9 @@ struct ListenOptions {
     enum class Mode { Accept, Reject, Ask, Command } mode = Mode::Accept;
     std::string appId;
     std::string ppgUrl;
-    std::string command;    // of Mode::Command
-    std::string directory;  // empty: nothing is saved
+    std::string command;        // of Mode::Command
+    std::string directory;      // empty: nothing is saved
+    bool acceptsShort = false;  // of Mode::Accept: also a push with less data than announced
     bool json = false;
     std::optional<std::uint64_t> count;    // end after so many pushes
     std::optional<double> timeoutSeconds;  // give up after so many seconds

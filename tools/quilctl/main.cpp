@@ -62,8 +62,9 @@ void addListen(CLI::App& app, Typed& typed) {
     verb->add_option("--ppg", options.ppgUrl, "URL of the push server")
         ->required()
         ->check(validators::notEmpty());
-    CLI::Option* accept =
-        verb->add_flag("--accept", typed.isAccept, "Accept every push (this is the default)");
+    CLI::Option* accept = verb->add_flag("--accept", typed.isAccept,
+                                         "Accept every push; without it, and without the\n"
+                                         "next three, all but those that came short");
     CLI::Option* reject = verb->add_flag("--reject", typed.isReject, "Reject every push");
     CLI::Option* ask = verb->add_flag("--ask", typed.isAsk, "Ask for each push whose sender waits");
     CLI::Option* exec = verb->add_option("--exec", options.command,
@@ -91,6 +92,7 @@ void addListen(CLI::App& app, Typed& typed) {
                             : typed.isAsk       ? Mode::Ask
                             : exec->count() > 0 ? Mode::Command
                                                 : Mode::Accept;
+        typed.listen.acceptsShort = typed.isAccept;
         typed.run = [&typed] { return listen(typed.listen); };
     });
 }

@@ -105,7 +105,8 @@ void findWaiting(std::vector<SavedSession>* sessions) {
         for (const TcpSocket& socket : after) {
             if (socket.isHeld && socket.port == session.port && known.contains(socket.ends)) {
                 ++session.waitingConnections;
-                session.unaccepted += socket.inode == 0 ? 1 : 0;
+                session.goneSenders += socket.isPeerGone ? 1 : 0;
+                session.unaccepted += socket.inode == 0 && !socket.isPeerGone ? 1 : 0;
             }
         }
     }

@@ -3,6 +3,8 @@
 #include <map>
 #include <set>
 
+#include "tools/quilctl/channel_words.hpp"
+
 namespace {
 
 std::string portOf(const SavedSession& session) {
@@ -17,7 +19,7 @@ void judgeSharedPorts(const StatusFacts& facts, Findings& findings) {
         applications[session.port].insert(session.appId);
     }
     for (const auto& [port, names] : applications) {
-        if (port <= 0 || names.size() < 2) {
+        if (port <= 0 || port > kHighestPort || names.size() < 2) {
             continue;
         }
         std::string list;
@@ -38,7 +40,11 @@ constexpr const char* kFreeThePort =
 
 void judgeListening(const StatusFacts& facts, Findings& findings) {
     for (const SavedSession& session : facts.saved.sessions) {
-        if (!session.isListening) {
+        if (session.port > kHighestPort) {
+            add(findings, "port-invalid",
+                portOf(session) + " is not a port: the push server has to correct it",
+                "tell who runs " + session.ppgUrl + "; then create the channel again");
+        } else if (!session.isListening) {
             add(findings, "port-silent", "nobody listens on " + portOf(session),
                 "the port was taken when the agent wanted it, or listen-address is wrong: see "
                 "'Failed to bind' in its log, then create the channel again");
@@ -72,18 +78,34 @@ void judgeDescriptors(const StatusFacts& facts, Findings& findings) {
 
 void judgeWaiting(const StatusFacts& facts, Findings& findings) {
     for (const SavedSession& session : facts.saved.sessions) {
-        if (session.waitingConnections == 0) {
+        const std::size_t waiting = session.waitingConnections - session.goneSenders;
+        if (waiting == 0) {
             continue;
         }
-        const std::string count = std::to_string(session.waitingConnections);
         warn(findings, "pushes-wait",
-             count + (session.waitingConnections == 1 ? " push waits" : " pushes wait") +
+             std::to_string(waiting) + (waiting == 1 ? " push waits" : " pushes wait") +
                  " for an answer on " + portOf(session) +
                  (session.unaccepted == 0 ? ""
                                           : ", " + std::to_string(session.unaccepted) +
                                                 " of them not taken off the port yet"),
              "see whether the application is connected (quilctl clients) and answers; how long "
              "each waits: quilctl trace");
+    }
+}
+
+// Nobody is there any more who could get an answer.
+void judgeGoneSenders(const StatusFacts& facts, Findings& findings) {
+    for (const SavedSession& session : facts.saved.sessions) {
+        if (session.goneSenders == 0) {
+            continue;
+        }
+        const bool isOne = session.goneSenders == 1;
+        warn(findings, "senders-gone",
+             (isOne ? "the sender of 1 push"
+                    : "the senders of " + std::to_string(session.goneSenders) + " pushes") +
+                 " on " + portOf(session) + (isOne ? " has gone" : " have gone"),
+             "see whether the application is connected (quilctl clients) and answers before "
+             "senders give up; the agent lets go of such a connection push-timeout after that");
     }
 }
 
@@ -96,4 +118,5 @@ void judgePorts(const StatusFacts& facts, Findings& findings) {
     }
     judgeDescriptors(facts, findings);
     judgeWaiting(facts, findings);
+    judgeGoneSenders(facts, findings);
 }

@@ -39,6 +39,7 @@ void readTable(const char* path, std::vector<TcpSocket>* sockets) {
             static_cast<std::uint16_t>(std::strtoul(local.c_str() + colon + 1, nullptr, 16));
         socket.isListening = code == kStateListen;
         socket.isHeld = code == kStateEstablished || code == kStateCloseWait;
+        socket.isPeerGone = code == kStateCloseWait;
         socket.user = static_cast<uid_t>(std::strtoul(user.c_str(), nullptr, 10));
         socket.inode = inode;
         socket.ends = local + " " + remote;

@@ -23,7 +23,8 @@ struct AgentProcess {
 struct TcpSocket {
     std::uint16_t port = 0;  // its own
     bool isListening = false;
-    bool isHeld = false;  // connected, or half closed by the other side
+    bool isHeld = false;      // connected, or half closed by the other side
+    bool isPeerGone = false;  // the latter: whoever was there has hung up, or at least ended
     uid_t user = 0;
     unsigned long inode = 0;  // as /proc/PID/fd names it; 0 before it was accepted
     std::string ends;         // both addresses, as the kernel writes them

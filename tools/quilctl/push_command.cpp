@@ -14,6 +14,8 @@
 #include <map>
 #include <system_error>
 
+#include "tools/quilctl/push_length.hpp"
+
 extern char** environ;
 
 namespace {
@@ -151,9 +153,12 @@ std::vector<std::string> pushEnvironment(const std::string& appId, const quilcli
         entry += (entry.empty() ? "" : "\n") + value;
     }
     std::vector<std::string> variables = {
-        "QUIL_APP=" + appId, "QUIL_PUSH_ID=" + push.id,
+        "QUIL_APP=" + appId,
+        "QUIL_PUSH_ID=" + push.id,
         std::string("QUIL_SENDER_WAITS=") + (push.senderWaits ? "1" : "0"),
-        std::string("QUIL_DUPLICATE=") + (push.isDuplicate ? "1" : "0"), "QUIL_HEADERS=" + all};
+        std::string("QUIL_DUPLICATE=") + (push.isDuplicate ? "1" : "0"),
+        std::string("QUIL_SHORT=") + (isShort(push) ? "1" : "0"),
+        "QUIL_HEADERS=" + all};
     for (const auto& [name, value] : byName) {
         variables.push_back(name + "=" + value);
     }

@@ -12,6 +12,7 @@
 // What is added to the environment of the command, as "NAME=value":
 //   QUIL_APP, QUIL_PUSH_ID           as they stand
 //   QUIL_SENDER_WAITS, QUIL_DUPLICATE  1 or 0
+//   QUIL_SHORT  1 when it has less data than its Content-Length says, or 0
 //   QUIL_HEADERS                     all headers, "Name: value" and a line feed each
 //   QUIL_HEADER_CONTENT_TYPE         one per header name, in capitals, with '_' for all that is no
 //                                    letter or digit; equal names: values on lines of their own

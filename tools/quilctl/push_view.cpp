@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "tools/quilctl/output.hpp"
+#include "tools/quilctl/push_length.hpp"
 
 namespace {
 
@@ -14,6 +15,15 @@ constexpr const char* kIndent = "          ";  // as wide as the time in front o
 
 std::string countOf(std::size_t count, const std::string& noun) {
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+// "5 bytes", or "2 of 5 bytes" of a push that came short.
+std::string sizeOf(const quilclient::Push& push, const Style& style) {
+    if (!isShort(push)) {
+        return countOf(push.data.size(), "byte");
+    }
+    return style.bad(std::to_string(push.data.size()) + " of " +
+                     std::to_string(*announcedBytes(push)) + " bytes");
 }
 
 std::string textLines(const std::string& data) {
@@ -67,7 +77,7 @@ std::string dump(const std::string& data) {
 
 std::string describePush(const quilclient::Push& push, const Style& style) {
     std::string out = style.faint(timeOfDay()) + "  push '" + style.strong(visible(push.id)) +
-                      "', " + countOf(push.data.size(), "byte") +
+                      "', " + sizeOf(push, style) +
                       (push.senderWaits ? ", sender waits" : ", nobody waits") + "\n";
     if (push.isDuplicate) {
         out += kIndent + style.warning("a push with this id came before") + "\n";
@@ -88,8 +98,12 @@ nlohmann::ordered_json pushAsJson(const quilclient::Push& push) {
                                      {"senderWaits", push.senderWaits},
                                      {"duplicate", push.isDuplicate},
                                      {"headers", headers},
-                                     {"bytes", push.data.size()},
-                                     {"data", encodeBase64(push.data)}};
+                                     {"bytes", push.data.size()}};
+    if (const std::optional<std::uint64_t> announced = announcedBytes(push)) {
+        object["announced"] = *announced;
+    }
+    object["short"] = isShort(push);
+    object["data"] = encodeBase64(push.data);
     if (isReadable(push.data)) {
         object["text"] = push.data;
     }

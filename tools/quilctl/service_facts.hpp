@@ -36,7 +36,8 @@ struct SavedSession {
     uid_t listener = 0;                  // user of the listening socket
     std::size_t heldConnections = 0;     // pushes that are being read or wait for their answer
     std::size_t waitingConnections = 0;  // of these, what was there kWaitingTime ago already
-    std::size_t unaccepted = 0;          // of these, what the agent has not even taken
+    std::size_t goneSenders = 0;         // of these, those whose sender hung up
+    std::size_t unaccepted = 0;          // of the others, what the agent has not even taken
     bool isForeign = false;              // the socket that listens is none of the agent's
     std::string holder;                  // then: whose it is, as far as that can be seen
 };

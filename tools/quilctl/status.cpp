@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
 
+#include "platform/addresses/networks.hpp"
 #include "tools/common/terminal.hpp"
 #include "tools/common/time_limit.hpp"
 #include "tools/quilctl/findings.hpp"
@@ -87,6 +90,30 @@ void showClients(const Style& style, const StatusFacts& facts) {
     }
 }
 
+constexpr const char* kAllowedSenders = "allowed-senders";
+
+std::vector<std::string> sendersThatCount(const NetworkList& list) {
+    std::vector<std::string> senders;
+    for (const Network& network : list.networks) {
+        senders.push_back(network.text);
+    }
+    return senders;
+}
+
+// Where a value comes from, and what of it counts where that is not all.
+std::string sourceText(const Setting& setting) {
+    const NetworkList list =
+        parseNetworks(setting.key == kAllowedSenders ? setting.value : std::string());
+    if (list.badEntries.empty()) {
+        return setting.source;
+    }
+    std::string senders;
+    for (const std::string& sender : sendersThatCount(list)) {
+        senders += (senders.empty() ? "" : ", ") + sender;
+    }
+    return setting.source + "; what counts: " + (senders.empty() ? "nothing" : senders);
+}
+
 void showForPeople(const StatusFacts& facts) {
     const Style style(stdout);
     const bool isMounted = facts.service == ServiceState::Mounted;
@@ -106,7 +133,7 @@ void showForPeople(const StatusFacts& facts) {
         std::string left = "  " + setting.key;
         left.resize(22, ' ');
         std::printf("%s%s %s\n", left.c_str(), visible(setting.value).c_str(),
-                    style.faint("(" + setting.source + ")").c_str());
+                    style.faint("(" + visible(sourceText(setting)) + ")").c_str());
     }
     if (isMounted) {
         showClients(style, facts);
@@ -129,6 +156,10 @@ nlohmann::ordered_json asJson(const StatusFacts& facts) {
     for (const Setting& setting : facts.configuration.settings) {
         object["configuration"][setting.key] = {{"value", setting.value},
                                                 {"source", setting.source}};
+        if (setting.key == kAllowedSenders) {
+            object["configuration"][setting.key]["counts"] =
+                sendersThatCount(parseNetworks(setting.value));
+        }
     }
     if (facts.mayListClients) {
         object["clients"] = nlohmann::ordered_json::array();

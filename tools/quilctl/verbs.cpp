@@ -4,6 +4,7 @@
 
 #include "tools/common/terminal.hpp"
 #include "tools/common/time_limit.hpp"
+#include "tools/quilctl/channel_words.hpp"
 #include "tools/quilctl/output.hpp"
 
 using quilclient::ChannelState;
@@ -39,19 +40,6 @@ void limitWait(double timeoutSeconds) {
     constexpr double kMoreSeconds = 1;
     limitTime(timeoutSeconds + kMoreSeconds, "quilctl",
               "the object service does not answer; next: quilctl status --check");
-}
-
-std::string describe(const ChannelState& channel) {
-    if (!channel.isRegistered) {
-        return channel.ppgUrl.empty()
-                   ? "no channel"
-                   : "no channel; the last one was asked for at " + channel.ppgUrl;
-    }
-    const std::string of = "on port " + std::to_string(channel.port) + ", token " + channel.token +
-                           ", push server " + channel.ppgUrl;
-    return channel.isListening ? "channel stands " + of
-                               : "channel without a listener " + of +
-                                     ": nobody takes what is pushed; see quilctl status --check";
 }
 
 }  // namespace
@@ -101,7 +89,7 @@ ExitStatus queryChannel(const std::string& appId, double timeoutSeconds, bool js
         return exitStatusOf(reply.result);
     }
     if (!json) {
-        const std::string words = appId + ": " + describe(channel);
+        const std::string words = appId + ": " + describeChannel(channel);
         std::printf("%s\n", wrapped(visible(words), 0, 0).c_str());
     }
     return channel.isRegistered && channel.isListening ? kDone : kRefused;

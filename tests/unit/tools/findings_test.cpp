@@ -32,11 +32,10 @@ class FindingsTest : public ::testing::Test {
         m_facts.store = {true, 1 << 30, 1 << 30, true, false, ""};
         m_facts.probe.outcome = ProbeResult::Answered;
         m_facts.configuration.isFileRead = true;
-        m_facts.configuration.settings = {{"proxy-host", "127.0.0.1", "default"},
-                                          {"proxy-port", "0", "line 1"},
-                                          {"listen-address", "127.0.0.1", "default"},
-                                          {"push-timeout", "30", "default"},
-                                          {"http-timeout", "60", "line 2"}};
+        m_facts.configuration.settings = {
+            {"proxy-host", "127.0.0.1", "default"},     {"proxy-port", "0", "line 1"},
+            {"listen-address", "127.0.0.1", "default"}, {"allowed-senders", "", "default"},
+            {"push-timeout", "30", "default"},          {"http-timeout", "60", "line 2"}};
         m_facts.isProxyLocal = true;
         for (const char* name : {"PIN", "model", "OS version", "IMSI"}) {
             m_facts.identity.push_back({name, "/pps/x", name, "1", "", true, false});
@@ -155,6 +154,18 @@ TEST_F(FindingsTest, PushesThatWait) {
               "port yet");
 }
 
+TEST_F(FindingsTest, PushesWhoseSendersHaveGone) {
+    m_facts.saved.sessions[0].heldConnections = 3;
+    m_facts.saved.sessions[0].waitingConnections = 3;
+    m_facts.saved.sessions[0].goneSenders = 2;
+    ASSERT_EQ(found(), "pushes-wait? senders-gone?");
+    EXPECT_EQ(findProblems(m_facts)[0].words, "1 push waits for an answer on port 4400 of com.app");
+    EXPECT_EQ(findProblems(m_facts)[1].words,
+              "the senders of 2 pushes on port 4400 of com.app have gone");
+    m_facts.saved.sessions[0].goneSenders = 3;
+    EXPECT_EQ(found(), "senders-gone?");
+}
+
 TEST_F(FindingsTest, WhatThisUserMayNotReadIsNotJudged) {
     m_facts.configuration.isFileRead = false;
     m_facts.configuration.error = EACCES;
@@ -271,6 +282,19 @@ TEST_F(FindingsTest, ListenAddressOfAnotherMachine) {
     EXPECT_EQ(found(), "listen-address");
 }
 
+TEST_F(FindingsTest, AllowedSendersThatAreNoAddresses) {
+    set("allowed-senders", "127.0.0.2, 10.0.0.0/8");
+    EXPECT_EQ(found(), "");
+    set("allowed-senders", "127.0.0.2, 10.0.0.0/8 foo 10.0.0.0/33");
+    ASSERT_EQ(found(), "allowed-senders? allowed-senders?");
+    EXPECT_EQ(findProblems(m_facts)[0].words,
+              "allowed-senders: 'foo' is no address and no network: it lets nobody push");
+    set("allowed-senders", "foo");
+    ASSERT_EQ(found(), "allowed-senders allowed-senders?");
+    EXPECT_EQ(findProblems(m_facts)[0].words,
+              "allowed-senders: no entry is an address: nobody may push");
+}
+
 TEST_F(FindingsTest, TimeoutsOff) {
     set("http-timeout", "0");
     set("push-timeout", "0");
@@ -288,6 +312,18 @@ TEST_F(FindingsTest, SavedSessionsForbiddenTooLongOrDamaged) {
     m_facts.saved.bytes = 100;
     m_facts.saved.isSound = false;
     EXPECT_EQ(found(), "saved-damaged");
+}
+
+TEST_F(FindingsTest, NumberThatIsNotAPort) {
+    m_facts.saved.sessions[0].isListening = false;
+    m_facts.saved.sessions[0].port = 65535;
+    EXPECT_EQ(found(), "port-silent");
+    m_facts.saved.sessions[0].port = 65536;
+    m_facts.saved.sessions.push_back(m_facts.saved.sessions[0]);
+    m_facts.saved.sessions[1].appId = "com.other";
+    EXPECT_EQ(found(), "port-invalid port-invalid");
+    EXPECT_EQ(findProblems(m_facts)[0].words,
+              "port 65536 of com.app is not a port: the push server has to correct it");
 }
 
 TEST_F(FindingsTest, PortBeyondWhatTheAgentWatches) {

@@ -78,6 +78,12 @@ TEST_F(PushCommand, GetsIdAndHeadersInItsEnvironment) {
     EXPECT_EQ(outputOf("printf '%s' \"$QUIL_HEADER_X\""), "1\n2");
 }
 
+TEST_F(PushCommand, IsToldOfAPushThatCameShort) {
+    EXPECT_EQ(outputOf("echo $QUIL_SHORT"), "0\n");
+    m_push.headers.push_back({"Content-Length", " 1000"});
+    EXPECT_EQ(outputOf("echo $QUIL_SHORT"), "1\n");
+}
+
 TEST_F(PushCommand, InheritedVariablesDoNotHideThePush) {
     setenv("QUIL_PUSH_ID", "inherited", 1);
     setenv("QUIL_TEST_OTHER", "kept", 1);

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tools/quilctl/push_length.hpp"
+
 namespace {
 
 // The description without the time in front.
@@ -43,6 +45,34 @@ TEST(PushView, TellsWhoWaitsAndWhatCameBefore) {
               "          | x\n");
 }
 
+TEST(PushView, MarksAPushThatCameShort) {
+    quilclient::Push push = makePush("hi");
+    push.headers = {{"Content-Length", " 5"}};
+    EXPECT_EQ(shown(push).substr(0, 24), "push ' m1', 2 of 5 bytes");
+    EXPECT_EQ(pushAsJson(push)["announced"], 5);
+    EXPECT_EQ(pushAsJson(push)["short"], true);
+    push.data = "hello";
+    EXPECT_EQ(shown(push).substr(0, 19), "push ' m1', 5 bytes");
+    EXPECT_EQ(pushAsJson(push)["short"], false);
+}
+
+TEST(PushLength, IsWhatTheLastContentLengthBeginsWith) {
+    quilclient::Push push = makePush("");
+    EXPECT_FALSE(announcedBytes(push));
+    push.headers = {{"content-length", " 5"}};
+    EXPECT_FALSE(announcedBytes(push)) << "another spelling is another header";
+    push.headers = {{"Content-Length", " 5"}, {"Content-Length", "\t12 or so"}};
+    EXPECT_EQ(announcedBytes(push), 12U);
+    EXPECT_TRUE(isShort(push));
+    for (const char* none : {"", " ", "x5", "-5", "0"}) {
+        push.headers = {{"Content-Length", none}};
+        EXPECT_EQ(announcedBytes(push), 0U) << none;
+        EXPECT_FALSE(isShort(push)) << none;
+    }
+    push.headers = {{"Content-Length", "99999999999999999999999"}};
+    EXPECT_TRUE(isShort(push));
+}
+
 TEST(PushView, ShowsOtherBytesAsADumpWithin80Columns) {
     const std::string text = shown(makePush(std::string("\0\x1b[31mABCDEFGHIJ", 16) + "Z"));
     EXPECT_EQ(text,
@@ -74,6 +104,6 @@ TEST(PushView, LetsNoControlByteThrough) {
 TEST(PushJson, HasEverythingInOrder) {
     EXPECT_EQ(pushAsJson(makePush("hi")).dump(),
               R"({"event":"push","id":" m1","senderWaits":false,"duplicate":false,)"
-              R"("headers":[["A"," 1"]],"bytes":2,"data":"aGk=","text":"hi"})");
+              R"("headers":[["A"," 1"]],"bytes":2,"short":false,"data":"aGk=","text":"hi"})");
     EXPECT_FALSE(pushAsJson(makePush("\xff")).contains("text"));
 }
