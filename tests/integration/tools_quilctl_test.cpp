@@ -102,7 +102,8 @@ TEST_F(Quilctl, ChannelWithoutTokenIsRefused) {
     const ToolRun result = run({"create-channel", "com.app", "--ppg", "http://ppg"});
     EXPECT_EQ(result.status, 1);
     EXPECT_TRUE(contains(joined(result.error), "(code -5)")) << result.error;
-    EXPECT_TRUE(contains(joined(result.error), "next: quilctl trace LOG shows the reason")) << result.error;
+    EXPECT_TRUE(contains(joined(result.error), "next: quilctl trace LOG shows the reason"))
+        << result.error;
 }
 
 TEST_F(Quilctl, DestroyChannelShowsCodeAndMeaningOfARefusal) {
