@@ -77,7 +77,8 @@ void lookForNewerFiles(StatusFacts* facts) {
     for (const std::string& path :
          {std::string("/etc/quilagent.conf"), settingOf(facts->configuration, "rules")}) {
         struct stat file {};
-        if (path.empty() || stat(platformPath(path).c_str(), &file) != 0) {
+        if (path.empty() || stat(platformPath(path).c_str(), &file) != 0 ||
+            !S_ISREG(file.st_mode)) {
             continue;
         }
         const std::chrono::system_clock::time_point change(
